@@ -1,0 +1,125 @@
+/*
+ * bmcredfish: the host's own BMC over Redfish, through the local proxy.
+ *
+ * Every function may be called from any thread. Strings are NUL-terminated
+ * UTF-8. user and password are used only when the first call for a host
+ * creates its connection; later calls for that host reuse it. A null host
+ * means this host's own BMC ("localhost"), whose address comes from the SMBIOS
+ * Redfish host-interface record.
+ *
+ * The library must be enabled by its hosting process first:
+ *   FeatureState_Init(); *GetFeatureState_Slow("REDFISH") = 1;
+ */
+#ifndef BMCREDFISH_H
+#define BMCREDFISH_H
+
+#include <stdbool.h>
+#include <stdint.h>
+
+#if defined(__GNUC__)
+#define BMCREDFISH_API __attribute__((visibility("default")))
+#else
+#define BMCREDFISH_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Power commands, each sent as the Redfish ResetType named beside it. */
+typedef enum REDFISHCMD {
+  REDFISHCMD_ON = 0,                /* "On" */
+  REDFISHCMD_FORCE_OFF = 1,         /* "ForceOff" */
+  REDFISHCMD_FORCE_ON = 2,          /* "ForceOn" */
+  REDFISHCMD_FORCE_RESTART = 3,     /* "ForceRestart" */
+  REDFISHCMD_GRACEFUL_RESTART = 4,  /* "GracefulRestart" */
+  REDFISHCMD_GRACEFUL_SHUTDOWN = 5, /* "GracefulShutdown" */
+  REDFISHCMD_PUSH_POWER_BUTTON = 6, /* "PushPowerButton" */
+  REDFISHCMD_NMI = 7,               /* "Nmi" */
+  REDFISHCMD_POWER_CYCLE = 8        /* "PowerCycle" */
+} REDFISHCMD;
+
+/*
+ * Result codes. Besides these, any HTTP status other than 200 that the BMC or
+ * the proxy answered is returned as it is (for example 204, 404, 409, 503).
+ */
+enum {
+  REDFISH_OK = 0,                          /* success */
+  REDFISH_FEATURE_DISABLED = 1,            /* the host switch "REDFISH" is off; nothing was done */
+  REDFISH_UNKNOWN_VENDOR = 2,              /* the BMC's manufacturer is none of Dell, HPE, Lenovo */
+  REDFISH_ERR_TLS_VERIFY = 10001,          /* TLS verification of the server failed */
+  REDFISH_ERR_INVALID_ARGUMENT = 10002,    /* the HTTP client rejected an argument, or bad method */
+  REDFISH_ERR_TIMEOUT = 10003,             /* no answer within the time-out */
+  REDFISH_ERR_SYSTEM = 10004,              /* a system error (connection refused, ...) */
+  REDFISH_ERR_TRANSPORT = 10005,           /* any other transport failure */
+  REDFISH_ERR_ROUTE_DOCUMENT = 20001,      /* a document lacks a required value (route, ActionInfo) */
+  REDFISH_ERR_BAD_JSON = 20002,            /* a response body is not well-formed JSON */
+  REDFISH_ERR_NO_MEMBERS = 20003,          /* a collection response has no "Members" array */
+  REDFISH_ERR_UNEXPECTED_JSON = 20004,     /* a response body is not of the expected shape */
+  REDFISH_ERR_NO_BMC_ADDRESS = 30001,      /* no BMC IPv4 address in the SMBIOS record */
+  REDFISH_ERR_NO_MEMBER = 40001,           /* no member at that index / no NIC with that MAC */
+  REDFISH_ERR_MAC_MISMATCH = 40002,        /* the BMC's MAC is not the one the caller named */
+  REDFISH_ERR_COMMAND_NOT_ALLOWED = 40003, /* the system does not advertise that reset type */
+  REDFISH_ERR_CREDENTIALS_ENCODING = 40004,/* the credentials are too long to encode */
+  REDFISH_ERR_UNAUTHORIZED = 40005,        /* the BMC refused the credentials (HTTP 401) */
+  REDFISH_ERR_NO_ACTION_NEEDED = 40006     /* the vendor's answer to a reset that needed no action */
+};
+
+/*
+ * Checks the "REDFISH" switch and creates the library's logger once.
+ * Returns 0, or 1 when the switch is off (read afresh on every call). Every
+ * query calls it first.
+ */
+BMCREDFISH_API int Redfish_Initialize(void);
+
+/* Drops the connection of one host (null = "localhost"); unknown hosts are ignored. */
+BMCREDFISH_API void Redfish_CloseConnection(const char* host);
+
+/* Drops every connection. Also runs when the library is unloaded. */
+BMCREDFISH_API void cleanup(void);
+
+/*
+ * The sensors of the BMC's first chassis with a sensor collection, as the
+ * Redfish JSON text the BMC sent. When buffer and length are non-null the text
+ * is copied with snprintf(buffer, *length, ...). On success *length (if length
+ * is non-null) receives the text's full length WITHOUT the NUL: pass a null
+ * buffer to learn it, then a buffer of one byte more. On failure nothing is
+ * written. Returns 0 or a result code.
+ */
+BMCREDFISH_API int Redfish_GetSensorsInfo(const char* user, const char* password, const char* host,
+                                          unsigned int timeoutMs, char* buffer,
+                                          unsigned int* length);
+
+/* *isOn (if non-null) becomes true exactly when the first system's PowerState is "On". */
+BMCREDFISH_API int Redfish_GetPowerState(const char* user, const char* password, const char* host,
+                                         unsigned int timeoutMs, bool* isOn);
+
+/*
+ * The MAC address of a BMC network interface, in the BMC's own notation.
+ * With mac non-null: searches every manager for an interface with exactly that
+ * text (40001 when there is none). With mac null: the last interface of the
+ * first manager. On success, when length is non-null, n = min(*length, MAC
+ * length + 1) bytes INCLUDING the NUL are written to buffer (if non-null) and
+ * *length becomes n.
+ */
+BMCREDFISH_API int Redfish_GetMacAddress(const char* user, const char* password, const char* host,
+                                         const char* mac, unsigned int timeoutMs, char* buffer,
+                                         unsigned int* length);
+
+/*
+ * Sends a power command to the first system, but only when the BMC reached
+ * through host has an interface with exactly the MAC address mac (required).
+ * Returns 0 when the BMC answered 200 or 201; 40002 or 40001 for a MAC the BMC
+ * does not have (nothing sent); 40003 for a command the system does not
+ * advertise (nothing sent); 40006 for the vendor's "no action needed" answer;
+ * otherwise the BMC's HTTP status or another result code. Never sends twice.
+ */
+BMCREDFISH_API int Redfish_PowerOperation(const char* user, const char* password, const char* host,
+                                          const char* mac, REDFISHCMD command,
+                                          unsigned int timeoutMs);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif /* BMCREDFISH_H */
