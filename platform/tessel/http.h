@@ -137,8 +137,10 @@ class ClientResponse : public RefCounted {
   Status GetStatus() const { return Status{code_, ReasonPhrase(code_)}; }
   // Header names compare case-insensitively; the first header of the name wins.
   std::optional<std::string_view> GetHeader(std::string_view name) const;
-  // Copies up to capacity bytes of the body not yet read and returns the count;
-  // returns -1 once the whole body has been read (at once for an empty body).
+  // Copies up to capacity bytes of the body not yet read and returns the count.
+  // The first read returns a count (0 for an empty body); a later read returns
+  // -1 once the body is exhausted. A read with no capacity also ends the body
+  // after the first, so a reading loop can never spin.
   int32_t ReadBody(void* buffer, uint32_t capacity);
 
  private:
@@ -146,6 +148,7 @@ class ClientResponse : public RefCounted {
   std::vector<Header> headers_;
   std::string body_;
   size_t read_ = 0;
+  bool readBefore_ = false;
 };
 
 // A request in flight, as returned by AsyncSendRequest.

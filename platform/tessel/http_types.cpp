@@ -138,7 +138,9 @@ std::optional<std::string_view> ClientResponse::GetHeader(std::string_view name)
 }
 
 int32_t ClientResponse::ReadBody(void* buffer, uint32_t capacity) {
-  if (read_ >= body_.size()) return -1;
+  const bool first = !readBefore_;
+  readBefore_ = true;
+  if (!first && (read_ >= body_.size() || capacity == 0)) return -1;
   size_t n = std::min<size_t>({capacity, body_.size() - read_, 0x7fffffff});
   if (n > 0) std::memcpy(buffer, body_.data() + read_, n);
   read_ += n;
