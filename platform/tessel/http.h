@@ -86,7 +86,12 @@ class Http2SvcConfig : public RefCounted {
 };
 Ref<Http2SvcConfig> GetDefaultHttp2SvcCfg();
 
-class HttpConnectionPool;
+// A pool of connections to one endpoint. Implementations derive from it; it is
+// complete here so that Ref<HttpConnectionPool> can live in any header.
+class HttpConnectionPool : public RefCounted {
+ public:
+  ~HttpConnectionPool() override = default;
+};
 Ref<HttpConnectionPool> CreateHttp2ConnectionPool(ConnectionSpec* spec, Http2SvcConfig* config);
 
 class CookieStore : public RefCounted {
@@ -151,8 +156,11 @@ class ClientResponse : public RefCounted {
   bool readBefore_ = false;
 };
 
-// A request in flight, as returned by AsyncSendRequest.
-class PendingExchange;
+// A request in flight, as returned by AsyncSendRequest. Implementations derive.
+class PendingExchange : public RefCounted {
+ public:
+  ~PendingExchange() override = default;
+};
 using CompletionCallback = std::function<void()>;
 
 class HttpUserAgent : public RefCounted {
