@@ -1,0 +1,173 @@
+#include <rapidjson/document.h>
+#include <rapidjson/pointer.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <vector>
+
+#include "transport/bmc_http_connection.h"
+#include "utils/bmc_redfish_utils.h"
+#include "utils/redfish_status.h"
+
+namespace redfish {
+
+using Tessel::Ref;
+namespace Http = Tessel::Http;
+namespace Service = Tessel::Service;
+
+namespace {
+
+constexpr char kConfigHost[] = "localhost";
+constexpr int kConfigPort = 549;
+constexpr char kBmcApiJsonPath[] = "/portico/config/json/bmcApi.json";
+constexpr char kAddressPointer[] = "/proxy_configuration/clusters/0/endpoints/0/socket_address/address";
+// The route file is small; a longer document is cut here and fails to parse.
+constexpr uint32_t kMaxDocumentBytes = 2048;
+
+// Used when the proxy has no route document yet: local clients only, "/bmc/"
+// rewritten to "/" and sent to the BMC on port 443.
+const std::string kBmcApiJsonTemplate = R"({
+      "proxy_configuration": {
+         "listeners": [{
+            "name": "ALL_HTTP_LISTENERS",
+            "filter_chains": [{
+               "filter_chain_match": {
+                  "source_type": "LOCAL"
+               },
+               "filters": [{
+                  "config": {
+                     "route_config": {
+                        "virtual_hosts": [{
+                           "routes": [{
+                              "route": {
+                                 "cluster": "bmc-cluster",
+                                 "prefix_rewrite": "/"
+                              },
+                              "match": {
+                                 "prefix": "/bmc/"
+                              }
+                           }]
+                        }]
+                     }
+                  }
+               }]
+            }]
+         }],
+         "clusters": [{
+            "name": "bmc-cluster",
+            "type": "STRICT_DNS",
+            "endpoints": [{
+               "socket_address": {
+                  "address": "",
+                  "port_value": 443
+               }
+            }],
+            "tls_context": {
+            },
+            "typed_extension_protocol_options": {
+               "upstreams_http_protocol_options": {
+                  "auto_config": {
+                  }
+               }
+            }
+         } ]
+      }
+   })";
+
+int Level() { return BmcHttpConnection::_logger ? BmcHttpConnection::_logger->GetLevel() : -1; }
+
+}  // namespace
+
+int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
+  std::lock_guard<std::mutex> lock(gMutex);
+  if (_bmcJsonUpdated.load()) return RedfishStatusOk;
+
+  std::string address = host;
+  if (host.empty()) {
+    int result = BmcIpFromSmbios(address);
+    if (result != RedfishStatusOk) return result;
+  }
+
+  std::string document;
+  try {
+    Ref<Http::ConnectionSpec> spec;
+    Http::CreateTCPConnectionSpec(kConfigHost, kConfigPort, false, {}, spec);
+    Ref<Http::HttpUserAgent> agent = Http::CreateHttpUserAgent(spec.Get());
+    Ref<Http::ClientRequest> request;
+    Http::CreateHttpRequest(Http::Get, kBmcApiJsonPath, request);
+    Ref<Http::ClientResponse> response;
+    agent->SendRequest(request.Get(), response);
+    const Http::ClientResponse::Status status = response->GetStatus();
+    if (status.code == Http::ResponseCode::Ok) {
+      if (Level() >= 5) {
+        Service::LogInternal(_logger, 5, "GET of %1 was successful (%2)", kBmcApiJsonPath,
+                             status.reason);
+      }
+      std::vector<char> buffer(kMaxDocumentBytes);
+      int32_t n = response->ReadBody(buffer.data(), kMaxDocumentBytes);
+      if (n > 0) document.assign(buffer.data(), static_cast<size_t>(n));
+    } else {
+      if (Level() >= 3) Service::LogInternal(_logger, 3, "GET request failed: %1", status.reason);
+      if (status.code != Http::ResponseCode::NotFound) return status.code;
+      document = kBmcApiJsonTemplate;
+    }
+  } catch (const Tessel::Exception& e) {
+    if (Level() >= 3) Service::LogInternal(_logger, 3, "GET request error: %1", e.what());
+    return RedfishStatusSystemError;
+  }
+
+  rapidjson::Document json;
+  ParseJson(json, document);
+  const rapidjson::Pointer pointer(kAddressPointer);
+  rapidjson::Value* value = json.HasParseError() ? nullptr : pointer.Get(json);
+  if (value == nullptr) return RedfishStatusDocumentIncomplete;
+
+  // A value that is not a string is treated as a mismatch and overwritten.
+  const std::string current = value->IsString() ? std::string(value->GetString(), value->GetStringLength())
+                                                : std::string();
+  if (Level() >= 5) {
+    Service::LogInternal(_logger, 5, "[UpdateBmcApiJson::UpdatedJson] address: %1", current);
+  }
+  if (value->IsString() && current == address) {
+    if (Level() >= 5) {
+      Service::LogInternal(_logger, 5,
+                           "[UpdateBmcApiJson::UpdatedJson] address matches ZIRN redfishInfo");
+    }
+    _bmcJsonUpdated.store(true);
+    return RedfishStatusOk;
+  }
+
+  value->SetString(address.c_str(), static_cast<rapidjson::SizeType>(address.size()),
+                   json.GetAllocator());
+  rapidjson::StringBuffer text;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(text);
+  json.Accept(writer);
+
+  try {
+    Ref<Http::ConnectionSpec> spec;
+    Http::CreateTCPConnectionSpec(kConfigHost, kConfigPort, false, {}, spec);
+    Ref<Http::HttpUserAgent> agent = Http::CreateHttpUserAgent(spec.Get());
+    Ref<Http::ClientRequest> request;
+    Http::CreateHttpRequest(Http::Put, kBmcApiJsonPath, request);
+    request->SetBody(text.GetString(), static_cast<uint32_t>(text.GetSize()));
+    request->SetHeader("Content-Type", "application/json");
+    Ref<Http::ClientResponse> response;
+    agent->SendRequest(request.Get(), response);
+    const Http::ClientResponse::Status status = response->GetStatus();
+    if (status.code != Http::ResponseCode::NoContent) {
+      if (Level() >= 3) Service::LogInternal(_logger, 3, "PUT request failed: %1", status.reason);
+      return status.code;
+    }
+    if (Level() >= 5) {
+      Service::LogInternal(_logger, 5, "POST of %1 was successful (%2)", kBmcApiJsonPath,
+                           status.reason);
+    }
+  } catch (const Tessel::Exception& e) {
+    if (Level() >= 3) Service::LogInternal(_logger, 3, "PUT request error: %1", e.what());
+    return RedfishStatusSystemError;
+  }
+  _bmcJsonUpdated.store(true);
+  return RedfishStatusOk;
+}
+
+}  // namespace redfish

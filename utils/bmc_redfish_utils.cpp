@@ -1,0 +1,148 @@
+#include "utils/bmc_redfish_utils.h"
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <algorithm>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include "utils/redfish_status.h"
+
+namespace redfish {
+
+namespace Service = Tessel::Service;
+using Tessel::Detail::ASPrintInternal;
+
+namespace {
+
+const std::unordered_map<std::string, RedfishOem> kVendorNames = {
+    {"Dell", RedfishOemDell},
+    {"HPE", RedfishOemHPE},
+    {"Lenovo", RedfishOemLenovo},
+};
+
+// First member of that name (rapidjson's FindMember takes the first too), or
+// null when the value is not an object.
+const rapidjson::Value* Member(const rapidjson::Value& object, const char* name) {
+  if (!object.IsObject()) return nullptr;
+  auto it = object.FindMember(name);
+  return it == object.MemberEnd() ? nullptr : &it->value;
+}
+
+// A value read as text: strings as they are, other JSON as its compact text,
+// a missing value as empty.
+std::string Compact(const rapidjson::Value& value) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  value.Accept(writer);
+  return std::string(buffer.GetString(), buffer.GetSize());
+}
+
+std::string AsText(const rapidjson::Value* value) {
+  if (value == nullptr || value->IsNull()) return {};
+  if (value->IsString()) return std::string(value->GetString(), value->GetStringLength());
+  return Compact(*value);
+}
+
+constexpr size_t kMaxWriteDepth = 1000;
+
+size_t NestingDepth(const rapidjson::Value& root) {
+  std::vector<std::pair<const rapidjson::Value*, size_t>> stack{{&root, 1}};
+  size_t deepest = 0;
+  while (!stack.empty()) {
+    auto [value, depth] = stack.back();
+    stack.pop_back();
+    deepest = std::max(deepest, depth);
+    if (deepest > kMaxWriteDepth) break;
+    if (value->IsArray()) {
+      for (const auto& v : value->GetArray()) stack.emplace_back(&v, depth + 1);
+    } else if (value->IsObject()) {
+      for (const auto& m : value->GetObject()) stack.emplace_back(&m.value, depth + 1);
+    }
+  }
+  return deepest;
+}
+
+}  // namespace
+
+const rapidjson::Value* JsonMember(const rapidjson::Value& value, const char* name) {
+  return Member(value, name);
+}
+
+bool JsonString(const rapidjson::Value& value, const char* name, std::string& out) {
+  const rapidjson::Value* member = Member(value, name);
+  if (member == nullptr || !member->IsString()) return false;
+  out.assign(member->GetString(), member->GetStringLength());
+  return true;
+}
+
+void ParseJson(rapidjson::Document& document, const std::string& text) {
+  // Iterative parsing accepts exactly what the default parser does, but a
+  // deeply nested body cannot exhaust the stack.
+  document.Parse<rapidjson::kParseIterativeFlag>(text.c_str());
+}
+
+int BmcRedfishUtils::VerifyJson(Service::Logger* logger, const std::string& json,
+                                rapidjson::Document& document, bool requireMembers) {
+  const int level = logger ? logger->GetLevel() : -1;
+  ParseJson(document, json);
+  if (document.HasParseError()) {
+    if (level >= 3) Service::LogInternal(logger, 3, "Bad JSON: '%1'", json);
+    if (level >= 5) {
+      Service::LogInternal(logger, 5, "ParseError: %1 Error Offset: %2",
+                           static_cast<int>(document.GetParseError()),
+                           static_cast<uint64_t>(document.GetErrorOffset()));
+    }
+    return RedfishStatusBadJson;
+  }
+
+  const rapidjson::Value* error = Member(document, "error");
+  if (error != nullptr && error->IsObject()) {
+    std::string report = "Redfish Error Detected:";
+    if (const rapidjson::Value* code = Member(*error, "code")) {
+      report += ASPrintInternal(" Code='%1'", AsText(code));
+    }
+    if (const rapidjson::Value* message = Member(*error, "message")) {
+      report += ASPrintInternal(" Message='%1'", AsText(message));
+    }
+    const rapidjson::Value* info = Member(*error, "@Message.ExtendedInfo");
+    if (info != nullptr && info->IsArray()) {
+      // Each element that has a "Message" adds one Detail item, whose text is
+      // the error object's own "Message" (usually absent, so empty).
+      const std::string detail = AsText(Member(*error, "Message"));
+      for (const rapidjson::Value& element : info->GetArray()) {
+        if (Member(element, "Message") != nullptr) report += ASPrintInternal(" Detail: %1", detail);
+      }
+    }
+    if (level >= 3) Service::LogInternal(logger, 3, "%1", report);
+  }
+
+  if (!requireMembers) return RedfishStatusOk;
+  const rapidjson::Value* members = Member(document, "Members");
+  if (members != nullptr && members->IsArray()) return RedfishStatusOk;
+
+  // The writer recurses; a pathologically deep body is logged as received.
+  const std::string compact = NestingDepth(document) <= kMaxWriteDepth ? Compact(document) : json;
+  if (level >= 3) {
+    Service::LogInternal(logger, 3, "Couldn't find \"Members[]\" in the JSON object: %1", compact);
+  }
+  return RedfishStatusNoMembers;
+}
+
+int BmcRedfishUtils::StringToRedfishOem(Service::Logger* logger, const std::string& manufacturer,
+                                        RedfishOem& oem) {
+  for (const auto& [name, value] : kVendorNames) {
+    if (manufacturer.compare(0, name.size(), name) == 0) {
+      if (logger != nullptr && logger->GetLevel() >= 5) {
+        Service::LogInternal(logger, 5, "OEM: %1", manufacturer);
+      }
+      oem = value;
+      return RedfishStatusOk;
+    }
+  }
+  return RedfishStatusUnknownVendor;
+}
+
+}  // namespace redfish
