@@ -1,0 +1,105 @@
+#include "api/connection_registry.h"
+
+#include <atomic>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "bmcredfish.h"
+#include "platform/feature_state.h"
+#include "utils/redfish_status.h"
+
+namespace redfish {
+
+namespace Service = Tessel::Service;
+
+namespace {
+
+constexpr char kLocalHostKey[] = "localhost";
+constexpr int kLoggerLevel = 6;
+
+std::mutex gLoggerMutex;
+Tessel::Ref<Service::Logger> gRedfishLogger;
+std::atomic<Service::Logger*> gLoggerPtr{nullptr};
+
+std::mutex gConnectionsMutex;
+// Never destroyed: the finaliser may run after static destructors.
+auto& gConnections = *new std::unordered_map<std::string, BmcRedfishConnection*>();
+
+std::string HostKey(const char* host) { return host ? std::string(host) : kLocalHostKey; }
+
+}  // namespace
+
+Service::Logger* LibraryLogger() { return gLoggerPtr.load(std::memory_order_acquire); }
+
+int GetOrCreateConnection(const char* user, const char* password, const char* host,
+                          BmcRedfishConnection** connection) {
+  std::lock_guard<std::mutex> lock(gConnectionsMutex);
+  Service::Logger* logger = LibraryLogger();
+  const std::string key = HostKey(host);
+  auto found = gConnections.find(key);
+  if (found != gConnections.end()) {
+    Service::LogInternal(logger, 5, "Using EXISTING Redfish Connection for '%1'", key);
+    *connection = found->second;
+    return RedfishStatusOk;
+  }
+  Service::LogInternal(logger, 5, "Creating new Redfish Connection for '%1'", key);
+  // The host's own BMC is reached by its SMBIOS address: an empty host says so.
+  const std::string connectionHost = key == kLocalHostKey ? std::string() : key;
+  const std::string userText(user);
+  const std::string passwordText(password);
+  try {
+    auto* created = new BmcRedfishConnection(connectionHost, userText, passwordText,
+                                             Tessel::Ref<Service::Logger>(logger));
+    gConnections[key] = created;
+    *connection = created;
+    return RedfishStatusOk;
+  } catch (int code) {
+    // Only int failures are reported here; the credential failure, thrown as a
+    // status value, reaches the caller as an exception.
+    Service::LogInternal(logger, 3, "Failed to create Redfish Connection for %1: %2",
+                         key.empty() ? std::string("BMC from Korva host") : key, code);
+    return code;
+  }
+}
+
+}  // namespace redfish
+
+using redfish::BmcRedfishConnection;
+using redfish::gConnections;
+using redfish::gConnectionsMutex;
+using redfish::gLoggerMutex;
+using redfish::gLoggerPtr;
+using redfish::gRedfishLogger;
+
+extern "C" BMCREDFISH_API int Redfish_Initialize(void) {
+  FeatureState_Init();
+  const uint8_t* enabled = GetFeatureState_Slow("REDFISH");
+  if (enabled == nullptr || *enabled == 0) return redfish::RedfishStatusFeatureDisabled;
+  if (gLoggerPtr.load(std::memory_order_acquire) != nullptr) return redfish::RedfishStatusOk;
+  // Created once: connections keep a plain pointer to it.
+  std::lock_guard<std::mutex> lock(gLoggerMutex);
+  if (!gRedfishLogger) {
+    gRedfishLogger = Tessel::Service::CreateLogger("Redfish");
+    gRedfishLogger->SetLevel(redfish::kLoggerLevel);
+    gLoggerPtr.store(gRedfishLogger.Get(), std::memory_order_release);
+  }
+  return redfish::RedfishStatusOk;
+}
+
+extern "C" BMCREDFISH_API void Redfish_CloseConnection(const char* host) {
+  std::lock_guard<std::mutex> lock(gConnectionsMutex);
+  auto found = gConnections.find(redfish::HostKey(host));
+  if (found == gConnections.end()) return;
+  delete found->second;
+  gConnections.erase(found);
+}
+
+extern "C" BMCREDFISH_API void cleanup(void) {
+  std::lock_guard<std::mutex> lock(gConnectionsMutex);
+  for (auto& entry : gConnections) delete entry.second;
+  gConnections.clear();
+}
+
+// Runs cleanup when the library is unloaded or the process exits.
+__attribute__((destructor)) static void FinaliseLibrary() { cleanup(); }
