@@ -1,0 +1,133 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "platform/feature_state.h"
+#include "platform/mirel/base64.h"
+#include "platform/tessel/format.h"
+#include "platform/tessel/logging.h"
+#include "platform/tessel/ref.h"
+
+using Tessel::Detail::ASPrintInternal;
+
+TEST(Format, PositionalArgumentsOfEveryKind) {
+  const char* nullText = nullptr;
+  uint8_t counter = 200;
+  int8_t small = -5;
+  EXPECT_EQ(ASPrintInternal("%2 then %1", "a", std::string("b")), "b then a");
+  EXPECT_EQ(ASPrintInternal("[%1]", nullText), "[]");
+  EXPECT_EQ(ASPrintInternal("%1 %2 %3", counter, small, uint64_t{18446744073709551615u}),
+            "200 -5 18446744073709551615");
+  EXPECT_EQ(ASPrintInternal("%1%%", 50), "50%");
+  EXPECT_EQ(ASPrintInternal("%1 and %3", "x"), "x and %3");  // missing argument kept
+  EXPECT_EQ(ASPrintInternal("%10", "a", "b", "c", "d", "e", "f", "g", "h", "i", "ten"), "ten");
+  EXPECT_EQ(ASPrintInternal("100% sure %"), "100% sure %");
+}
+
+TEST(Logging, LevelGatesMessagesAndSinkSeesTextUnchanged) {
+  std::vector<std::pair<int, std::string>> seen;
+  Tessel::Service::SetLogSink([&](const Tessel::Service::Logger& logger, int level, const std::string& text) {
+    EXPECT_EQ(logger.GetName(), "Redfish");
+    seen.emplace_back(level, text);
+  });
+  auto logger = Tessel::Service::CreateLogger("Redfish");
+  logger->SetLevel(3);
+  Tessel::Service::LogInternal(logger, 5, "hidden %1", 1);
+  Tessel::Service::LogInternal(logger, 3, "shown %1\n", "text");
+  Tessel::Service::LogInternal(static_cast<Tessel::Service::Logger*>(nullptr), 1, "no logger");
+  Tessel::Service::SetLogSink(nullptr);
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_EQ(seen[0].first, 3);
+  EXPECT_EQ(seen[0].second, "shown text\n");
+}
+
+TEST(Logging, DefaultSinkWritesOneLineToStandardError) {
+  auto logger = Tessel::Service::CreateLogger("Redfish");
+  logger->SetLevel(6);
+  testing::internal::CaptureStderr();
+  Tessel::Service::LogInternal(logger, 5, "Creating %1", "x");
+  std::string out = testing::internal::GetCapturedStderr();
+  EXPECT_NE(out.find("Redfish[5] Creating x\n"), std::string::npos) << out;
+  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1);
+}
+
+namespace {
+struct Counted : Tessel::RefCounted {
+  explicit Counted(int* deaths) : deaths(deaths) {}
+  ~Counted() override { ++*deaths; }
+  int* deaths;
+};
+}  // namespace
+
+TEST(Ref, CountsCopiesAndFreesOnLastRelease) {
+  int deaths = 0;
+  {
+    Tessel::Ref<Counted> a = Tessel::MakeRef<Counted>(&deaths);
+    EXPECT_EQ(a->RefCount(), 1);
+    Tessel::Ref<Counted> b = a;
+    EXPECT_EQ(a->RefCount(), 2);
+    Tessel::Ref<Counted> c = std::move(b);
+    EXPECT_FALSE(b);
+    EXPECT_EQ(a->RefCount(), 2);
+    c = nullptr;
+    EXPECT_EQ(a->RefCount(), 1);
+    a = a;  // self-assignment keeps the object
+    EXPECT_EQ(deaths, 0);
+  }
+  EXPECT_EQ(deaths, 1);
+}
+
+TEST(Base64, Rfc4648VectorsAndCredentials) {
+  const std::pair<const char*, const char*> vectors[] = {
+      {"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},         {"foo", "Zm9v"},
+      {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
+      {"admin:secret", "YWRtaW46c2VjcmV0"}, {":", "Og=="}};
+  for (const auto& [in, out] : vectors) {
+    char buffer[64];
+    size_t n = 99;
+    ASSERT_TRUE(Base64_Encode(in, std::strlen(in), buffer, sizeof buffer, &n)) << in;
+    EXPECT_STREQ(buffer, out);
+    EXPECT_EQ(n, std::strlen(out));
+  }
+  const uint8_t binary[] = {0x00, 0xff, 0x10};
+  char buffer[8];
+  size_t n = 0;
+  ASSERT_TRUE(Base64_Encode(binary, 3, buffer, sizeof buffer, &n));
+  EXPECT_STREQ(buffer, "AP8Q");
+}
+
+TEST(Base64, RefusesAnOutputThatDoesNotFitAndReportsTheNeededLength) {
+  std::string text(382, 'x');
+  char buffer[512];
+  size_t n = 0;
+  EXPECT_FALSE(Base64_Encode(text.data(), text.size(), buffer, sizeof buffer, &n));
+  EXPECT_EQ(n, 512u);
+  text.resize(381);
+  EXPECT_TRUE(Base64_Encode(text.data(), text.size(), buffer, sizeof buffer, &n));
+  EXPECT_EQ(n, 508u);
+}
+
+TEST(FeatureState, ConcurrentFirstUseSeesOneTableWithRedfishOff) {
+  EXPECT_EQ(GetFeatureState_Slow("REDFISH"), nullptr);  // not initialised yet
+  std::vector<std::thread> threads;
+  std::vector<uint8_t*> seen(16);
+  for (int i = 0; i < 16; ++i) {
+    threads.emplace_back([&, i] {
+      FeatureState_Init();
+      seen[i] = GetFeatureState_Slow("REDFISH");
+    });
+  }
+  for (auto& t : threads) t.join();
+  for (auto* p : seen) {
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p, seen[0]);
+  }
+  EXPECT_EQ(*seen[0], 0);
+  *GetFeatureState_Slow("REDFISH") = 1;
+  FeatureState_Init();  // again: keeps the state
+  EXPECT_EQ(*GetFeatureState_Slow("REDFISH"), 1);
+  EXPECT_EQ(GetFeatureState_Slow("NO_SUCH_SWITCH"), nullptr);
+  EXPECT_EQ(GetFeatureState_Slow(nullptr), nullptr);
+}
