@@ -1,0 +1,319 @@
+#include "transport/bmc_http_connection.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "tests/fakes/fake_sysinfo.h"
+#include "tests/unit/test_support.h"
+
+using redfish::BmcHttpConnection;
+using test_support::LogCapture;
+using namespace std::chrono_literals;
+namespace Http = Tessel::Http;
+
+namespace {
+
+constexpr char kDocPath[] = "/portico/config/json/bmcApi.json";
+
+struct Transport : testing::Test {
+  Transport() {
+    auto logger = Tessel::Service::CreateLogger("Redfish");
+    logger->SetLevel(6);
+    bmc = BmcHttpConnection::GetInstance(logger);
+    BmcHttpConnection::_logger->SetLevel(6);
+    BmcHttpConnection::_bmcJsonUpdated = false;
+    fake_sysinfo::Current() = {};
+    fake_sysinfo::SetIpv4(127, 0, 42, 1);
+  }
+  int Send(int method, std::chrono::milliseconds timeout = 1000ms) {
+    Tessel::Ref<Http::ClientRequest> request;
+    Http::CreateHttpRequest(static_cast<Http::HttpMethod>(method), "/bmc/redfish/v1", request);
+    response = nullptr;
+    return bmc->SendRequestToProxy("/bmc/redfish/v1", request, response,
+                                   static_cast<Http::HttpMethod>(method), timeout);
+  }
+  BmcHttpConnection* bmc;
+  Tessel::Ref<Http::ClientResponse> response;
+  LogCapture log;
+};
+
+}  // namespace
+
+TEST_F(Transport, SingletonIsCreatedOnceAndKeepsTheFirstLogger) {
+  std::vector<BmcHttpConnection*> seen(8);
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 8; ++i) {
+    threads.emplace_back([&, i] { seen[i] = BmcHttpConnection::GetInstance(Tessel::Service::CreateLogger("other")); });
+  }
+  for (auto& t : threads) t.join();
+  for (auto* p : seen) EXPECT_EQ(p, bmc);
+  EXPECT_EQ(BmcHttpConnection::_logger->GetName(), "Redfish");
+}
+
+TEST_F(Transport, EveryRequestGetsAFreshAgentOnOnePoolToTheProxy) {
+  auto a = bmc->CreateUserAgent();
+  auto b = bmc->CreateUserAgent();
+  EXPECT_NE(a.Get(), b.Get());
+  EXPECT_NE(a->GetCookieStore(), b->GetCookieStore());
+  EXPECT_EQ(a->GetConnectionPool(), b->GetConnectionPool());
+  EXPECT_EQ(a->GetConnectionSpec()->ToString(), "http://localhost:80");
+  EXPECT_FALSE(a->GetConnectionSpec()->IsTls());
+  EXPECT_FALSE(a->GetConnectionSpec()->GetSocketCallback());
+  EXPECT_EQ(fake_http::PoolsCreated(), 1);
+  auto lines = log.Texts();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "Creating SideCar HTTP2 ConnectionPool"), 2);
+}
+
+TEST_F(Transport, StatusesAndMethodsMapToResults) {
+  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Json(200, "{}"); });
+  EXPECT_EQ(Send(Http::Get), 0);
+  EXPECT_TRUE(log.Has(5, "Successfully called portico config file GET from /bmc/redfish/v1"));
+
+  for (int status : {201, 204}) {
+    fake_http::SetHandler([=](const fake_http::Request&) { return fake_http::Json(status, ""); });
+    EXPECT_EQ(Send(Http::Post), status);
+    EXPECT_EQ(Send(Http::Delete), status);
+  }
+  EXPECT_TRUE(log.Has(3, "POST: Error getting from /bmc/redfish/v1: 204 (No Content)"));
+  EXPECT_TRUE(log.Has(3, "DELETE: Error getting from /bmc/redfish/v1: 201 (Created)"));
+
+  log.Clear();
+  EXPECT_EQ(Send(Http::Head), 10002);  // sent and answered, then refused
+  EXPECT_TRUE(log.Has(3, "Invalid HTTP method request"));
+  EXPECT_EQ(fake_http::Requests().back().method, Http::Head);
+}
+
+TEST_F(Transport, RedirectIsReportedWithItsLocationNeverFollowed) {
+  fake_http::SetHandler([](const fake_http::Request&) {
+    auto r = fake_http::Json(302, "");
+    r.headers.push_back({"location", "/elsewhere"});
+    return r;
+  });
+  EXPECT_EQ(Send(Http::Get), 302);
+  EXPECT_TRUE(log.Has(5, "[ClientResponse::LOCATION] /elsewhere"));
+  EXPECT_TRUE(log.Has(3, "GET: Error getting from /bmc/redfish/v1: 302 (Found)"));
+  EXPECT_EQ(fake_http::Requests().size(), 1u);
+
+  log.Clear();
+  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Json(302, ""); });
+  EXPECT_EQ(Send(Http::Get), 302);
+  EXPECT_FALSE(log.HasPrefix(5, "[ClientResponse::LOCATION]"));
+}
+
+TEST_F(Transport, PlatformExceptionsBecomeCodesWithTheirLogLines) {
+  const struct {
+    fake_http::Reply reply;
+    int code;
+    std::string line;
+  } cases[] = {
+      {fake_http::Throw<Tessel::Ssl::SSLVerifyException>("bad cert"), 10001,
+       "GET: Failed SSL verification of server with hostname 'http://localhost:80': bad cert"},
+      {fake_http::Throw<Tessel::InvalidArgumentException>("bad arg"), 10002,
+       "GET: Response from http://localhost:80 timed out after 1000 milliseconds: bad arg"},
+      {fake_http::Throw<Tessel::TimeoutException>("slow"), 10003,
+       "GET: Response from http://localhost:80 timed out after 1000 milliseconds: slow"},
+      {fake_http::Throw<Tessel::SystemException>(111, "refused"), 10004, ""},
+      {fake_http::Throw<Tessel::Exception>("reset"), 10005,
+       "GET: AsyncSendRequest to http://localhost:80 failed : reset"},
+  };
+  for (const auto& c : cases) {
+    log.Clear();
+    fake_http::SetHandler([&](const fake_http::Request&) { return c.reply; });
+    EXPECT_EQ(Send(Http::Get), c.code);
+    if (c.line.empty()) {
+      EXPECT_TRUE(log.Lines().size() <= 1u) << "only the pool trace line";
+    } else {
+      EXPECT_TRUE(log.Has(3, c.line)) << c.line;
+    }
+  }
+}
+
+TEST_F(Transport, ConnectTimeoutIsRetriedWhileTimeIsLeftOnly) {
+  int attempts = 0;
+  fake_http::SetHandler([&](const fake_http::Request&) {
+    return ++attempts == 1 ? fake_http::Throw<Tessel::SystemException>(110, "connect timed out")
+                           : fake_http::Json(200, "{}");
+  });
+  EXPECT_EQ(Send(Http::Post, 0ms), 0);
+  EXPECT_EQ(attempts, 2);
+  auto requests = fake_http::Requests();
+  ASSERT_EQ(requests.size(), 2u);
+  EXPECT_EQ(requests[0].waitLimitUs, 4000000);  // 0 means the 4 s default, per attempt
+  EXPECT_EQ(requests[1].waitLimitUs, 4000000);
+  EXPECT_TRUE(log.HasPrefix(5, "POST: Retrying connection to http://localhost:80. Time left: "));
+
+  // After the deadline: no further attempt.
+  attempts = 0;
+  fake_http::SetHandler([&](const fake_http::Request&) {
+    ++attempts;
+    std::this_thread::sleep_for(5ms);
+    return fake_http::Throw<Tessel::SystemException>(110, "connect timed out");
+  });
+  EXPECT_EQ(Send(Http::Get, 1ms), 10004);
+  EXPECT_EQ(attempts, 1);
+}
+
+TEST_F(Transport, QuietBelowLevelThree) {
+  BmcHttpConnection::_logger->SetLevel(2);
+  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Json(404, ""); });
+  EXPECT_EQ(Send(Http::Get), 404);
+  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Throw<Tessel::Exception>("x"); });
+  EXPECT_EQ(Send(Http::Get), 10005);
+  EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST_F(Transport, GlobalMutexIsFreeWhileARequestIsInFlight) {
+  bool lockable = false;
+  fake_http::SetHandler([&](const fake_http::Request&) {
+    std::thread probe([&] {
+      if (BmcHttpConnection::gMutex.try_lock()) {
+        lockable = true;
+        BmcHttpConnection::gMutex.unlock();
+      }
+    });
+    probe.join();
+    return fake_http::Json(200, "{}");
+  });
+  EXPECT_EQ(Send(Http::Get), 0);
+  EXPECT_TRUE(lockable);
+}
+
+TEST(BmcIpFromSmbios, FormatsTheRecordsAddress) {
+  auto logger = Tessel::Service::CreateLogger("Redfish");
+  logger->SetLevel(6);
+  BmcHttpConnection* bmc = BmcHttpConnection::GetInstance(logger);
+  LogCapture log;
+  const struct {
+    std::array<uint8_t, 4> octets;
+    const char* text;
+  } cases[] = {{{10, 0, 0, 42}, "10.0.0.42"}, {{255, 255, 255, 255}, "255.255.255.255"}, {{0, 0, 0, 0}, "0.0.0.0"}};
+  for (const auto& c : cases) {
+    fake_sysinfo::SetIpv4(c.octets[0], c.octets[1], c.octets[2], c.octets[3], 3);
+    std::string ip = "unchanged";
+    EXPECT_EQ(bmc->BmcIpFromSmbios(ip), 0);
+    EXPECT_EQ(ip, c.text);
+    EXPECT_TRUE(log.Has(5, std::string("BMC IP4 addr: ") + c.text));
+  }
+  EXPECT_TRUE(log.Has(5, "IP Discovery type : 3"));
+
+  std::string ip = "unchanged";
+  fake_sysinfo::Current().record[4] = 0;  // IPv6 only
+  EXPECT_EQ(bmc->BmcIpFromSmbios(ip), 30001);
+  EXPECT_EQ(ip, "unchanged");
+
+  fake_sysinfo::Current().getStatus = 3;
+  EXPECT_EQ(bmc->BmcIpFromSmbios(ip), 30001);
+  EXPECT_TRUE(log.Has(3, "Failed to get rfInfo zirn node: scripted sysinfo failure"));
+
+  const int reads = fake_sysinfo::Current().getCalls;
+  fake_sysinfo::Current().checkSig = 1;
+  EXPECT_EQ(bmc->BmcIpFromSmbios(ip), 30001);
+  EXPECT_EQ(fake_sysinfo::Current().getCalls, reads) << "the node is not read";
+  EXPECT_TRUE(log.Has(3, "MD5 signature mismatch with running nucleus built on KKKKKKKKKKKKKKKKKKKK "
+                         "(my build date: Nov 01 2026)\n"));
+}
+
+namespace {
+
+struct RouteDocument : Transport {
+  // The proxy's configuration endpoint: answers GET with getReply, PUT with putReply.
+  void Script(fake_http::Reply getReply, fake_http::Reply putReply = fake_http::Json(204, "")) {
+    fake_http::SetHandler([=](const fake_http::Request& r) {
+      EXPECT_EQ(r.endpoint, "http://localhost:549");
+      EXPECT_TRUE(r.synchronous);
+      EXPECT_EQ(r.target, kDocPath);
+      return r.method == Http::Get ? getReply : putReply;
+    });
+  }
+  std::vector<fake_http::Request> Puts() {
+    std::vector<fake_http::Request> out;
+    for (auto& r : fake_http::Requests()) {
+      if (r.method == Http::Put) out.push_back(r);
+    }
+    return out;
+  }
+};
+
+const char kCompactTemplate[] =
+    R"({"proxy_configuration":{"listeners":[{"name":"ALL_HTTP_LISTENERS","filter_chains":[{"filter_chain_match":{"source_type":"LOCAL"},"filters":[{"config":{"route_config":{"virtual_hosts":[{"routes":[{"route":{"cluster":"bmc-cluster","prefix_rewrite":"/"},"match":{"prefix":"/bmc/"}}]}]}}}]}]}],"clusters":[{"name":"bmc-cluster","type":"STRICT_DNS","endpoints":[{"socket_address":{"address":"127.0.42.1","port_value":443}}],"tls_context":{},"typed_extension_protocol_options":{"upstreams_http_protocol_options":{"auto_config":{}}}}]}})";
+
+std::string Document(const std::string& address) {
+  return R"({"proxy_configuration":{"clusters":[{"endpoints":[{"socket_address":{"address":")" +
+         address + R"(","port_value":443}}]}]},"other":[1,2]})";
+}
+
+}  // namespace
+
+TEST_F(RouteDocument, MissingDocumentIsWrittenFromTheTemplateOnce) {
+  Script(fake_http::Json(404, ""));
+  EXPECT_EQ(bmc->UpdateBmcApiJson(""), 0);
+  EXPECT_TRUE(log.Has(3, "GET request failed: Not Found"));
+  EXPECT_TRUE(log.Has(5, "POST of /portico/config/json/bmcApi.json was successful (No Content)"));
+  auto puts = Puts();
+  ASSERT_EQ(puts.size(), 1u);
+  EXPECT_EQ(puts[0].body, kCompactTemplate);
+  EXPECT_EQ(puts[0].Header("Content-Type"), "application/json");
+  EXPECT_TRUE(BmcHttpConnection::_bmcJsonUpdated);
+
+  EXPECT_EQ(bmc->UpdateBmcApiJson("10.9.9.9"), 0);
+  EXPECT_EQ(fake_http::Requests().size(), 2u) << "the second call sends nothing";
+}
+
+TEST_F(RouteDocument, DocumentNamingTheAddressIsLeftAlone) {
+  Script(fake_http::Json(200, Document("10.1.2.3")));
+  EXPECT_EQ(bmc->UpdateBmcApiJson("10.1.2.3"), 0);
+  EXPECT_TRUE(Puts().empty());
+  EXPECT_EQ(fake_sysinfo::Current().getCalls, 0) << "a given host needs no discovery";
+  EXPECT_TRUE(log.Has(5, "[UpdateBmcApiJson::UpdatedJson] address matches ZIRN redfishInfo"));
+}
+
+TEST_F(RouteDocument, OtherAddressIsReplacedKeepingTheRest) {
+  Script(fake_http::Json(200, Document("10.0.0.1")));
+  EXPECT_EQ(bmc->UpdateBmcApiJson(""), 0);
+  auto puts = Puts();
+  ASSERT_EQ(puts.size(), 1u);
+  EXPECT_EQ(puts[0].body, Document("127.0.42.1"));
+}
+
+TEST_F(RouteDocument, FailuresLeaveTheFlagDown) {
+  const struct {
+    fake_http::Reply get;
+    fake_http::Reply put;
+    int result;
+  } cases[] = {
+      {fake_http::Json(503, ""), fake_http::Json(204, ""), 503},
+      {fake_http::Json(404, ""), fake_http::Json(200, ""), 200},
+      {fake_http::Json(200, "not json"), fake_http::Json(204, ""), 20001},
+      {fake_http::Json(200, ""), fake_http::Json(204, ""), 20001},
+      {fake_http::Json(200, R"({"proxy_configuration":{"clusters":[]}})"), fake_http::Json(204, ""), 20001},
+      {fake_http::Json(200, R"({"proxy_configuration":{"clusters":[{"endpoints":[]}]}})"), fake_http::Json(204, ""), 20001},
+      {fake_http::Json(200, Document("x") + std::string(2100, ' ')), fake_http::Json(204, ""), 0},
+      {fake_http::Json(200, R"({"big":")" + std::string(2100, 'x') + "\"}"), fake_http::Json(204, ""), 20001},
+      {fake_http::Throw<Tessel::SystemException>(111, "refused"), fake_http::Json(204, ""), 10004},
+      {fake_http::Json(404, ""), fake_http::Throw<Tessel::Exception>("reset"), 10004},
+  };
+  for (const auto& c : cases) {
+    BmcHttpConnection::_bmcJsonUpdated = false;
+    Script(c.get, c.put);
+    EXPECT_EQ(bmc->UpdateBmcApiJson("10.1.1.1"), c.result);
+    EXPECT_EQ(BmcHttpConnection::_bmcJsonUpdated.load(), c.result == 0);
+  }
+  EXPECT_TRUE(log.Has(3, "PUT request failed: OK"));
+  EXPECT_TRUE(log.Has(3, "GET request error: refused"));
+  EXPECT_TRUE(log.Has(3, "PUT request error: reset"));
+}
+
+TEST_F(RouteDocument, NoIpv4AddressMeansNoRequest) {
+  fake_sysinfo::Current().record[4] = 0;
+  Script(fake_http::Json(404, ""));
+  EXPECT_EQ(bmc->UpdateBmcApiJson(""), 30001);
+  EXPECT_TRUE(fake_http::Requests().empty());
+}
+
+TEST_F(RouteDocument, NonStringAddressIsOverwritten) {
+  Script(fake_http::Json(200, R"({"proxy_configuration":{"clusters":[{"endpoints":[{"socket_address":{"address":7}}]}]}})"));
+  EXPECT_EQ(bmc->UpdateBmcApiJson("10.1.2.3"), 0);
+  ASSERT_EQ(Puts().size(), 1u);
+  EXPECT_NE(Puts()[0].body.find(R"("address":"10.1.2.3")"), std::string::npos);
+}
