@@ -1,0 +1,1 @@
+"""Redfish controller emulator used to test the library against vendor-shaped services."""
