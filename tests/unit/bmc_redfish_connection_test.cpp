@@ -1,0 +1,176 @@
+#include "connection/bmc_redfish_connection.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/fakes/fake_sysinfo.h"
+#include "tests/unit/test_support.h"
+#include "utils/redfish_status.h"
+
+using redfish::BmcHttpConnection;
+using redfish::BmcRedfishConnection;
+using test_support::LogCapture;
+using namespace std::chrono_literals;
+namespace Http = Tessel::Http;
+
+namespace {
+
+struct Connection : testing::Test {
+  Connection() : logger(Tessel::Service::CreateLogger("Redfish")) {
+    logger->SetLevel(6);
+    fake_sysinfo::SetIpv4(127, 0, 42, 1);
+    BmcHttpConnection::_bmcJsonUpdated = true;  // the route is in place
+  }
+  std::unique_ptr<BmcRedfishConnection> Make(const std::string& user = "admin",
+                                             const std::string& password = "secret") {
+    return std::make_unique<BmcRedfishConnection>("", user, password, logger);
+  }
+  Tessel::Ref<Tessel::Service::Logger> logger;
+  LogCapture log;
+};
+
+fake_http::Reply WithHeader(fake_http::Reply r, const char* name, const char* value) {
+  r.headers.push_back({name, value});
+  return r;
+}
+
+}  // namespace
+
+TEST_F(Connection, CredentialsAreEncodedUpToTheBufferLimit) {
+  auto c = Make();
+  EXPECT_EQ(c->GetHttpUrl(), "/bmc");
+  EXPECT_FALSE(c->IsSessionActive());
+  EXPECT_EQ(c->RefreshSession(7), 7);
+  EXPECT_TRUE(c->EncodeUserPass("", ""));
+  EXPECT_TRUE(c->EncodeUserPass(std::string(190, 'u'), std::string(190, 'p')));  // 381 bytes
+  EXPECT_FALSE(c->EncodeUserPass(std::string(191, 'u'), std::string(190, 'p')));  // 382 bytes
+  EXPECT_TRUE(log.Has(3, "Insufficient buffer size to capture encoded username and password"));
+}
+
+TEST_F(Connection, ConstructorFailuresThrowTwoDistinctTypes) {
+  try {
+    Make(std::string(191, 'u'), std::string(190, 'p'));
+    FAIL() << "no exception";
+  } catch (redfish::RedfishStatus status) {
+    EXPECT_EQ(status, 40004);
+  }
+  EXPECT_TRUE(log.Has(3, "Failed to encode username and password."));
+
+  BmcHttpConnection::_bmcJsonUpdated = false;
+  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Json(503, ""); });
+  try {
+    Make();
+    FAIL() << "no exception";
+  } catch (int code) {
+    EXPECT_EQ(code, 503);
+  }
+  EXPECT_TRUE(log.Has(3, "Failed to update bmcApi.json."));
+}
+
+TEST_F(Connection, GetSendsBasicCredentialsAndReadsTheWholeBody) {
+  const std::string big(100000, 'x');
+  fake_http::SetHandler([&](const fake_http::Request& r) {
+    if (r.target == "/bmc/big") return fake_http::Json(200, "\"" + big + "\"");
+    if (r.target == "/bmc/nolength") {
+      fake_http::Reply reply;
+      reply.body = std::string(5000, 'y');
+      return reply;
+    }
+    if (r.target == "/bmc/empty") return fake_http::Json(200, "");
+    if (r.target == "/bmc/denied") return fake_http::Json(401, R"({"error":{}})");
+    return fake_http::Json(404, R"({"error":"missing"})");
+  });
+  auto c = Make();
+  std::string body;
+  EXPECT_EQ(c->MakeHttpRequestGet("/bmc/big", body, 1000ms), 0);
+  EXPECT_EQ(body.size(), big.size() + 2);
+  auto request = fake_http::Requests().back();
+  EXPECT_EQ(request.method, Http::Get);
+  EXPECT_EQ(request.Header("Authorization"), "Basic YWRtaW46c2VjcmV0");
+  EXPECT_EQ(request.Header("Accept"), "application/json");
+  EXPECT_TRUE(log.Has(5, "SESSION_TOKEN: no value _jwt: YWRtaW46c2VjcmV0"));
+  EXPECT_TRUE(log.Has(5, "[ClientResponse::Content-Length] 100002"));
+
+  body.clear();
+  EXPECT_EQ(c->MakeHttpRequestGet("/bmc/nolength", body, 0ms), 0);
+  EXPECT_EQ(body.size(), 5000u) << "2048-byte reads until the end";
+  body.clear();
+  EXPECT_EQ(c->MakeHttpRequestGet("/bmc/empty", body, 0ms), 0);
+  EXPECT_EQ(body, "");
+  EXPECT_TRUE(log.Has(5, "[ClientResponse::Read] Read 0 bytes"));
+
+  body.clear();
+  EXPECT_EQ(c->MakeHttpRequestGet("/bmc/missing", body, 0ms), 404);
+  EXPECT_EQ(body, R"({"error":"missing"})");
+  EXPECT_TRUE(log.Has(5, "[ClientResponse::Read] Read 19 bytes\n'{\"error\":\"missing\"}'"));
+  body.clear();
+  EXPECT_EQ(c->MakeHttpRequestGet("/bmc/denied", body, 0ms), 40005);
+  EXPECT_EQ(body, R"({"error":{}})");
+}
+
+TEST_F(Connection, JunkContentLengthRaisesAndReleasesTheLock) {
+  fake_http::SetHandler([](const fake_http::Request&) {
+    fake_http::Reply r;
+    r.headers.push_back({"Content-Length", "abc"});
+    return r;
+  });
+  auto c = Make();
+  std::string body;
+  EXPECT_THROW(c->MakeHttpRequestGet("/bmc/x", body, 0ms), std::invalid_argument);
+  EXPECT_THROW(c->MakeHttpRequestGet("/bmc/x", body, 0ms), std::invalid_argument)
+      << "a second call would deadlock if the mutex were still held";
+  fake_http::SetHandler([](const fake_http::Request&) {
+    fake_http::Reply r;
+    r.headers.push_back({"Content-Length", "99999999999999999999999"});
+    return r;
+  });
+  EXPECT_THROW(c->MakeHttpRequestGet("/bmc/x", body, 0ms), std::out_of_range);
+}
+
+TEST_F(Connection, TransportFailureReturnsItsCodeWithoutABody) {
+  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Throw<Tessel::TimeoutException>("t"); });
+  auto c = Make();
+  std::string body = "kept";
+  EXPECT_EQ(c->MakeHttpRequestGet("/bmc/x", body, 0ms), 10003);
+  EXPECT_EQ(c->MakeHttpRequestPost("/bmc/x", "{}", body, false, 0ms), 10003);
+  EXPECT_EQ(c->MakeHttpRequestDelete("/bmc/x", body, 0ms), 10003);
+  EXPECT_EQ(body, "kept");
+}
+
+TEST_F(Connection, PostAndDeleteReadOnceAndMapStatuses) {
+  const std::string longBody(3000, 'z');
+  fake_http::SetHandler([&](const fake_http::Request& r) {
+    if (r.target == "/bmc/created") return WithHeader(fake_http::Json(201, "{}"), "Location", "/new/1");
+    if (r.target == "/bmc/nocontent") return fake_http::Json(204, "");
+    if (r.target == "/bmc/busy") return WithHeader(fake_http::Json(503, "busy body"), "Retry-After", "30");
+    if (r.target == "/bmc/long") return fake_http::Json(200, longBody);
+    if (r.target == "/bmc/denied") return fake_http::Json(401, "no");
+    return fake_http::Json(404, "");
+  });
+  auto c = Make();
+  std::string body;
+  EXPECT_EQ(c->MakeHttpRequestPost("/bmc/created", R"({"a":1})", body, false, 0ms), 0);
+  auto request = fake_http::Requests().back();
+  EXPECT_EQ(request.body, R"({"a":1})");
+  EXPECT_EQ(request.Header("Content-Type"), "application/json");
+  EXPECT_FALSE(request.HasHeader("Accept"));
+  EXPECT_TRUE(request.HasHeader("Authorization"));
+  EXPECT_TRUE(log.Has(5, "[ClientResponse::LOCATION] /new/1"));
+
+  EXPECT_EQ(c->MakeHttpRequestPost("/bmc/nocontent", "{}", body, true, 0ms), 204);
+  EXPECT_FALSE(fake_http::Requests().back().HasHeader("Authorization"));
+  EXPECT_EQ(body, "");
+
+  body = "untouched";
+  EXPECT_EQ(c->MakeHttpRequestPost("/bmc/busy", "{}", body, false, 0ms), 503);
+  EXPECT_EQ(body, "untouched");
+  EXPECT_TRUE(log.Has(5, "[ClientResponse::Retry-After] 30"));
+
+  EXPECT_EQ(c->MakeHttpRequestPost("/bmc/long", "{}", body, false, 0ms), 0);
+  EXPECT_EQ(body, longBody.substr(0, 2048));
+  EXPECT_EQ(c->MakeHttpRequestPost("/bmc/denied", "{}", body, false, 0ms), 40005);
+
+  EXPECT_EQ(c->MakeHttpRequestDelete("/bmc/denied", body, 0ms), 40005);
+  EXPECT_EQ(body, "no");
+  EXPECT_EQ(fake_http::Requests().back().method, Http::Delete);
+  EXPECT_EQ(c->MakeHttpRequestDelete("/bmc/nocontent", body, 0ms), 204);
+}

@@ -1,0 +1,210 @@
+#include <gtest/gtest.h>
+
+#include "connection/bmc_redfish_connection.h"
+#include "tests/fakes/fake_sysinfo.h"
+#include "tests/unit/test_support.h"
+
+using redfish::BmcHttpConnection;
+using redfish::BmcRedfishConnection;
+using test_support::LogCapture;
+using test_support::ScriptedBmc;
+using namespace std::chrono_literals;
+
+namespace {
+
+const char kSystems[] = R"({"Members":[{"@odata.id":"/redfish/v1/Systems/1"}]})";
+const char kActions[] = R"({"Actions":{"#ComputerSystem.Reset":{"target":"/redfish/v1/Systems/1/Actions/ComputerSystem.Reset",
+  "ResetType@Redfish.AllowableValues":["On","ForceOff","GracefulShutdown","ForceRestart","Nmi","PushPowerButton","GracefulRestart","Bogus"]}}})";
+
+struct Resources : testing::Test {
+  Resources() : logger(Tessel::Service::CreateLogger("Redfish")) {
+    logger->SetLevel(6);
+    BmcHttpConnection::_bmcJsonUpdated = true;
+    connection = std::make_unique<BmcRedfishConnection>("", "admin", "secret", logger);
+  }
+  ScriptedBmc& System(const char* manufacturer, const std::string& actions = kActions) {
+    bmc.Json("/bmc/redfish/v1/Systems", kSystems)
+        .Json("/bmc/redfish/v1/Systems/1/?$select=Manufacturer",
+              std::string(R"({"Manufacturer":")") + manufacturer + "\"}")
+        .Json("/bmc/redfish/v1/Systems/1/?$select=Actions", actions)
+        .Json("/bmc/redfish/v1/Systems/1/?$select=PowerState", R"({"PowerState":"On"})");
+    bmc.Install();
+    return bmc;
+  }
+  int PostCount() {
+    int n = 0;
+    for (const auto& r : fake_http::Requests()) n += r.method == Tessel::Http::Post;
+    return n;
+  }
+  Tessel::Ref<Tessel::Service::Logger> logger;
+  std::unique_ptr<BmcRedfishConnection> connection;
+  ScriptedBmc bmc;
+  LogCapture log;
+};
+
+}  // namespace
+
+TEST_F(Resources, ColdThenWarmPowerStateRead) {
+  System("HPE");
+  std::string state;
+  EXPECT_EQ(connection->GetSystemPowerState(state, 500ms, 0), 0);
+  EXPECT_EQ(state, "On");
+  EXPECT_EQ(ScriptedBmc::Targets(),
+            (std::vector<std::string>{"/bmc/redfish/v1/Systems",
+                                      "/bmc/redfish/v1/Systems/1/?$select=Manufacturer",
+                                      "/bmc/redfish/v1/Systems/1/?$select=Actions",
+                                      "/bmc/redfish/v1/Systems/1/?$select=PowerState"}));
+  ASSERT_EQ(connection->systems.size(), 1u);
+  EXPECT_EQ(connection->systems[0].powerActions.size(), 7u);
+  EXPECT_EQ(connection->systems[0].resetUri, "/bmc/redfish/v1/Systems/1/Actions/ComputerSystem.Reset");
+  EXPECT_TRUE(log.Has(5, "Power Directive: Bogus"));
+  fake_http::SetHandler(nullptr);
+  System("HPE");
+  EXPECT_EQ(connection->GetSystemPowerState(state, 500ms, 0), 0);
+  EXPECT_EQ(fake_http::Requests().size(), 1u);
+  EXPECT_EQ(connection->GetSystemPowerState(state, 500ms, 1), 40001);
+  EXPECT_TRUE(log.Has(3, "Unsupported System Index 1"));
+}
+
+TEST_F(Resources, ResetBodyAndVendorNoActionStatuses) {
+  const struct {
+    const char* manufacturer;
+    int status;
+    int result;
+  } cases[] = {{"Dell Inc.", 409, 40006}, {"HPE", 400, 40006}, {"HPE", 409, 409},
+               {"Dell Inc.", 204, 204},   {"HPE", 200, 0},     {"Dell Inc.", 500, 500}};
+  for (const auto& c : cases) {
+    connection = std::make_unique<BmcRedfishConnection>("", "admin", "secret", logger);
+    System(c.manufacturer).Json("/bmc/redfish/v1/Systems/1/Actions/ComputerSystem.Reset",
+                                R"({"error":{"code":"x"}})", c.status);
+    bmc.Install();
+    EXPECT_EQ(connection->PowerOperation(REDFISHCMD_ON, 500ms, 0), c.result) << c.manufacturer << c.status;
+    auto post = fake_http::Requests().back();
+    EXPECT_EQ(post.body, "{\n      \"ResetType\" : \"On\"\n   }");
+    EXPECT_EQ(post.body.size(), 31u);
+    EXPECT_EQ(post.waitLimitUs, 4000000) << "the reset always gets 4 s";
+    EXPECT_EQ(PostCount(), 1) << "never sent twice";
+  }
+}
+
+TEST_F(Resources, CommandNotAdvertisedIsRefusedWithoutARequest) {
+  System("HPE");
+  EXPECT_EQ(connection->PowerOperation(REDFISHCMD_POWER_CYCLE, 500ms, 0), 40003);
+  EXPECT_EQ(PostCount(), 0);
+  EXPECT_EQ(connection->PowerOperation(REDFISHCMD_ON, 500ms, 3), 40001);
+}
+
+TEST_F(Resources, LenovoReadsAllowableValuesFromActionInfo) {
+  const std::string actions = R"({"Actions":{"#ComputerSystem.Reset":{"target":"/redfish/v1/Systems/1/Actions/ComputerSystem.Reset",
+    "@Redfish.ActionInfo":"/redfish/v1/Systems/1/ResetActionInfo"}}})";
+  const struct {
+    std::string info;
+    int result;
+    size_t actions;
+  } cases[] = {{R"({"Parameters":[{"AllowableValues":["On","PowerCycle"]}]})", 0, 2},
+               {R"({"Name":"no parameters"})", 20001, 0},
+               {R"({"Parameters":[{"Name":"ResetType"}]})", 20001, 0},
+               {R"({"Parameters":[{"AllowableValues":["On",5]}]})", 20004, 1},
+               {R"([])", 20004, 0}};
+  for (const auto& c : cases) {
+    connection = std::make_unique<BmcRedfishConnection>("", "admin", "secret", logger);
+    System("Lenovo", actions).Json("/bmc/redfish/v1/Systems/1/ResetActionInfo", c.info);
+    bmc.On("/bmc/redfish/v1/Systems/1/Actions/ComputerSystem.Reset", fake_http::Json(204, ""));
+    bmc.Install();
+    std::string state;
+    EXPECT_EQ(connection->GetSystemPowerState(state, 500ms, 0), c.result) << c.info;
+    EXPECT_EQ(connection->systems.size(), c.result == 0 ? 1u : 0u);
+  }
+  EXPECT_EQ(connection->PowerOperation(REDFISHCMD_POWER_CYCLE, 500ms, 0), 20004);
+  connection = std::make_unique<BmcRedfishConnection>("", "admin", "secret", logger);
+  System("Lenovo", actions).Json("/bmc/redfish/v1/Systems/1/ResetActionInfo", cases[0].info);
+  bmc.On("/bmc/redfish/v1/Systems/1/Actions/ComputerSystem.Reset", fake_http::Json(204, ""));
+  bmc.Install();
+  EXPECT_EQ(connection->PowerOperation(REDFISHCMD_POWER_CYCLE, 500ms, 0), 40006);
+}
+
+TEST_F(Resources, MalformedSystemDocumentsFailWithoutCrashing) {
+  const struct {
+    const char* manufacturer;
+    std::string actions;
+    int result;
+  } cases[] = {{"Contoso", kActions, 2},
+               {"Dell Inc.", R"({"Actions":{}})", 20004},
+               {"Dell Inc.", R"({"Actions":{"#ComputerSystem.Reset":{"target":5}}})", 20004},
+               {"Dell Inc.", R"({"Actions":{"#ComputerSystem.Reset":{"target":"/t"}}})", 20001},
+               {"Dell Inc.", R"({"Actions":{"#ComputerSystem.Reset":{"target":"/t","ResetType@Redfish.AllowableValues":"On"}}})", 20004},
+               {"Dell Inc.", "[1]", 20004},
+               {"Dell Inc.", "not json", 20002}};
+  for (const auto& c : cases) {
+    connection = std::make_unique<BmcRedfishConnection>("", "admin", "secret", logger);
+    System(c.manufacturer, c.actions);
+    std::string state = "before";
+    EXPECT_EQ(connection->GetSystemPowerState(state, 500ms, 0), c.result) << c.actions;
+    EXPECT_EQ(state, "before");
+  }
+  for (const char* body : {"[]", "{}", R"({"Manufacturer":7})", "garbage"}) {
+    connection = std::make_unique<BmcRedfishConnection>("", "admin", "secret", logger);
+    System("x").Json("/bmc/redfish/v1/Systems/1/?$select=Manufacturer", body);
+    bmc.Install();
+    std::string state;
+    EXPECT_EQ(connection->GetSystemPowerState(state, 500ms, 0),
+              std::string(body) == "{}" || std::string(body)[0] == '{' ? 2 : 20004) << body;
+  }
+}
+
+TEST_F(Resources, FailedDiscoveryIsRetriedAndAppendsAgain) {
+  bmc.Json("/bmc/redfish/v1/Chassis", R"({"Members":[{"@odata.id":"/redfish/v1/Chassis/1"},{"@odata.id":"/redfish/v1/Chassis/2"},{"@odata.id":"/redfish/v1/Chassis/3"}]})")
+      .Json("/bmc/redfish/v1/Chassis/1/Sensors", R"({"Members":[]})")
+      .Json("/bmc/redfish/v1/Chassis/2/Sensors", "{}", 404)
+      .Json("/bmc/redfish/v1/Chassis/3/Sensors", "{}", 500)
+      .Json("/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)", R"({"Members":[{"Reading":1}]})");
+  bmc.Install();
+  std::string info;
+  EXPECT_EQ(connection->GetChassisSensorInfo(info, 500ms, 0), 500);
+  EXPECT_EQ(connection->chassis.size(), 1u);
+  bmc.Json("/bmc/redfish/v1/Chassis/3/Sensors", "{}", 404);
+  bmc.Install();
+  EXPECT_EQ(connection->GetChassisSensorInfo(info, 500ms, 0), 0);
+  EXPECT_EQ(info, R"({"Members":[{"Reading":1}]})");
+  ASSERT_EQ(connection->chassis.size(), 2u) << "the first walk's record stays";
+  EXPECT_EQ(connection->chassis[1].sensorsUri, "/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)");
+  EXPECT_EQ(connection->GetChassisSensorInfo(info, 500ms, 2), 40001);
+  EXPECT_TRUE(log.Has(3, "Unsupported Chassis Index 2"));
+}
+
+TEST_F(Resources, SensorBodyMustBeAnObject) {
+  bmc.Json("/bmc/redfish/v1/Chassis", R"({"Members":[{"@odata.id":"/redfish/v1/Chassis/1"}]})")
+      .Json("/bmc/redfish/v1/Chassis/1/Sensors", "{}");
+  for (const auto& [body, result] : std::vector<std::pair<std::string, int>>{
+           {"{}", 0}, {"[]", 20004}, {R"({"error":{"code":"x"}})", 0}, {"", 20004}}) {
+    bmc.Json("/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)", body);
+    bmc.Install();
+    std::string info = "old";
+    EXPECT_EQ(connection->GetChassisSensorInfo(info, 500ms, 0), result) << body;
+    EXPECT_EQ(info, result == 0 ? body : "old");
+  }
+}
+
+TEST_F(Resources, ManagerNicsAndMacs) {
+  bmc.Json("/bmc/redfish/v1/Managers", R"({"Members":[{"@odata.id":"/redfish/v1/Managers/1"},{"@odata.id":"/redfish/v1/Managers/2"}]})")
+      .Json("/bmc/redfish/v1/Managers/1/EthernetInterfaces", R"({"Members":[{"@odata.id":"/redfish/v1/Managers/1/EthernetInterfaces/1"},{"@odata.id":"/redfish/v1/Managers/1/EthernetInterfaces/2"}]})")
+      .Json("/bmc/redfish/v1/Managers/2/EthernetInterfaces", R"({"Members":[]})")
+      .Json("/bmc/redfish/v1/Managers/1/EthernetInterfaces/1/?$select=MACAddress", R"({"MACAddress":"aa:bb:cc:dd:ee:01"})")
+      .Json("/bmc/redfish/v1/Managers/1/EthernetInterfaces/2/?$select=MACAddress", "null");
+  bmc.Install();
+  uint8_t count = 9;
+  EXPECT_EQ(connection->GetManagerEthernetNicCount(0, count, 500ms), 0);
+  EXPECT_EQ(count, 2);
+  EXPECT_EQ(connection->GetManagerEthernetNicCount(1, count, 500ms), 0);
+  EXPECT_EQ(count, 0);
+  EXPECT_EQ(connection->GetManagerEthernetNicCount(2, count, 500ms), 40001);
+  EXPECT_TRUE(log.Has(3, "Unsupported Manager Index 2"));
+  std::string mac = "old";
+  EXPECT_EQ(connection->GetManagerEthernetMac(mac, 500ms, 0, 0), 0);
+  EXPECT_EQ(mac, "aa:bb:cc:dd:ee:01");
+  mac = "old";
+  EXPECT_EQ(connection->GetManagerEthernetMac(mac, 500ms, 0, 1), 20004);
+  EXPECT_EQ(connection->GetManagerEthernetMac(mac, 500ms, 1, 0), 40001);
+  EXPECT_TRUE(log.Has(3, "Unsupported Ethernet NIC Index 0"));
+  EXPECT_EQ(mac, "old");
+}
