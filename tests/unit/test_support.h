@@ -66,10 +66,15 @@ class ScriptedBmc {
   ScriptedBmc& Json(const std::string& target, const std::string& body, int status = 200) {
     return On(target, fake_http::Json(status, body));
   }
+  // A reply for one method only; it wins over the target's general reply.
+  ScriptedBmc& OnMethod(int method, const std::string& target, fake_http::Reply reply) {
+    return On(std::to_string(method) + " " + target, std::move(reply));
+  }
   void Install() {
     fake_http::SetHandler([this](const fake_http::Request& r) {
       std::lock_guard<std::mutex> lock(mutex_);
-      auto it = replies_.find(r.target);
+      auto it = replies_.find(std::to_string(r.method) + " " + r.target);
+      if (it == replies_.end()) it = replies_.find(r.target);
       if (it == replies_.end()) return fake_http::Json(404, R"({"error":{"code":"Base.1.0.ResourceMissingAtURI"}})");
       return it->second;
     });
