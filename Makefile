@@ -1,0 +1,36 @@
+# The two commands of the README: `make demo` and `make test`.
+JOBS ?= $(shell nproc)
+PROFILE ?= dell
+
+.PHONY: all deps build test test-asan test-tsan demo format clean
+
+all: build
+
+deps:
+	scripts/install-deps
+
+build: deps
+	cmake --preset dev
+	cmake --build --preset dev -j$(JOBS)
+
+test: build
+	ctest --preset dev -j$(JOBS)
+
+test-asan: deps
+	cmake --preset asan
+	cmake --build --preset asan -j$(JOBS)
+	ctest --preset asan -j$(JOBS)
+
+test-tsan: deps
+	cmake --preset tsan
+	cmake --build --preset tsan -j$(JOBS)
+	ctest --preset tsan -j$(JOBS) -L concurrency
+
+demo: build
+	scripts/demo $(PROFILE)
+
+format:
+	clang-format -i $$(git ls-files '*.cpp' '*.h' '*.c')
+
+clean:
+	rm -rf build build-asan build-tsan
