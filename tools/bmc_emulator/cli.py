@@ -121,10 +121,11 @@ def main(argv=None):
                               name="accept", daemon=True)
     thread.start()
     line = "ready port=%d" % app.port if args.port == 0 else "ready"
-    sys.stdout.write(line + "\n")
-    sys.stdout.flush()
+    # File first: whoever sees the stdout line may look for the file at once.
     if args.ready_file:
         write_ready_file(args.ready_file, line)
+    sys.stdout.write(line + "\n")
+    sys.stdout.flush()
 
     stop.wait()
 
