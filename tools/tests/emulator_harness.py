@@ -1,0 +1,136 @@
+"""Runs tools/bmc-emulator on a free port and talks to it with curl and redfishtool."""
+
+import json
+import os
+import signal
+import subprocess
+import tempfile
+import threading
+from pathlib import Path
+
+EMULATOR = Path(__file__).resolve().parents[1] / "bmc-emulator"
+START_TIMEOUT = 30
+
+
+class Reply:
+    """curl's exit code, first transfer's status/headers/body, and per transfer
+    (status, connections opened, seconds) for every URL fetched."""
+
+    def __init__(self, rc, status, headers, body, transfers):
+        self.rc, self.status, self.headers, self.body = rc, status, headers, body
+        self.transfers = transfers
+
+    def json(self):
+        return json.loads(self.body)
+
+    def __repr__(self):
+        return "Reply(rc=%r, status=%r, body=%r)" % (self.rc, self.status, self.body[:200])
+
+
+class Emulator:
+    def __init__(self, profile, *extra, user="admin", password="secret"):
+        self.profile, self.extra = profile, list(extra)
+        self.user, self.password = user, password
+        self.tmp = tempfile.TemporaryDirectory(prefix="emulator-test-")
+        self.dir = Path(self.tmp.name)
+        self.log_path = self.dir / "requests.jsonl"
+        self.proc = None
+        self.port = None
+
+    def command(self, *more):
+        return [str(EMULATOR), "--profile", self.profile, "--port", "0", "--request-log", str(self.log_path),
+                "--cert-dir", str(self.dir / "cert"), *self.extra, *more]
+
+    def start(self):
+        self.proc = subprocess.Popen(self.command(), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        # The ready line (or EOF if it dies) ends the wait; the timer only guards against a hang.
+        guard = threading.Timer(START_TIMEOUT, self.proc.kill)
+        guard.start()
+        try:
+            line = self.proc.stdout.readline().strip()
+        finally:
+            guard.cancel()
+        if not line.startswith("ready port="):
+            self.proc.kill()
+            err = self.proc.stderr.read()
+            self.proc.wait()
+            raise RuntimeError("emulator did not start: %r %s" % (line, err))
+        self.port = int(line.split("=", 1)[1])
+        return self
+
+    def stop(self, sig=signal.SIGTERM):
+        """Signal the emulator and return its exit status."""
+        if self.proc is None:
+            return None
+        if self.proc.poll() is None:
+            self.proc.send_signal(sig)
+        try:
+            rc = self.proc.wait(timeout=15)
+        except subprocess.TimeoutExpired:
+            self.proc.kill()
+            rc = self.proc.wait()
+        self.proc.stdout.close()
+        self.proc.stderr.close()
+        self.proc = None
+        self.tmp.cleanup()
+        return rc
+
+    @property
+    def base(self):
+        return "https://127.0.0.1:%d" % self.port
+
+    def curl(self, path, method="GET", data=None, auth=True, user=None, password=None,
+             headers=(), extra=(), urls=()):
+        hdr_file, body_file = self.dir / "hdr", self.dir / "body"
+        cmd = ["curl", "-sk", "-g", "--max-time", "20", "-D", str(hdr_file), "-o", str(body_file),
+               "-w", "%{http_code} %{num_connects} %{time_total}\\n"]
+        if method == "HEAD":
+            cmd.append("-I")
+        elif method != "GET" or data is not None:
+            cmd += ["-X", method]
+        if auth:
+            cmd += ["-u", "%s:%s" % (user or self.user, password or self.password)]
+        if data is not None:
+            cmd += ["--data-binary", data if isinstance(data, str) else json.dumps(data),
+                    "-H", "Content-Type: application/json"]
+        for h in headers:
+            cmd += ["-H", h]
+        cmd += list(extra)
+        cmd.append(self.base + path)
+        for url in urls:
+            cmd += ["-o", "/dev/null", self.base + url]
+        done = subprocess.run(cmd, capture_output=True, text=True)
+        transfers = []
+        for line in done.stdout.splitlines():
+            code, connects, seconds = line.split()
+            transfers.append((int(code), int(connects), float(seconds)))
+        headers_out = {}
+        raw = hdr_file.read_text("latin-1") if hdr_file.exists() else ""
+        blocks = [b for b in raw.split("\r\n\r\n") if b and not b.startswith("HTTP/1.1 1")]
+        for line in (blocks[0] if blocks else "").splitlines():
+            name, sep, value = line.partition(":")
+            if sep:
+                headers_out[name.strip().lower()] = value.strip()
+        body = body_file.read_bytes() if body_file.exists() else b""
+        for f in (hdr_file, body_file):
+            if f.exists():
+                f.unlink()
+        status = transfers[0][0] if transfers else 0
+        return Reply(done.returncode, status, headers_out, body, transfers)
+
+    def get_json(self, path, **kw):
+        reply = self.curl(path, **kw)
+        return reply.status, (reply.json() if reply.body else None)
+
+    def control(self, method, sub, payload=None):
+        return self.curl("/__emulator/" + sub, method=method, data=payload, auth=False)
+
+    def redfishtool(self, *args, password=None):
+        cmd = ["redfishtool", "-r", "127.0.0.1:%d" % self.port, "-u", self.user,
+               "-p", password or self.password, "-S", "Always", "-T", "20", *args]
+        env = dict(os.environ, NO_PROXY="*", no_proxy="*")
+        return subprocess.run(cmd, capture_output=True, text=True, env=env)
+
+    def log_entries(self):
+        with open(self.log_path, encoding="utf-8") as f:
+            return [json.loads(line) for line in f if line.strip()]
