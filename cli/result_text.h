@@ -1,0 +1,4 @@
+#pragma once
+
+// A one-line meaning of a library result code (HTTP statuses included).
+const char* ResultText(int code);
