@@ -1,0 +1,1 @@
+"""Builds SMBIOS structure tables for emulated hosts and parser tests."""
