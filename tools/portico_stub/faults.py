@@ -1,0 +1,86 @@
+"""Faults of the configuration endpoint: KIND[=ARG][@N]."""
+
+import re
+import threading
+
+# kind -> (takes an argument, what it does)
+KINDS = {
+    "get": (True, "GET of the document answers the given status (503)"),
+    "put": (True, "PUT answers 503 without storing, or 200 instead of 204 after storing"),
+    "garbage": (False, "GET answers 200 with a body that is not JSON"),
+    "slow": (True, "every document request waits SECONDS before it is handled"),
+    "big": (False, "GET answers a valid document of more than 2048 bytes"),
+}
+
+_SPEC = re.compile(r"^(?P<kind>[a-z]+)(?:=(?P<arg>[^@]*))?(?:@(?P<count>\d+))?$")
+
+
+class FaultError(ValueError):
+    pass
+
+
+class Fault:
+    def __init__(self, spec):
+        if not isinstance(spec, str):
+            raise FaultError("a fault must be a string")
+        m = _SPEC.match(spec.strip())
+        if not m or m.group("kind") not in KINDS:
+            raise FaultError("bad fault %r (want KIND[=ARG][@N], KIND one of %s)"
+                             % (spec, ", ".join(sorted(KINDS))))
+        self.spec = spec.strip()
+        self.kind = m.group("kind")
+        arg = m.group("arg")
+        takes_arg = KINDS[self.kind][0]
+        if takes_arg and not arg:
+            raise FaultError("%s needs an argument" % self.kind)
+        if not takes_arg and arg is not None:
+            raise FaultError("%s takes no argument" % self.kind)
+        self.value = None
+        if self.kind == "get" and arg != "503":
+            raise FaultError("get supports 503")
+        if self.kind == "put":
+            if arg not in ("503", "200"):
+                raise FaultError("put supports 503 and 200")
+            self.value = int(arg)
+        elif self.kind == "get":
+            self.value = 503
+        elif self.kind == "slow":
+            try:
+                self.value = float(arg)
+            except ValueError:
+                raise FaultError("slow needs seconds, got %r" % arg) from None
+            if not 0 <= self.value <= 600:
+                raise FaultError("slow must be between 0 and 600 seconds")
+        count = m.group("count")
+        self.remaining = int(count) if count is not None else None
+        if self.remaining == 0:
+            raise FaultError("@N must be at least 1")
+
+    def describe(self):
+        return {"spec": self.spec, "kind": self.kind, "remaining": self.remaining}
+
+
+class FaultSet:
+    """Faults in force; an @N budget is spent each time a fault acts."""
+
+    def __init__(self, faults=()):
+        self._lock = threading.Lock()
+        self._faults = list(faults)
+
+    def replace(self, faults):
+        with self._lock:
+            self._faults = list(faults)
+
+    def take(self, kinds):
+        """The first fault of one of these kinds that still has budget, spending one."""
+        with self._lock:
+            for f in self._faults:
+                if f.kind in kinds and f.remaining != 0:
+                    if f.remaining is not None:
+                        f.remaining -= 1
+                    return f
+        return None
+
+    def describe(self):
+        with self._lock:
+            return [f.describe() for f in self._faults]
