@@ -1,0 +1,132 @@
+"""tools/host-sim end to end: the SMBIOS record under /sys/firmware, the proxy
+routing to the emulator on the BMC address, the environment handed to the
+command, exit statuses, kept logs and teardown. Needs namespaces (root, or
+unprivileged user namespaces); skipped where unshare is refused."""
+
+import json
+import os
+import shutil
+import subprocess
+import tempfile
+import unittest
+from pathlib import Path
+
+HOST_SIM = Path(__file__).resolve().parents[1] / "host-sim"
+FLAGS = ["-m", "-n"] if os.geteuid() == 0 else ["-r", "-m", "-n"]
+
+
+def _namespaces_allowed():
+    try:
+        return subprocess.run(["unshare", *FLAGS, "true"], capture_output=True).returncode == 0
+    except OSError:
+        return False
+
+
+def host_sim(*args, timeout=120):
+    return subprocess.run([str(HOST_SIM), *args], capture_output=True, text=True, timeout=timeout)
+
+
+# Inside the emulated host: publish the route, then fetch through the proxy.
+ROUTE_AND_FETCH = r"""
+set -e
+doc='{"proxy_configuration":{"clusters":[{"endpoints":[{"socket_address":{"address":"'$BMC_ADDR'","port_value":443}}]}]}}'
+h2() { name=$1; shift; curl -s --http2-prior-knowledge -o "$OUT/$name.body" -w '%{http_code}' "$@"; }
+env > "$OUT/env"
+h2 before http://127.0.0.1/bmc/redfish/v1 > "$OUT/before.status"
+curl -s -o /dev/null -w '%{http_code}' -X PUT --data "$doc" \
+     http://127.0.0.1:549/portico/config/json/bmcApi.json > "$OUT/put.status"
+h2 root -u "$BMC_USER:$BMC_PASSWORD" http://127.0.0.1/bmc/redfish/v1/Systems > "$OUT/root.status"
+cp "$EMULATOR_LOG" "$OUT/emulator.jsonl"
+cp "$PORTICO_LOG" "$OUT/portico.jsonl"
+"""
+
+
+@unittest.skipUnless(shutil.which("dmidecode") or os.path.exists("/usr/sbin/dmidecode"),
+                     "needs dmidecode")
+@unittest.skipUnless(_namespaces_allowed(), "unshare %s is not permitted" % " ".join(FLAGS))
+class HostSimTest(unittest.TestCase):
+    def setUp(self):
+        tmp = tempfile.TemporaryDirectory(prefix="host-sim-test-")
+        self.addCleanup(tmp.cleanup)
+        self.out = Path(tmp.name)
+
+    def read(self, name):
+        return (self.out / name).read_text()
+
+    def test_smbios_record_seen_by_dmidecode_inside_only(self):
+        before = os.path.exists("/sys/firmware/dmi/tables/DMI")
+        cases = {
+            "ipv4": "IPv4 Redfish Service Address: 127.0.42.9",
+            "ipv6": "IPv6 Redfish Service Address: fd00:42::1",
+            "none": None,
+        }
+        for variant, line in cases.items():
+            r = host_sim("--no-bmc", "--no-proxy", "--bmc-addr", "127.0.42.9", "--smbios",
+                         variant, "--", "sh", "-c", "dmidecode -t 42; ip -4 addr show dev lo")
+            self.assertEqual(r.returncode, 0, r.stderr)
+            if line:
+                self.assertIn(line, r.stdout)
+                self.assertIn("Redfish Service Port: 443", r.stdout)
+            else:
+                self.assertNotIn("Redfish", r.stdout)
+            self.assertIn("inet 127.0.42.9/32", r.stdout)
+        self.assertEqual(os.path.exists("/sys/firmware/dmi/tables/DMI"), before)
+
+    def test_proxy_routes_to_the_emulator_on_the_bmc_address(self):
+        r = host_sim("--profile", "dell", "--", "env", "OUT=%s" % self.out, "sh", "-c",
+                     ROUTE_AND_FETCH)
+        self.assertEqual(r.returncode, 0, r.stderr)
+        self.assertEqual(self.read("before.status"), "503")
+        self.assertEqual(self.read("put.status"), "204")
+        self.assertEqual(self.read("root.status"), "200")
+        members = json.loads(self.read("root.body"))["Members"]
+        self.assertEqual(members, [{"@odata.id": "/redfish/v1/Systems/System.Embedded.1"}])
+        env = dict(line.split("=", 1) for line in self.read("env").splitlines() if "=" in line)
+        run_dir = env["HOST_SIM_DIR"]
+        self.assertEqual({k: env[k] for k in ("BMC_ADDR", "BMC_USER", "BMC_PASSWORD",
+                                              "EMULATOR_CONTROL")},
+                         {"BMC_ADDR": "127.0.42.1", "BMC_USER": "admin",
+                          "BMC_PASSWORD": "secret",
+                          "EMULATOR_CONTROL": "https://127.0.42.1/__emulator"})
+        self.assertEqual(os.path.dirname(env["EMULATOR_LOG"]), run_dir)
+        emulator = [json.loads(line) for line in self.read("emulator.jsonl").splitlines()]
+        self.assertEqual([e["path"] for e in emulator], ["/redfish/v1/Systems"])
+        portico = [json.loads(line) for line in self.read("portico.jsonl").splitlines()]
+        self.assertEqual([(e["method"], e["status"]) for e in portico], [("PUT", 204)])
+        # Success: the run directory is gone and nothing it started is left running.
+        self.assertFalse(os.path.exists(run_dir))
+        leftovers = subprocess.run(["pgrep", "-f", run_dir], capture_output=True, text=True)
+        self.assertEqual(leftovers.stdout, "")
+
+    def test_failure_keeps_logs_and_passes_the_status_on(self):
+        keep = self.out / "kept"
+        r = host_sim("--keep-logs", str(keep), "--portico-arg=--fault",
+                     "--portico-arg=get=503", "--emulator-arg=--password",
+                     "--emulator-arg=other", "--", "sh", "-c",
+                     'test "$BMC_PASSWORD" = other || exit 9; '
+                     'curl -s -o /dev/null -w "%{http_code}" '
+                     'http://127.0.0.1:549/portico/config/json/bmcApi.json; exit 3')
+        self.assertEqual(r.returncode, 3, r.stderr)
+        self.assertEqual(r.stdout, "503")
+        self.assertIn(str(keep), r.stderr)
+        for name in ("emulator.jsonl", "portico.jsonl", "portico/access.log",
+                     "portico/nginx.conf", "smbios/DMI"):
+            self.assertTrue((keep / name).exists(), name)
+        self.assertIn('"status": 503', (keep / "portico.jsonl").read_text())
+
+    def test_setup_and_command_failures(self):
+        r = host_sim("--no-bmc", "--no-proxy", "--", "/nonexistent/command")
+        self.assertEqual(r.returncode, 127)
+        self.assertIn("logs kept in", r.stderr)
+        shutil.rmtree(r.stderr.rsplit("logs kept in ", 1)[1].strip())
+        r = host_sim("--no-proxy", "--emulator-arg=--scale", "--emulator-arg=bogus", "--", "true")
+        self.assertEqual(r.returncode, 125)
+        self.assertIn("emulator exited", r.stderr)
+        shutil.rmtree(r.stderr.rsplit("logs kept in ", 1)[1].strip())
+        r = host_sim("--no-bmc", "--no-proxy", "--", "sh", "-c", "kill -TERM $$")
+        self.assertEqual(r.returncode, 128 + 15)
+        shutil.rmtree(r.stderr.rsplit("logs kept in ", 1)[1].strip())
+
+
+if __name__ == "__main__":
+    unittest.main()
