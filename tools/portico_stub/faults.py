@@ -12,7 +12,7 @@ KINDS = {
     "big": (False, "GET answers a valid document of more than 2048 bytes"),
 }
 
-_SPEC = re.compile(r"^(?P<kind>[a-z]+)(?:=(?P<arg>[^@]*))?(?:@(?P<count>\d+))?$")
+_GRAMMAR = re.compile(r"^(?P<kind>[a-z]+)(?:=(?P<arg>[^@]*))?(?:@(?P<count>\d+))?$")
 
 
 class FaultError(ValueError):
@@ -20,14 +20,14 @@ class FaultError(ValueError):
 
 
 class Fault:
-    def __init__(self, spec):
-        if not isinstance(spec, str):
+    def __init__(self, text):
+        if not isinstance(text, str):
             raise FaultError("a fault must be a string")
-        m = _SPEC.match(spec.strip())
+        m = _GRAMMAR.match(text.strip())
         if not m or m.group("kind") not in KINDS:
             raise FaultError("bad fault %r (want KIND[=ARG][@N], KIND one of %s)"
-                             % (spec, ", ".join(sorted(KINDS))))
-        self.spec = spec.strip()
+                             % (text, ", ".join(sorted(KINDS))))
+        self.text = text.strip()
         self.kind = m.group("kind")
         arg = m.group("arg")
         takes_arg = KINDS[self.kind][0]
@@ -57,7 +57,7 @@ class Fault:
             raise FaultError("@N must be at least 1")
 
     def describe(self):
-        return {"spec": self.spec, "kind": self.kind, "remaining": self.remaining}
+        return {"fault": self.text, "kind": self.kind, "remaining": self.remaining}
 
 
 class FaultSet:

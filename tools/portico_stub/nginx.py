@@ -145,7 +145,11 @@ class Nginx:
         return None
 
     def start(self):
-        self.proc = subprocess.Popen(self._args(), stdin=subprocess.DEVNULL,
+        argv = self._args()
+        setpriv = shutil.which("setpriv")
+        if setpriv:  # should portico be killed outright, nginx must not outlive it
+            argv = [setpriv, "--pdeathsig", "TERM", "--"] + argv
+        self.proc = subprocess.Popen(argv, stdin=subprocess.DEVNULL,
                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                      start_new_session=True)
 

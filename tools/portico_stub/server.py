@@ -23,10 +23,10 @@ BIG_DOCUMENT_BYTES = 2048
 class Portico:
     """State shared by the request threads: the document, nginx, faults, the log."""
 
-    def __init__(self, args):
+    def __init__(self, args, faults):
         self.args = args
         self.nginx = Nginx(args.nginx, args.dir, args.listen, args.http_port)
-        self.faults = faultmod.FaultSet(faultmod.Fault(s) for s in args.fault)
+        self.faults = faultmod.FaultSet(faults)
         self.document = None  # bytes as last stored
         self.endpoint = None
         self.generation = 0
@@ -51,7 +51,9 @@ class Portico:
                                               self.args.http_port, generation, endpoint))
             if problem:
                 return "nginx refused the configuration: " + problem
-            if self.nginx.alive():
+            if self.nginx.proc is not None:  # running already: reload it
+                if not self.nginx.alive():
+                    return "nginx is not running"
                 old_workers = self.nginx.reload()
                 if not self.nginx.wait_generation(generation, self.args.reload_timeout,
                                                   old_workers):
@@ -177,12 +179,12 @@ class Handler(BaseHTTPRequestHandler):
         p = self.portico
         if self.command in ("PUT", "POST"):
             try:
-                specs = json.loads(body.decode("utf-8") or "[]")
-                if isinstance(specs, dict):
-                    specs = specs.get("faults", [])
-                if not isinstance(specs, list):
+                wanted = json.loads(body.decode("utf-8") or "[]")
+                if isinstance(wanted, dict):
+                    wanted = wanted.get("faults", [])
+                if not isinstance(wanted, list):
                     raise faultmod.FaultError("want a JSON list of faults")
-                p.faults.replace([faultmod.Fault(s) for s in specs])
+                p.faults.replace([faultmod.Fault(f) for f in wanted])
             except (UnicodeDecodeError, ValueError) as e:
                 return self._send(400, (json.dumps({"error": str(e)}) + "\n").encode(), log=False)
         elif self.command == "DELETE":
@@ -214,7 +216,7 @@ def _parser():
     p.add_argument("--http-port", type=int, default=80)
     p.add_argument("--config-port", type=int, default=549)
     p.add_argument("--document", metavar="FILE", help="route document to start with")
-    p.add_argument("--fault", action="append", default=[], metavar="SPEC",
+    p.add_argument("--fault", action="append", default=[], metavar="FAULT",
                    help="get=503, put=503, put=200, garbage, slow=SECONDS, big; optional @N; "
                    "repeatable")
     p.add_argument("--request-log", metavar="PATH",
@@ -239,23 +241,25 @@ def _wait_accepting(host, port, deadline):
 
 def main(argv=None):
     args = _parser().parse_args(argv)
+    try:
+        faults = [faultmod.Fault(f) for f in args.fault]
+    except faultmod.FaultError as e:
+        print("portico: %s" % e, file=sys.stderr)
+        return 2
     temporary = args.dir is None
     if temporary:
         args.dir = tempfile.mkdtemp(prefix="portico-")
     os.makedirs(args.dir, exist_ok=True)
     args.dir = os.path.abspath(args.dir)
-    try:
-        portico = Portico(args)
-    except faultmod.FaultError as e:
-        print("portico: %s" % e, file=sys.stderr)
-        return 2
 
     stop = threading.Event()
     signal.signal(signal.SIGTERM, lambda *_: stop.set())
     signal.signal(signal.SIGINT, lambda *_: stop.set())
+    portico = None
     server = None
     status = 0
     try:
+        portico = Portico(args, faults)
         document, endpoint = None, None
         if args.document:
             with open(args.document, "rb") as f:
@@ -290,7 +294,8 @@ def main(argv=None):
                 break
         return status
     finally:
-        portico.nginx.stop()
+        if portico is not None:
+            portico.nginx.stop()
         if server is not None:
             server.shutdown()
             server.server_close()

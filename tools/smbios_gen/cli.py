@@ -57,14 +57,8 @@ def _write(path, data):
 
 def _write_sysfs(directory, ep, table):
     os.makedirs(directory, exist_ok=True)
-    for name, data in (("smbios_entry_point", ep), ("DMI", table)):
-        path = os.path.join(directory, name)
-        try:
-            _write(path, data)
-        except OSError:
-            # A tmpfs over /sys/firmware may refuse renames across nothing; plain write then.
-            with open(path, "wb") as f:
-                f.write(data)
+    _write(os.path.join(directory, "smbios_entry_point"), ep)
+    _write(os.path.join(directory, "DMI"), table)
 
 
 def options_from_args(args):

@@ -208,13 +208,16 @@ class PorticoCommandLineTest(unittest.TestCase):
         with self.assertRaises(OSError):
             socket.create_connection(("127.0.0.1", p.http_port), timeout=2).close()
 
-    def test_bad_arguments_exit_2(self):
-        for args in (["--fault", "put=418"], ["--document", "/dev/null"]):
-            r = subprocess.run([str(PORTICO), "--http-port", str(free_port()), "--config-port",
-                                str(free_port()), *args], capture_output=True, text=True,
-                               timeout=30)
-            self.assertEqual(r.returncode, 2, args)
-            self.assertIn("portico:", r.stderr)
+    def test_bad_arguments_exit_2_leaving_nothing_behind(self):
+        with tempfile.TemporaryDirectory() as tmp:
+            for args in (["--fault", "put=418"], ["--document", "/dev/null"]):
+                r = subprocess.run([str(PORTICO), "--http-port", str(free_port()),
+                                    "--config-port", str(free_port()), *args],
+                                   capture_output=True, text=True, timeout=30,
+                                   env=dict(os.environ, TMPDIR=tmp))
+                self.assertEqual(r.returncode, 2, args)
+                self.assertIn("portico:", r.stderr)
+            self.assertEqual(os.listdir(tmp), [])
 
 
 if __name__ == "__main__":
