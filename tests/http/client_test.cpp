@@ -1,0 +1,292 @@
+// The HTTP client against a real nginx speaking h2c (and TLS): round trips,
+// one multiplexed connection, reconnects, and how failures are reported.
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+
+#include <map>
+#include <mutex>
+#include <random>
+
+#include "http_test.h"
+
+namespace http_test {
+namespace {
+
+TEST(RoundTrip, HeadersBodiesAndMethods) {
+  Endpoint ep(80);
+  auto request = Request(Post, "/echo", "{\"ResetType\":\"On\"}");
+  request->SetHeader("X-Test", "power");
+  Ref<PendingExchange> handle;
+  Ref<ClientResponse> response;
+  ep.agent->AsyncSendRequest(request.Get(), nullptr, handle);
+  ep.agent->WaitForResponse(handle.Get(), 5000000, response);
+  EXPECT_EQ(response->GetStatus().code, 200);
+  EXPECT_EQ(response->GetStatus().reason, "OK");
+  EXPECT_EQ(response->GetHeader("X-Echo-Test").value_or(""), "power");
+  EXPECT_EQ(response->GetHeader("x-echo-length").value_or(""), "18");
+  // A body without a Content-Type of the caller's is not labelled as a form.
+  EXPECT_FALSE(response->GetHeader("X-Echo-Type").has_value());
+  EXPECT_EQ(Body(*response), "{\"ResetType\":\"On\"}");
+
+  const std::pair<HttpMethod, const char*> verbs[] = {
+      {Get, "GET"}, {Head, "HEAD"}, {Post, "POST"}, {Put, "PUT"}, {Patch, "PATCH"}, {Delete, "DELETE"}};
+  for (auto [method, name] : verbs) {
+    auto r = Send(*ep.agent, method, "/echo", method == Delete ? "" : "x");
+    EXPECT_EQ(r->GetHeader("X-Echo-Method").value_or(""), name);
+    EXPECT_EQ(Body(*r), method == Head || method == Get || method == Delete ? "" : "x") << name;
+  }
+  // PUT and PATCH state an empty body explicitly.
+  EXPECT_EQ(Send(*ep.agent, Put, "/echo")->GetHeader("X-Echo-Length").value_or(""), "0");
+
+  EXPECT_EQ(Send(*ep.agent, Get, "/created")->GetStatus().reason, "Created");
+  EXPECT_EQ(Send(*ep.agent, Get, "/missing")->GetStatus().code, 404);
+  auto empty = Send(*ep.agent, Get, "/empty");
+  EXPECT_EQ(empty->GetStatus().code, 204);
+  EXPECT_EQ(Body(*empty), "");
+}
+
+TEST(RoundTrip, EightMiBBodiesAndTheBodyLimit) {
+  const std::string file = ReadFile(Env("HTTP_TEST_DIR") + "/www/big.bin");
+  ASSERT_EQ(file.size(), 8u << 20);
+  auto exact = GetDefaultHttp2SvcCfg();
+  exact->maxResponseBodyBytes = 8 << 20;
+  Endpoint ep(80, false, "127.0.0.1", exact);
+  EXPECT_EQ(Body(*Send(*ep.agent, Get, "/big.bin")), file);
+  std::string upload(file.rbegin(), file.rend());
+  EXPECT_EQ(Body(*Send(*ep.agent, Post, "/echo", upload)), upload);
+
+  auto small = GetDefaultHttp2SvcCfg();
+  small->maxResponseBodyBytes = 1 << 20;
+  Endpoint limited(80, false, "127.0.0.1", small);
+  // Announced length (rejected up front) and streamed length (cut off).
+  for (auto [method, target, body] : {std::tuple{Get, "/big.bin", std::string()},
+                                       std::tuple{Post, "/echo", std::string(2 << 20, 'b')}}) {
+    try {
+      Send(*limited.agent, method, target, body);
+      ADD_FAILURE() << target << " was accepted";
+    } catch (const SystemException& e) {
+      ADD_FAILURE() << "errno " << e.GetError();
+    } catch (const Exception& e) {
+      EXPECT_NE(std::string(e.what()).find("larger than"), std::string::npos) << e.what();
+    }
+  }
+  EXPECT_EQ(Body(*Send(*limited.agent, Get, "/hello")), "hello");
+}
+
+TEST(RoundTrip, TlsIsVerified) {
+  if (Env("HTTP_TEST_TLS") != "1") GTEST_SKIP() << "the run's CA could not be installed";
+  Endpoint good(443, true, "localhost");
+  EXPECT_EQ(Body(*Send(*good.agent, Get, "/")), "secure");
+  Endpoint rogue(444, true, "localhost");
+  EXPECT_THROW(Send(*rogue.agent, Get, "/"), Ssl::SSLVerifyException);
+}
+
+// Sends `perThread` requests from each of `threads` threads at once and
+// returns how many failed, with the first failure's text.
+std::pair<int, std::string> Blast(HttpUserAgent& agent, int threads, int perThread,
+                                  const std::string& prefix, bool async) {
+  std::atomic<int> failures{0}, ready{0};
+  std::mutex m;
+  std::string first;
+  std::vector<std::thread> pool;
+  for (int t = 0; t < threads; ++t) {
+    pool.emplace_back([&, t] {
+      ++ready;
+      while (ready < threads) std::this_thread::yield();
+      std::vector<Ref<PendingExchange>> handles(async ? perThread : 1);
+      for (int i = 0; i < perThread; ++i) {
+        auto target = prefix + std::to_string(t * perThread + i);
+        try {
+          auto& h = handles[async ? i : 0];
+          agent.AsyncSendRequest(Request(Get, target).Get(), nullptr, h);
+          if (async) continue;
+          Ref<ClientResponse> r;
+          agent.WaitForResponse(h.Get(), 10000000, r);
+          if (r->GetStatus().code != 200) throw Exception("status " + std::to_string(r->GetStatus().code));
+        } catch (const std::exception& e) {
+          std::lock_guard<std::mutex> lock(m);
+          if (failures++ == 0) first = e.what();
+        }
+      }
+      for (int i = 0; async && i < perThread; ++i) {
+        try {
+          Ref<ClientResponse> r;
+          agent.WaitForResponse(handles[i].Get(), 10000000, r);
+        } catch (const std::exception& e) {
+          std::lock_guard<std::mutex> lock(m);
+          if (failures++ == 0) first = e.what();
+        }
+      }
+    });
+  }
+  for (auto& t : pool) t.join();
+  return {failures.load(), first};
+}
+
+TEST(Multiplexing, HundredConcurrentRequestsShareOneConnection) {
+  Endpoint ep(80);
+  // 16 threads put 100 requests in flight before waiting for any.
+  auto [failures, first] = Blast(*ep.agent, 16, 7, "/json?mux=", true);
+  EXPECT_EQ(failures, 0) << first;
+  EXPECT_EQ(ep.sockets.load(), 1);
+  std::vector<std::string> lines;
+  ASSERT_TRUE(Eventually([&] { return (lines = LogLines("/json?mux=")).size() >= 112; }));
+  std::map<std::string, int> perConnection;
+  for (auto& l : lines) ++perConnection[l.substr(0, l.find(' '))];
+  EXPECT_EQ(perConnection.size(), 1u);
+}
+
+TEST(Multiplexing, CrossingTheServersRequestLimitLosesAndRepeatsNothing) {
+  Endpoint ep(81);  // nginx ends each connection after 100 requests
+  auto [failures, first] = Blast(*ep.agent, 16, 63, "/limit?id=", false);
+  EXPECT_EQ(failures, 0) << first;
+  EXPECT_GE(ep.sockets.load(), 10);
+  std::vector<std::string> lines;
+  ASSERT_TRUE(Eventually([&] { return (lines = LogLines("/limit?id=")).size() >= 1008; }));
+  std::map<std::string, int> seen;
+  for (auto& l : lines) ++seen[l.substr(l.find("id="))];
+  EXPECT_EQ(seen.size(), 1008u);
+  for (auto& [id, count] : seen) EXPECT_EQ(count, 1) << id << " was processed " << count << " times";
+}
+
+TEST(Reconnect, AfterIdleCloseAndServerRestarts) {
+  Endpoint ep(82);  // closes idle connections after one second
+  EXPECT_EQ(Body(*Send(*ep.agent, Get, "/")), "ok");
+  pollfd p{ep.lastFd.load(), POLLRDHUP, 0};
+  ASSERT_EQ(poll(&p, 1, 10000), 1) << "the server kept the idle connection";
+  EXPECT_EQ(Body(*Send(*ep.agent, Get, "/")), "ok");
+  EXPECT_EQ(ep.sockets.load(), 2);
+
+  // Graceful reloads under load: old workers finish or refuse their streams.
+  Endpoint main(80);
+  std::atomic<bool> done{false};
+  std::thread reloader([&] {
+    for (int i = 0; i < 3; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      EXPECT_EQ(std::system((Env("HTTP_TEST_NGINX") + " -s reload").c_str()), 0);
+    }
+    done = true;
+  });
+  int sent = 0;
+  while (!done || sent < 100) {
+    std::string id = std::to_string(sent++);
+    EXPECT_EQ(Send(*main.agent, Get, "/json?reload=" + id)->GetStatus().code, 200) << id;
+  }
+  reloader.join();
+
+  // A full restart while idle.
+  const std::string pid = std::to_string(std::stoi(ReadFile(Env("HTTP_TEST_DIR") + "/nginx.pid")));
+  ASSERT_EQ(std::system((Env("HTTP_TEST_NGINX") + " -s stop").c_str()), 0);
+  ASSERT_TRUE(Eventually([&] { return std::system(("kill -0 " + pid + " 2>/dev/null").c_str()) != 0; }));
+  try {
+    Send(*main.agent, Get, "/json");
+    ADD_FAILURE() << "sent with the server down";
+  } catch (const SystemException& e) {
+    EXPECT_EQ(e.GetError(), 111);
+  }
+  ASSERT_EQ(std::system(Env("HTTP_TEST_NGINX").c_str()), 0);
+  EXPECT_EQ(Send(*main.agent, Get, "/json")->GetStatus().code, 200);
+}
+
+TEST(Errors, RefusedAndUnreachable) {
+  Endpoint refused(9);
+  try {
+    Send(*refused.agent, Get, "/");
+    ADD_FAILURE();
+  } catch (const SystemException& e) {
+    EXPECT_EQ(e.GetError(), 111) << e.what();
+  }
+
+  auto config = GetDefaultHttp2SvcCfg();
+  config->connectTimeoutUs = 300000;
+  Endpoint blackhole(80, false, Env("HTTP_TEST_UNREACHABLE"), config);
+  auto start = std::chrono::steady_clock::now();
+  // Requests queued behind the connect time out with it.
+  std::vector<Ref<PendingExchange>> handles(3);
+  for (auto& h : handles) blackhole.agent->AsyncSendRequest(Request(Post, "/x", "on").Get(), nullptr, h);
+  for (auto& h : handles) {
+    try {
+      Ref<ClientResponse> r;
+      blackhole.agent->WaitForResponse(h.Get(), 20000000, r);
+      ADD_FAILURE();
+    } catch (const SystemException& e) {
+      EXPECT_EQ(e.GetError(), 110) << e.what();
+    }
+  }
+  EXPECT_GE(SecondsSince(start), 0.3);
+  EXPECT_GE(blackhole.sockets.load(), 1);
+}
+
+TEST(Errors, NoAnswerTimesOutCancelsAndIsNeverErrno110) {
+  auto config = GetDefaultHttp2SvcCfg();
+  config->connectTimeoutUs = 100000;  // far below the wait: must not turn into 110
+  config->syncSendTimeoutUs = 400000;
+  Endpoint ep(80, false, "127.0.0.1", config);
+  Ref<PendingExchange> handle;
+  ep.agent->AsyncSendRequest(Request(Post, "/hang?cancel=1", "off").Get(), nullptr, handle);
+  auto start = std::chrono::steady_clock::now();
+  Ref<ClientResponse> response;
+  EXPECT_THROW(ep.agent->WaitForResponse(handle.Get(), 500000, response), TimeoutException);
+  EXPECT_GE(SecondsSince(start), 0.5);
+  EXPECT_LT(SecondsSince(start), 5.0);
+  // Cancelled for good: waiting again does not revive it.
+  EXPECT_THROW(ep.agent->WaitForResponse(handle.Get(), 1000000, response), TimeoutException);
+  // Nothing is held any more, and the stream was reset on the wire (nginx
+  // logs 499) while the connection stayed up.
+  EXPECT_EQ(Body(*Send(*ep.agent, Get, "/hello")), "hello");
+  EXPECT_EQ(ep.Pool().GetActiveExchangeCount(), 0u);
+  EXPECT_EQ(handle->RefCount(), 1);
+  ASSERT_TRUE(Eventually([] { return LogLines("/hang?cancel=1").size() == 1; }));
+  EXPECT_NE(LogLines("/hang?cancel=1")[0].find(" 499"), std::string::npos);
+  EXPECT_EQ(ep.sockets.load(), 1);
+
+  // SendRequest has the pool's limit.
+  start = std::chrono::steady_clock::now();
+  EXPECT_THROW(ep.agent->SendRequest(Request(Get, "/hang").Get(), response), TimeoutException);
+  EXPECT_GE(SecondsSince(start), 0.4);
+}
+
+TEST(Errors, InvalidArguments) {
+  Endpoint ep(80);
+  Ref<PendingExchange> handle;
+  Ref<ClientResponse> response;
+  EXPECT_THROW(ep.agent->AsyncSendRequest(nullptr, nullptr, handle), InvalidArgumentException);
+  auto bad = MakeRef<ClientRequest>(static_cast<HttpMethod>(99), "/x");
+  EXPECT_THROW(ep.agent->AsyncSendRequest(bad.Get(), nullptr, handle), InvalidArgumentException);
+  auto relative = MakeRef<ClientRequest>(Get, "x y");
+  EXPECT_THROW(ep.agent->AsyncSendRequest(relative.Get(), nullptr, handle), InvalidArgumentException);
+  EXPECT_THROW(ep.agent->WaitForResponse(nullptr, 1, response), InvalidArgumentException);
+  ep.agent->AsyncSendRequest(Request(Get, "/hello").Get(), nullptr, handle);
+  EXPECT_THROW(ep.agent->WaitForResponse(handle.Get(), -1, response), InvalidArgumentException);
+  EXPECT_THROW(CreateHttp2ConnectionPool(nullptr, nullptr), InvalidArgumentException);
+  auto config = GetDefaultHttp2SvcCfg();
+  config->maxConcurrentStreams = 0;
+  EXPECT_THROW(CreateHttp2ConnectionPool(ep.spec.Get(), config.Get()), InvalidArgumentException);
+  Ref<ConnectionSpec> other;
+  CreateTCPConnectionSpec("127.0.0.1", 81, false, nullptr, other);
+  EXPECT_THROW(CreateHttpUserAgent(other.Get(), nullptr, ep.pool.Get()), InvalidArgumentException);
+}
+
+TEST(Agent, PrivatePoolSendsAndGoesWithTheAgent) {
+  const int baseline = ThreadCount();
+  std::atomic<int> noDelay{0};
+  Ref<ConnectionSpec> spec;
+  CreateTCPConnectionSpec("localhost", 80, false, [&](System::TCPClientSocket* s) {
+    int v = 0;
+    socklen_t len = sizeof v;
+    getsockopt(s->GetFd(), IPPROTO_TCP, TCP_NODELAY, &v, &len);
+    noDelay = v;
+  }, spec);
+  auto agent = CreateHttpUserAgent(spec.Get());
+  Ref<ClientResponse> response;
+  agent->SendRequest(Request(Get, "/json").Get(), response);
+  EXPECT_NE(Body(*response).find("\"PowerState\":\"On\""), std::string::npos);
+  EXPECT_EQ(noDelay.load(), 1);
+  EXPECT_EQ(ThreadCount(), baseline + 1);
+  agent = nullptr;  // joins the private pool's thread
+  EXPECT_EQ(ThreadCount(), baseline);
+}
+
+}  // namespace
+}  // namespace http_test

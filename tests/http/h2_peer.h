@@ -1,0 +1,167 @@
+#pragma once
+
+// A scripted h2c server for the faults nginx does not produce on demand: a
+// connection reset or closed with a request outstanding, GOAWAY, refused and
+// reset streams. It reads frames without decoding headers and answers with a
+// bare ":status: 200".
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+namespace http_test {
+
+class H2Peer {
+ public:
+  enum Action {
+    Respond, ResetConnection, CloseConnection, RefuseStream, ResetStream,
+    GoawayAndClose,           // GOAWAY that leaves the stream out, as unprocessed
+    GoawayIncludingAndClose,  // GOAWAY that takes the stream in, then no answer
+  };
+  // Called for each complete request: its index over all connections.
+  using Script = std::function<Action(int request)>;
+
+  explicit H2Peer(Script script) : script_(std::move(script)) {
+    listener_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in a{};
+    a.sin_family = AF_INET;
+    a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof a;
+    if (bind(listener_, reinterpret_cast<sockaddr*>(&a), len) != 0 || listen(listener_, 16) != 0 ||
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&a), &len) != 0) {
+      throw std::runtime_error("H2Peer: cannot listen");
+    }
+    port_ = ntohs(a.sin_port);
+    acceptor_ = std::thread([this] { Accept(); });
+  }
+  ~H2Peer() {
+    shutdown(listener_, SHUT_RDWR);
+    acceptor_.join();
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      for (int fd : open_) shutdown(fd, SHUT_RDWR);
+    }
+    for (auto& t : connections_) t.join();
+    close(listener_);
+  }
+  int Port() const { return port_; }
+  // HEADERS frames received, and connections that did not start as HTTP/2:
+  // how often requests reached the server.
+  int Requests() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return headers_;
+  }
+
+ private:
+  void Accept() {
+    for (int fd; (fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+      std::lock_guard<std::mutex> lock(mutex_);
+      open_.insert(fd);
+      connections_.emplace_back([this, fd] { Serve(fd); });
+    }
+  }
+
+  static bool ReadAll(int fd, uint8_t* p, size_t n) {
+    for (ssize_t r; n > 0; p += r, n -= static_cast<size_t>(r)) {
+      if ((r = read(fd, p, n)) <= 0) return false;
+    }
+    return true;
+  }
+  static void Frame(int fd, uint8_t type, uint8_t flags, uint32_t stream,
+                    std::vector<uint8_t> payload = {}) {
+    const size_t n = payload.size();
+    std::vector<uint8_t> f = {uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n), type, flags,
+                              uint8_t(stream >> 24), uint8_t(stream >> 16), uint8_t(stream >> 8),
+                              uint8_t(stream)};
+    f.insert(f.end(), payload.begin(), payload.end());
+    (void)!write(fd, f.data(), f.size());
+  }
+  static std::vector<uint8_t> Be32(uint32_t a, uint32_t b) {
+    return {uint8_t(a >> 24), uint8_t(a >> 16), uint8_t(a >> 8), uint8_t(a),
+            uint8_t(b >> 24), uint8_t(b >> 16), uint8_t(b >> 8), uint8_t(b)};
+  }
+
+  void Serve(int fd) {
+    uint8_t preface[24];
+    uint32_t lastDone = 0;
+    bool writing = true;  // false once our side is closed: frames are only counted
+    Frame(fd, 4, 0, 0);   // our SETTINGS
+    bool open = ReadAll(fd, preface, sizeof preface);
+    if (open && std::memcmp(preface, "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", 24) != 0) {
+      // Not HTTP/2: counted as a request that reached the server.
+      std::lock_guard<std::mutex> lock(mutex_);
+      ++headers_;
+      open = false;
+    }
+    while (open) {
+      uint8_t h[9];
+      if (!ReadAll(fd, h, 9)) break;
+      std::vector<uint8_t> payload((h[0] << 16) | (h[1] << 8) | h[2]);
+      if (!ReadAll(fd, payload.data(), payload.size())) break;
+      const uint8_t type = h[3], flags = h[4];
+      const uint32_t stream = ((h[5] & 0x7fu) << 24) | (h[6] << 16) | (h[7] << 8) | h[8];
+      if (type == 1) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        ++headers_;
+      }
+      if (!writing) continue;
+      if (type == 4 && !(flags & 1)) Frame(fd, 4, 1, 0);           // SETTINGS: ack
+      if (type == 6 && !(flags & 1)) Frame(fd, 6, 1, 0, payload);  // PING: answer
+      if ((type != 0 && type != 1) || !(flags & 1)) continue;       // until END_STREAM
+      int index;
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        index = requests_++;
+      }
+      const Action action = script_(index);
+      switch (action) {
+        case Respond:
+          Frame(fd, 1, 0x5, stream, {0x88});  // END_STREAM|END_HEADERS, ":status: 200"
+          lastDone = stream;
+          break;
+        case ResetConnection: {
+          linger l{1, 0};
+          setsockopt(fd, SOL_SOCKET, SO_LINGER, &l, sizeof l);
+          open = false;
+          break;
+        }
+        case CloseConnection:  // FIN without a word
+          shutdown(fd, SHUT_WR);
+          writing = false;
+          break;
+        case GoawayAndClose:
+        case GoawayIncludingAndClose:
+          Frame(fd, 7, 0, 0, Be32(action == GoawayAndClose ? lastDone : stream, 0));
+          shutdown(fd, SHUT_WR);
+          writing = false;
+          break;
+        case RefuseStream: Frame(fd, 3, 0, stream, {0, 0, 0, 7}); break;
+        case ResetStream: Frame(fd, 3, 0, stream, {0, 0, 0, 2}); break;  // INTERNAL_ERROR
+      }
+    }
+    std::lock_guard<std::mutex> lock(mutex_);
+    open_.erase(fd);
+    close(fd);
+  }
+
+  Script script_;
+  int listener_ = -1;
+  int port_ = 0;
+  std::thread acceptor_;
+  std::mutex mutex_;
+  std::set<int> open_;
+  std::vector<std::thread> connections_;
+  int headers_ = 0;
+  int requests_ = 0;
+};
+
+}  // namespace http_test
