@@ -4,54 +4,33 @@
 #include <string>
 #include <vector>
 
-// Helpers shared by the sysinfo tests: running tools/smbios-gen and dmidecode,
-// scratch directories, whole-file I/O.
+// Shared by the sysinfo tests: shell commands, scratch directories, files and
+// tables from tools/smbios-gen.
 namespace sysinfo_test {
 
-struct CommandResult {
-  int status = -1;  // exit status, or -1 when the command could not run
-  std::string out;
-  std::string err;
-};
+extern const char* const kGenerator;  // "python3 <source>/tools/smbios-gen"
 
-// Runs argv[0] with the arguments (no shell), capturing both streams.
-CommandResult Run(const std::vector<std::string>& argv);
+// Runs a shell command; returns its standard output, *status its exit status.
+std::string Shell(const std::string& command, int* status = nullptr);
 
-// A fresh directory under TMPDIR, removed with its contents on destruction.
-class ScratchDir {
- public:
+// A fresh directory, removed with its contents on destruction.
+struct ScratchDir {
   ScratchDir();
   ~ScratchDir();
-  ScratchDir(const ScratchDir&) = delete;
-  ScratchDir& operator=(const ScratchDir&) = delete;
-  std::string Path(const std::string& name) const { return path_ + "/" + name; }
-
- private:
-  std::string path_;
+  std::string Path(const std::string& name) const { return path + "/" + name; }
+  std::string path;
 };
 
 std::vector<uint8_t> ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::vector<uint8_t>& bytes);
 
-struct StructureInfo {
-  int type = 0;
-  size_t offset = 0;
-  size_t end = 0;  // first byte after the structure's strings
-};
-
-// A table from tools/smbios-gen with its layout as the generator reports it.
+// A table, the same table in dmidecode's dump layout, and where each structure
+// starts and ends (after its strings) as the generator reports them.
 struct GeneratedTable {
   std::vector<uint8_t> table;
-  std::vector<uint8_t> dump;  // the same table in dmidecode's --dump-bin layout
-  std::vector<StructureInfo> structures;
-  // The first structure of the given type, or nullptr.
-  const StructureInfo* Find(int type) const;
+  std::vector<uint8_t> dump;
+  std::vector<std::pair<size_t, size_t>> hostInterfaces;  // type 42 [start, end)
 };
-
-// Runs the generator with extra arguments; fails the calling test on error.
-GeneratedTable Generate(const std::vector<std::string>& args);
-
-// Path of the generator script.
-const char* GeneratorPath();
+GeneratedTable Generate(const std::string& args);
 
 }  // namespace sysinfo_test

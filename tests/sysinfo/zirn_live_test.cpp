@@ -4,8 +4,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -14,87 +12,65 @@
 
 namespace {
 
-constexpr const char kTables[] = "/sys/firmware/dmi/tables";
-
 class ZirnLive : public ::testing::Test {
  protected:
   void SetUp() override {
     const char* flag = std::getenv("SYSINFO_PRIVATE_SYSFS");
-    if (flag == nullptr || std::string(flag) != "1") {
-      GTEST_SKIP() << "needs the private /sys/firmware of run-private-sysfs";
-    }
+    if (flag == nullptr || std::string(flag) != "1") GTEST_SKIP() << "needs run-private-sysfs";
   }
-  void Install(std::vector<std::string> args) {
-    std::vector<std::string> argv = {"python3", sysinfo_test::GeneratorPath(), "--out-sysfs",
-                                     kTables};
-    argv.insert(argv.end(), args.begin(), args.end());
-    const auto r = sysinfo_test::Run(argv);
-    ASSERT_EQ(r.status, 0) << r.err;
-  }
-  // Calls ZIRN_Get with a buffer larger than the record, pre-filled with junk.
-  int Get() {
+  // Installs a table, then reads the node into a larger buffer full of junk.
+  int Get(const std::string& args) {
+    int status = -1;
+    sysinfo_test::Shell(std::string(sysinfo_test::kGenerator) +
+                            " --out-sysfs /sys/firmware/dmi/tables " + args,
+                        &status);
+    EXPECT_EQ(status, 0) << args;
     std::memset(buffer_, 0xA5, sizeof buffer_);
     return ZIRN_Get(ZIRN_NODE_hardware_bios_redfishInfo, nullptr, buffer_, sizeof buffer_);
   }
-  // The expected 30-byte record followed by zeros.
-  static std::vector<uint8_t> Expected(uint32_t discovery, const uint8_t* ipv4, uint16_t port,
-                                       uint32_t vlan) {
-    std::vector<uint8_t> e(40, 0);
+  // The 30-byte record (little-endian fields) followed by zeros.
+  static std::vector<uint8_t> Record(uint32_t discovery, std::vector<uint8_t> ipv4, uint16_t port,
+                                     uint32_t vlan) {
+    std::vector<uint8_t> e(sizeof buffer_, 0);
     for (int i = 0; i < 4; ++i) e[i] = static_cast<uint8_t>(discovery >> (8 * i));
-    if (ipv4 != nullptr) {
-      e[4] = 1;
-      std::memcpy(&e[5], ipv4, 4);
-    }
+    e[4] = ipv4.empty() ? 0 : 1;
+    std::copy(ipv4.begin(), ipv4.end(), e.begin() + 5);
     e[9] = static_cast<uint8_t>(port);
     e[10] = static_cast<uint8_t>(port >> 8);
     for (int i = 0; i < 4; ++i) e[11 + i] = static_cast<uint8_t>(vlan >> (8 * i));
     return e;
   }
-  std::vector<uint8_t> Buffer() const { return std::vector<uint8_t>(buffer_, buffer_ + 40); }
-  static std::string Dmidecode() {
-    return sysinfo_test::Run({"dmidecode", "-t", "42"}).out;
-  }
+  std::vector<uint8_t> Buffer() const { return {buffer_, buffer_ + sizeof buffer_}; }
+  static std::string Dmidecode() { return sysinfo_test::Shell("dmidecode -t 42"); }
   uint8_t buffer_[40];
 };
 
 TEST_F(ZirnLive, ReadsTheRecordTheFirmwareTableHolds) {
-  const uint8_t loopback[] = {127, 0, 42, 1};
-  Install({});
-  ASSERT_EQ(Get(), NUC_OK);
-  EXPECT_EQ(Buffer(), Expected(1, loopback, 443, 0));
+  ASSERT_EQ(Get(""), NUC_OK);
+  EXPECT_EQ(Buffer(), Record(1, {127, 0, 42, 1}, 443, 0));
   EXPECT_NE(Dmidecode().find("IPv4 Redfish Service Address: 127.0.42.1"), std::string::npos);
 
-  const uint8_t other[] = {127, 1, 2, 3};
-  Install({"--ipv4", "127.1.2.3", "--port", "8443", "--vlan", "70000", "--discovery", "auto",
-           "--entry-point", "2", "--kcs-first", "--device", "pci"});
-  ASSERT_EQ(Get(), NUC_OK);
-  EXPECT_EQ(Buffer(), Expected(3, other, 8443, 70000));
-  const std::string shown = Dmidecode();
-  EXPECT_NE(shown.find("IPv4 Redfish Service Address: 127.1.2.3"), std::string::npos) << shown;
-  EXPECT_NE(shown.find("Redfish Service Port: 8443"), std::string::npos);
+  ASSERT_EQ(Get("--ipv4 127.1.2.3 --port 8443 --vlan 70000 --discovery auto --entry-point 2 "
+                "--kcs-first --device pci"),
+            NUC_OK);
+  EXPECT_EQ(Buffer(), Record(3, {127, 1, 2, 3}, 8443, 70000));
+  EXPECT_NE(Dmidecode().find("Redfish Service Port: 8443"), std::string::npos);
 
-  // IPv6 only: the record is there, but without an IPv4 address to offer.
-  Install({"--ipv6-only", "fd00:42::1"});
-  ASSERT_EQ(Get(), NUC_OK);
-  EXPECT_EQ(Buffer(), Expected(1, nullptr, 443, 0));
+  ASSERT_EQ(Get("--ipv6-only fd00:42::1"), NUC_OK);  // a record, but no IPv4 address in it
+  EXPECT_EQ(Buffer(), Record(1, {}, 443, 0));
 }
 
-TEST_F(ZirnLive, ReportsMissingAndBrokenTables) {
-  Install({"--no-redfish"});
-  EXPECT_EQ(Get(), NUC_ERR_NO_ENTRY);
-  EXPECT_EQ(Buffer(), std::vector<uint8_t>(40, 0));
+TEST_F(ZirnLive, ReportsMissingAndBrokenTablesWithAZeroedBuffer) {
+  EXPECT_EQ(Get("--no-redfish"), NUC_ERR_NO_ENTRY);
+  EXPECT_EQ(Buffer(), std::vector<uint8_t>(sizeof buffer_, 0));
   EXPECT_EQ(Dmidecode().find("Redfish"), std::string::npos);
-
-  for (const char* kind : {"struct-past-end", "record-past-struct", "short-record"}) {
-    Install({"--corrupt", kind});
-    EXPECT_EQ(Get(), NUC_ERR_CORRUPT_TABLE) << kind;
+  for (const char* args : {"--corrupt struct-past-end", "--corrupt short-record", "--truncate 100"}) {
+    EXPECT_EQ(Get(args), NUC_ERR_CORRUPT_TABLE) << args;
   }
-  Install({"--truncate", "100"});
-  EXPECT_EQ(Get(), NUC_ERR_CORRUPT_TABLE);
-
   ASSERT_EQ(std::remove("/sys/firmware/dmi/tables/DMI"), 0);
-  EXPECT_EQ(Get(), NUC_ERR_NO_TABLE);
-  EXPECT_EQ(Buffer(), std::vector<uint8_t>(40, 0));
+  EXPECT_EQ(ZIRN_Get(ZIRN_NODE_hardware_bios_redfishInfo, nullptr, buffer_, sizeof buffer_),
+            NUC_ERR_NO_TABLE);
+  EXPECT_EQ(Buffer(), std::vector<uint8_t>(sizeof buffer_, 0));
 }
 
 }  // namespace
