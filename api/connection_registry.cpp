@@ -23,8 +23,7 @@ Tessel::Ref<Service::Logger> gRedfishLogger;
 std::atomic<Service::Logger*> gLoggerPtr{nullptr};
 
 std::mutex gConnectionsMutex;
-// Never destroyed: the finaliser may run after static destructors.
-auto& gConnections = *new std::unordered_map<std::string, BmcRedfishConnection*>();
+std::unordered_map<std::string, BmcRedfishConnection*> gConnections;
 
 std::string HostKey(const char* host) { return host ? std::string(host) : kLocalHostKey; }
 
@@ -101,5 +100,10 @@ extern "C" BMCREDFISH_API void cleanup(void) {
   gConnections.clear();
 }
 
-// Runs cleanup when the library is unloaded or the process exits.
-__attribute__((destructor)) static void FinaliseLibrary() { cleanup(); }
+namespace {
+// Runs cleanup when the library is unloaded or the process exits. Defined
+// after the registry, so it is destroyed, and cleans up, before the registry.
+struct Finaliser {
+  ~Finaliser() { cleanup(); }
+} gFinaliser;
+}  // namespace
