@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <type_traits>
 
 #include "platform/tessel/logging.h"
 
@@ -18,27 +19,33 @@ namespace {
 // work and stop requests wake it at once anyway.
 constexpr int kIdlePollMs = 1000;
 
+// Globals here are trivially destructible on purpose: exit runs C++
+// destructors before the finaliser below, and I/O threads may still run then.
+std::atomic<Service::Logger*> g_logger{nullptr};
+std::atomic<bool> g_unloaded{false};
+
 Service::Logger* Log() {
-  // Never destroyed: the I/O thread may still log while exit runs destructors.
-  static Service::Logger* logger = [] {
-    Ref<Service::Logger> l = Service::CreateLogger("http");
-    l->AddRef();
-    return l.Get();
-  }();
+  Service::Logger* logger = g_logger.load(std::memory_order_acquire);
+  if (logger != nullptr || g_unloaded.load(std::memory_order_acquire)) return logger;
+  Ref<Service::Logger> fresh = Service::CreateLogger("http");
+  if (g_logger.compare_exchange_strong(logger, fresh.Get())) {
+    fresh->AddRef();  // dropped by the finaliser
+    return fresh.Get();
+  }
   return logger;
 }
 
 void InitCurlOnce() {
   // Function-local static: initialised once even when many threads race here.
-  static const std::string problem = []() -> std::string {
+  static const char* const problem = []() -> const char* {
     if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) return "curl_global_init failed";
     const curl_version_info_data* info = curl_version_info(CURLVERSION_NOW);
     if ((info->features & CURL_VERSION_HTTP2) == 0) return "libcurl was built without HTTP/2";
     // The pre-request callback, on which the rule against resending relies.
     if (info->version_num < 0x075000) return "libcurl older than 7.80.0";
-    return {};
+    return nullptr;
   }();
-  if (!problem.empty()) throw Exception(problem);
+  if (problem != nullptr) throw Exception(problem);
 }
 
 Failure StoppedFailure() {
@@ -47,69 +54,81 @@ Failure StoppedFailure() {
 
 }  // namespace
 
-// Every pool whose thread was started and not yet joined. Kept in a leaked
-// object: exit may run C++ destructors before the finaliser below.
+// Every pool whose thread was started and not yet joined, in a list threaded
+// through the workers themselves; each listed worker holds a reference.
 class WorkerRegistry {
  public:
-  static WorkerRegistry& Get() {
-    static WorkerRegistry* registry = new WorkerRegistry;
-    return *registry;
-  }
+  static_assert(std::is_trivially_destructible_v<std::mutex>);
 
   // False once the library is being unloaded.
-  bool Add(PoolWorker* worker) {
+  static bool Add(PoolWorker* worker) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (closed_) return false;
-    if (!atExitRegistered_) {
-      // Registered after curl_global_init, so at exit this runs before the
-      // TLS library's own exit-time cleanup, while connections still work.
-      atExitRegistered_ = true;
-      std::atexit([] { PoolWorker::StopAll(); });
-    }
-    workers_.push_back(Ref<PoolWorker>(worker));
+    // Its destructor is registered now, after curl_global_init, so at exit it
+    // runs before the TLS library's own exit-time cleanup, while connections
+    // still work. Being a static object, it is tied to this library and also
+    // runs when the library is unloaded.
+    struct StopAtExit {
+      ~StopAtExit() { PoolWorker::StopAll(); }
+    };
+    static StopAtExit stopAtExit;
+    worker->AddRef();
+    worker->registryNext_ = head_;
+    if (head_ != nullptr) head_->registryPrev_ = worker;
+    head_ = worker;
+    worker->registered_ = true;
     return true;
   }
 
-  void Remove(PoolWorker* worker) {
-    Ref<PoolWorker> keep;  // released after the lock: it may be the last reference
-    std::lock_guard<std::mutex> lock(mutex_);
-    for (auto& w : workers_) {
-      if (w.Get() == worker) {
-        keep = std::move(w);
-        w = std::move(workers_.back());
-        workers_.pop_back();
-        break;
-      }
+  static void Remove(PoolWorker* worker) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!worker->registered_) return;
+      Unlink(worker);
     }
+    worker->Release();  // after the lock: it may be the last reference
   }
 
   // Threads that stopped after their pool was dropped on the thread itself.
   // Cheap when there are none: Submit asks on every request.
-  std::vector<Ref<PoolWorker>> Finished() {
+  static std::vector<Ref<PoolWorker>> Finished() {
     std::vector<Ref<PoolWorker>> done;
     if (!someFinished_.load(std::memory_order_acquire)) return done;
     std::lock_guard<std::mutex> lock(mutex_);
     someFinished_.store(false, std::memory_order_relaxed);
-    for (auto& w : workers_) {
-      if (w->finished_.load(std::memory_order_acquire)) done.push_back(w);
+    for (PoolWorker* w = head_; w != nullptr; w = w->registryNext_) {
+      if (w->finished_.load(std::memory_order_acquire)) done.emplace_back(w);
     }
     return done;
   }
 
-  void NoteFinished() { someFinished_.store(true, std::memory_order_release); }
+  static void NoteFinished() { someFinished_.store(true, std::memory_order_release); }
 
-  std::vector<Ref<PoolWorker>> Close() {
+  // Takes every listed worker, with its reference, and refuses new ones.
+  static std::vector<PoolWorker*> Close() {
+    std::vector<PoolWorker*> all;
     std::lock_guard<std::mutex> lock(mutex_);
     closed_ = true;
-    return std::move(workers_);
+    while (head_ != nullptr) {
+      all.push_back(head_);
+      Unlink(head_);
+    }
+    return all;
   }
 
  private:
-  std::mutex mutex_;
-  std::vector<Ref<PoolWorker>> workers_;
-  bool closed_ = false;
-  bool atExitRegistered_ = false;
-  std::atomic<bool> someFinished_{false};
+  static void Unlink(PoolWorker* w) {
+    if (w->registryPrev_ != nullptr) w->registryPrev_->registryNext_ = w->registryNext_;
+    if (w->registryNext_ != nullptr) w->registryNext_->registryPrev_ = w->registryPrev_;
+    if (head_ == w) head_ = w->registryNext_;
+    w->registryPrev_ = w->registryNext_ = nullptr;
+    w->registered_ = false;
+  }
+
+  static inline std::mutex mutex_;
+  static inline PoolWorker* head_ = nullptr;
+  static inline bool closed_ = false;
+  static inline std::atomic<bool> someFinished_{false};
 };
 
 PoolWorker::PoolWorker(Ref<ConnectionSpec> spec, const Http2SvcConfig& config)
@@ -167,13 +186,13 @@ void PoolWorker::Submit(Ref<Exchange> exchange) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (!stopping_ && !started_) {
-      if (WorkerRegistry::Get().Add(this)) {
+      if (WorkerRegistry::Add(this)) {
         try {
           std::lock_guard<std::mutex> joinLock(joinMutex_);
           thread_ = std::thread([this] { Run(); });
           started_ = true;
         } catch (...) {
-          WorkerRegistry::Get().Remove(this);
+          WorkerRegistry::Remove(this);
           stopping_ = true;
         }
       } else {
@@ -196,7 +215,7 @@ void PoolWorker::Submit(Ref<Exchange> exchange) {
     return;
   }
   // Join threads of pools that were dropped on their own thread.
-  for (auto& w : WorkerRegistry::Get().Finished()) {
+  for (auto& w : WorkerRegistry::Finished()) {
     if (w.Get() != this) w->Join();
   }
 }
@@ -234,12 +253,11 @@ void PoolWorker::Join() {
     if (thread_.get_id() == std::this_thread::get_id()) return;
     thread_.join();
   }
-  WorkerRegistry::Get().Remove(this);
+  WorkerRegistry::Remove(this);
 }
 
 void PoolWorker::StopAll() noexcept {
-  std::vector<Ref<PoolWorker>> workers = WorkerRegistry::Get().Close();
-  for (auto& w : workers) {
+  for (PoolWorker* w : WorkerRegistry::Close()) {
     {
       std::lock_guard<std::mutex> lock(w->mutex_);
       if (!w->stopping_) {
@@ -247,16 +265,16 @@ void PoolWorker::StopAll() noexcept {
         curl_multi_wakeup(w->multi_);
       }
     }
-    std::lock_guard<std::mutex> lock(w->joinMutex_);
-    if (!w->thread_.joinable()) continue;
-    if (w->thread_.get_id() == std::this_thread::get_id()) {
+    std::unique_lock<std::mutex> lock(w->joinMutex_);
+    if (w->thread_.joinable() && w->thread_.get_id() == std::this_thread::get_id()) {
       // exit() called from a completion callback: the process ends under this
-      // thread, which must not wait for itself. Keep the worker alive for it.
+      // thread, which must not wait for itself. The worker stays referenced.
       w->thread_.detach();
-      w->AddRef();
       continue;
     }
-    w->thread_.join();
+    if (w->thread_.joinable()) w->thread_.join();
+    lock.unlock();
+    w->Release();
   }
 }
 
@@ -302,7 +320,7 @@ void PoolWorker::Run() {
   curl_multi_cleanup(multi_);
   multi_ = nullptr;
   finished_.store(true, std::memory_order_release);
-  WorkerRegistry::Get().NoteFinished();
+  WorkerRegistry::NoteFinished();
 }
 
 void PoolWorker::Launch(Exchange* exchange) {
@@ -432,7 +450,12 @@ void PoolWorker::FailActive(const Failure& failure) {
 }
 
 // Unloading the library (dlclose) or exit must not leave an I/O thread
-// running code that is about to disappear.
-__attribute__((destructor)) static void StopHttpClientsOnUnload() { PoolWorker::StopAll(); }
+// running code that is about to disappear. Pools their users keep stay
+// usable objects, but fail every later exchange.
+__attribute__((destructor)) static void StopHttpClientsOnUnload() {
+  PoolWorker::StopAll();
+  g_unloaded.store(true, std::memory_order_release);
+  if (Service::Logger* logger = g_logger.exchange(nullptr)) logger->Release();
+}
 
 }  // namespace Tessel::Http

@@ -204,6 +204,10 @@ class PoolWorker : public RefCounted {
   Exchange* connector_ = nullptr;
   std::atomic<size_t> active_{0};
 
+  // Guarded by the registry's mutex.
+  PoolWorker* registryPrev_ = nullptr;
+  PoolWorker* registryNext_ = nullptr;
+  bool registered_ = false;
   friend class WorkerRegistry;
 };
 
