@@ -122,6 +122,9 @@ void Exchange::Prepare(const ClientRequest& request, const std::string& origin,
   Set(easy_, CURLOPT_PRIVATE, this);
   Set(easy_, CURLOPT_ERRORBUFFER, errorText_);
   Set(easy_, CURLOPT_NOSIGNAL, 1L);
+  // The endpoint is fixed; an HTTP proxy named in the environment must not
+  // get between us and it.
+  Set(easy_, CURLOPT_PROXY, "");
   Set(easy_, CURLOPT_PROTOCOLS_STR, tls ? "https" : "http");
   SetRole(Role::Plain);
   // Wait for the one multiplexed connection rather than opening another.

@@ -4,6 +4,7 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <pthread.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -279,6 +280,7 @@ void PoolWorker::StopAll() noexcept {
 }
 
 void PoolWorker::Run() {
+  pthread_setname_np(pthread_self(), "http-io");  // for ps, top and debuggers
   std::vector<Ref<Exchange>> incoming;
   std::vector<Ref<Exchange>> cancels;
   for (;;) {

@@ -46,6 +46,15 @@ TEST(RoundTrip, HeadersBodiesAndMethods) {
   EXPECT_EQ(Body(*empty), "");
 }
 
+TEST(RoundTrip, ProxiesNamedInTheEnvironmentAreNotUsed) {
+  setenv("http_proxy", "http://127.0.0.1:9", 1);  // nothing listens there
+  setenv("ALL_PROXY", "http://127.0.0.1:9", 1);
+  Endpoint ep(80);
+  EXPECT_EQ(Body(*Send(*ep.agent, Get, "/hello")), "hello");
+  unsetenv("http_proxy");
+  unsetenv("ALL_PROXY");
+}
+
 TEST(RoundTrip, EightMiBBodiesAndTheBodyLimit) {
   const std::string file = ReadFile(Env("HTTP_TEST_DIR") + "/www/big.bin");
   ASSERT_EQ(file.size(), 8u << 20);
