@@ -15,8 +15,9 @@ namespace Tessel::Http {
 namespace {
 
 constexpr int kTimedOut = 110;  // ETIMEDOUT
-// An exchange the server keeps refusing fails after this many fresh starts.
-constexpr int kMaxRelaunches = 5;
+// An exchange the server keeps leaving out of its GOAWAYs fails after this
+// many resends.
+constexpr int kMaxResends = 5;
 
 bool IsValidTarget(const std::string& t) {
   if (t.empty() || t[0] != '/') return false;
@@ -251,20 +252,24 @@ int Exchange::OnDebug(CURL*, curl_infotype type, char* data, size_t size, void* 
 }
 
 void Exchange::NoteGoaway(const Exchange& reporter, int64_t lastStreamId) noexcept {
-  if (!attempted_ || localPort_ != reporter.localPort_ || localIp_ != reporter.localIp_) return;
+  if (!SameConnection(reporter)) return;
   if (goawayLast_ < 0 || lastStreamId < goawayLast_) goawayLast_ = lastStreamId;
 }
 
 bool Exchange::WantsRelaunch(CURLcode code) const noexcept {
-  if (code == CURLE_OK || gotResponse_ || relaunches_ >= kMaxRelaunches) return false;
+  if (code == CURLE_OK || gotResponse_) return false;
   // Refused a connection of its own before its request was handed over.
   if (!attempted_) return wantsConnection_;
   // The server's GOAWAY says it did not process streams above its last id.
-  return streamId_ > 0 && goawayLast_ >= 0 && streamId_ > goawayLast_;
+  return resends_ < kMaxResends && streamId_ > 0 && goawayLast_ >= 0 && streamId_ > goawayLast_;
+}
+
+bool Exchange::SameConnection(const Exchange& other) const noexcept {
+  return other.OnConnection(localPort_, localIp_) && attempted_;
 }
 
 void Exchange::PrepareRelaunch() {
-  ++relaunches_;
+  if (attempted_) ++resends_;
   attempted_ = false;
   resendBlocked_ = false;
   wantsConnection_ = false;

@@ -49,6 +49,8 @@ void InitCurlOnce() {
   if (problem != nullptr) throw Exception(problem);
 }
 
+thread_local const PoolWorker* t_ioWorker = nullptr;  // the worker this thread runs
+
 Failure StoppedFailure() {
   return {Failure::Other, 0, "the HTTP client was stopped before the exchange ended"};
 }
@@ -178,6 +180,8 @@ int PoolWorker::OnSocket(void* self, curl_socket_t fd, curlsocktype purpose) {
   return CURL_SOCKOPT_OK;
 }
 
+bool PoolWorker::OnIoThread() const noexcept { return t_ioWorker == this; }
+
 void PoolWorker::LogCallbackFailure(const char* what) noexcept {
   Service::LogInternal(Log(), 1, "completion callback for %1 threw: %2", origin_, what);
 }
@@ -281,6 +285,7 @@ void PoolWorker::StopAll() noexcept {
 
 void PoolWorker::Run() {
   pthread_setname_np(pthread_self(), "http-io");  // for ps, top and debuggers
+  t_ioWorker = this;
   std::vector<Ref<Exchange>> incoming;
   std::vector<Ref<Exchange>> cancels;
   for (;;) {
@@ -302,6 +307,7 @@ void PoolWorker::Run() {
         active_.fetch_sub(1, std::memory_order_relaxed);
       } else {
         exchange->AddRef();  // the I/O thread's reference, dropped in Drop
+        exchange->where = Exchange::Where::Held;
         Launch(exchange.Get());
       }
     }
@@ -365,7 +371,7 @@ void PoolWorker::DispatchParked() {
   while (!parked_.empty() && link_ != Link::Connecting) {
     Exchange* exchange = parked_.front();
     parked_.pop_front();
-    exchange->where = Exchange::Where::Nowhere;
+    exchange->where = Exchange::Where::Held;
     Launch(exchange);
   }
 }
@@ -374,11 +380,17 @@ void PoolWorker::OnConnected(Exchange* exchange) noexcept {
   if (exchange == connector_) {
     connector_ = nullptr;
     link_ = Link::Up;
+    linkPort_ = exchange->LocalPort();
+    linkIp_ = exchange->LocalIp();
   }
 }
 
 void PoolWorker::OnGoaway(const Exchange& reporter, int64_t lastStreamId) noexcept {
   for (Exchange* exchange : inFlight_) exchange->NoteGoaway(reporter, lastStreamId);
+  if (link_ == Link::Up && reporter.OnConnection(linkPort_, linkIp_)) {
+    // No new streams on it: the next exchange opens the next connection.
+    link_ = Link::None;
+  }
 }
 
 void PoolWorker::RemoveFromMulti(Exchange* exchange) {
@@ -387,11 +399,11 @@ void PoolWorker::RemoveFromMulti(Exchange* exchange) {
   inFlight_[exchange->inFlightIndex] = last;
   last->inFlightIndex = exchange->inFlightIndex;
   inFlight_.pop_back();
-  exchange->where = Exchange::Where::Nowhere;
+  exchange->where = Exchange::Where::Held;
 }
 
-// Lets go of an exchange wherever the I/O thread holds it, freeing its
-// transfer here, on the thread that used it.
+// Lets go of an exchange wherever the I/O thread holds it (if it still does),
+// freeing its transfer here, on the thread that used it.
 void PoolWorker::Drop(Exchange* exchange) {
   switch (exchange->where) {
     case Exchange::Where::Multi:
@@ -399,16 +411,18 @@ void PoolWorker::Drop(Exchange* exchange) {
       break;
     case Exchange::Where::Parked:
       parked_.erase(std::find(parked_.begin(), parked_.end(), exchange));
-      exchange->where = Exchange::Where::Nowhere;
       break;
-    case Exchange::Where::Nowhere:
-      return;  // not held (a late cancel)
+    case Exchange::Where::Held:
+      break;
+    case Exchange::Where::Released:
+      return;  // a late cancel
   }
   if (exchange == connector_) {
     // Its connect is abandoned; a parked exchange takes over.
     connector_ = nullptr;
     link_ = Link::None;
   }
+  exchange->where = Exchange::Where::Released;
   exchange->ReleaseEasy();
   active_.fetch_sub(1, std::memory_order_relaxed);
   exchange->Release();

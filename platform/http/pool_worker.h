@@ -79,9 +79,18 @@ class Exchange final : public PendingExchange {
   void ReleaseEasy() noexcept;
   // A GOAWAY arrived on the connection this exchange's attempt uses.
   void NoteGoaway(const Exchange& reporter, int64_t lastStreamId) noexcept;
+  // Both attempts reached the same connection.
+  bool SameConnection(const Exchange& other) const noexcept;
+  // Whether this attempt reached the connection with this local address.
+  bool OnConnection(int localPort, const std::string& localIp) const noexcept {
+    return attempted_ && localPort_ == localPort && localIp_ == localIp;
+  }
+  int LocalPort() const noexcept { return localPort_; }
+  const std::string& LocalIp() const noexcept { return localIp_; }
 
-  enum class Where { Nowhere, Multi, Parked };
-  Where where = Where::Nowhere;  // I/O thread only
+  // Whether and where the I/O thread holds it (I/O thread only).
+  enum class Where { Released, Held, Multi, Parked };
+  Where where = Where::Released;
   size_t inFlightIndex = 0;
 
  private:
@@ -108,7 +117,7 @@ class Exchange final : public PendingExchange {
   int64_t maxBodyBytes_ = 0;
   bool tls_ = false;
   Role role_ = Role::Plain;
-  int relaunches_ = 0;
+  int resends_ = 0;  // relaunches after the server declared it unprocessed
   // The current attempt: whether it reached the wire, and where.
   bool attempted_ = false;
   bool mayHaveBeenSent_ = false;  // sticky over attempts
@@ -159,6 +168,8 @@ class PoolWorker : public RefCounted {
   // Sets a transfer's per-socket hook: TCP_NODELAY and the spec's callback.
   void ConfigureSocket(CURL* easy);
   void LogCallbackFailure(const char* what) noexcept;
+  // True on this pool's own I/O thread, which must never wait for an exchange.
+  bool OnIoThread() const noexcept;
   // From a transfer's first pre-request callback: its connection is up.
   void OnConnected(Exchange* exchange) noexcept;
   // libcurl reported a GOAWAY while running `reporter` on its connection.
@@ -202,6 +213,8 @@ class PoolWorker : public RefCounted {
   std::deque<Exchange*> parked_;
   Link link_ = Link::None;
   Exchange* connector_ = nullptr;
+  int linkPort_ = 0;  // local address of the link's connection
+  std::string linkIp_;
   std::atomic<size_t> active_{0};
 
   // Guarded by the registry's mutex.

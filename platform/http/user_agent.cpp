@@ -108,7 +108,10 @@ void HttpUserAgent::WaitForResponse(PendingExchange* pending, int64_t limitUs,
   auto* handle = dynamic_cast<Exchange*>(pending);
   if (handle == nullptr) throw InvalidArgumentException("exchange not made by AsyncSendRequest");
   if (limitUs < 0) throw InvalidArgumentException("negative wait limit");
-  if (!handle->Wait(limitUs) && handle->MarkCancelled()) {
+  if (handle->GetWorker()->OnIoThread()) {
+    // A completion callback waiting for its own pool would wait forever.
+    if (!handle->Wait(0)) throw Exception("cannot wait for an exchange on its pool's own I/O thread");
+  } else if (!handle->Wait(limitUs) && handle->MarkCancelled()) {
     // The I/O thread takes the transfer out of the multi handle; its
     // reference keeps the exchange alive until then.
     handle->GetWorker()->Cancel(handle);

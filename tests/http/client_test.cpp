@@ -5,15 +5,14 @@
 #include <poll.h>
 
 #include <map>
-#include <mutex>
-#include <random>
 
 #include "http_test.h"
 
 namespace http_test {
 namespace {
 
-TEST(RoundTrip, HeadersBodiesAndMethods) {
+TEST(RoundTrip, HeadersBodiesMethodsAndStatus) {
+  setenv("http_proxy", "http://127.0.0.1:9", 1);  // must not be used: nothing listens there
   Endpoint ep(80);
   auto request = Request(Post, "/echo", "{\"ResetType\":\"On\"}");
   request->SetHeader("X-Test", "power");
@@ -21,38 +20,25 @@ TEST(RoundTrip, HeadersBodiesAndMethods) {
   Ref<ClientResponse> response;
   ep.agent->AsyncSendRequest(request.Get(), nullptr, handle);
   ep.agent->WaitForResponse(handle.Get(), 5000000, response);
-  EXPECT_EQ(response->GetStatus().code, 200);
   EXPECT_EQ(response->GetStatus().reason, "OK");
   EXPECT_EQ(response->GetHeader("X-Echo-Test").value_or(""), "power");
   EXPECT_EQ(response->GetHeader("x-echo-length").value_or(""), "18");
   // A body without a Content-Type of the caller's is not labelled as a form.
   EXPECT_FALSE(response->GetHeader("X-Echo-Type").has_value());
   EXPECT_EQ(Body(*response), "{\"ResetType\":\"On\"}");
+  unsetenv("http_proxy");
 
-  const std::pair<HttpMethod, const char*> verbs[] = {
-      {Get, "GET"}, {Head, "HEAD"}, {Post, "POST"}, {Put, "PUT"}, {Patch, "PATCH"}, {Delete, "DELETE"}};
-  for (auto [method, name] : verbs) {
+  for (auto [method, name] : {std::pair{Get, "GET"}, {Head, "HEAD"}, {Post, "POST"}, {Put, "PUT"},
+                              {Patch, "PATCH"}, {Delete, "DELETE"}}) {
     auto r = Send(*ep.agent, method, "/echo", method == Delete ? "" : "x");
     EXPECT_EQ(r->GetHeader("X-Echo-Method").value_or(""), name);
     EXPECT_EQ(Body(*r), method == Head || method == Get || method == Delete ? "" : "x") << name;
   }
   // PUT and PATCH state an empty body explicitly.
   EXPECT_EQ(Send(*ep.agent, Put, "/echo")->GetHeader("X-Echo-Length").value_or(""), "0");
-
   EXPECT_EQ(Send(*ep.agent, Get, "/created")->GetStatus().reason, "Created");
   EXPECT_EQ(Send(*ep.agent, Get, "/missing")->GetStatus().code, 404);
-  auto empty = Send(*ep.agent, Get, "/empty");
-  EXPECT_EQ(empty->GetStatus().code, 204);
-  EXPECT_EQ(Body(*empty), "");
-}
-
-TEST(RoundTrip, ProxiesNamedInTheEnvironmentAreNotUsed) {
-  setenv("http_proxy", "http://127.0.0.1:9", 1);  // nothing listens there
-  setenv("ALL_PROXY", "http://127.0.0.1:9", 1);
-  Endpoint ep(80);
-  EXPECT_EQ(Body(*Send(*ep.agent, Get, "/hello")), "hello");
-  unsetenv("http_proxy");
-  unsetenv("ALL_PROXY");
+  EXPECT_EQ(Body(*Send(*ep.agent, Get, "/empty")), "");
 }
 
 TEST(RoundTrip, EightMiBBodiesAndTheBodyLimit) {
@@ -65,17 +51,14 @@ TEST(RoundTrip, EightMiBBodiesAndTheBodyLimit) {
   std::string upload(file.rbegin(), file.rend());
   EXPECT_EQ(Body(*Send(*ep.agent, Post, "/echo", upload)), upload);
 
-  auto small = GetDefaultHttp2SvcCfg();
-  small->maxResponseBodyBytes = 1 << 20;
-  Endpoint limited(80, false, "127.0.0.1", small);
+  exact->maxResponseBodyBytes = 1 << 20;
+  Endpoint limited(80, false, "127.0.0.1", exact);
   // Announced length (rejected up front) and streamed length (cut off).
   for (auto [method, target, body] : {std::tuple{Get, "/big.bin", std::string()},
                                        std::tuple{Post, "/echo", std::string(2 << 20, 'b')}}) {
     try {
       Send(*limited.agent, method, target, body);
       ADD_FAILURE() << target << " was accepted";
-    } catch (const SystemException& e) {
-      ADD_FAILURE() << "errno " << e.GetError();
     } catch (const Exception& e) {
       EXPECT_NE(std::string(e.what()).find("larger than"), std::string::npos) << e.what();
     }
@@ -91,39 +74,25 @@ TEST(RoundTrip, TlsIsVerified) {
   EXPECT_THROW(Send(*rogue.agent, Get, "/"), Ssl::SSLVerifyException);
 }
 
-// Sends `perThread` requests from each of `threads` threads at once and
-// returns how many failed, with the first failure's text.
-std::pair<int, std::string> Blast(HttpUserAgent& agent, int threads, int perThread,
-                                  const std::string& prefix, bool async) {
+// Each of `threads` threads puts `each` requests in flight, then waits for
+// them all; returns the failures, with the first one's text.
+std::pair<int, std::string> Blast(HttpUserAgent& agent, int threads, int each, const std::string& prefix) {
   std::atomic<int> failures{0}, ready{0};
-  std::mutex m;
   std::string first;
   std::vector<std::thread> pool;
   for (int t = 0; t < threads; ++t) {
     pool.emplace_back([&, t] {
-      ++ready;
-      while (ready < threads) std::this_thread::yield();
-      std::vector<Ref<PendingExchange>> handles(async ? perThread : 1);
-      for (int i = 0; i < perThread; ++i) {
-        auto target = prefix + std::to_string(t * perThread + i);
+      for (++ready; ready < threads;) std::this_thread::yield();
+      std::vector<Ref<PendingExchange>> handles(each);
+      for (int i = 0; i < each; ++i) {
+        agent.AsyncSendRequest(Request(Get, prefix + std::to_string(t * each + i)).Get(), nullptr, handles[i]);
+      }
+      for (auto& h : handles) {
         try {
-          auto& h = handles[async ? i : 0];
-          agent.AsyncSendRequest(Request(Get, target).Get(), nullptr, h);
-          if (async) continue;
           Ref<ClientResponse> r;
-          agent.WaitForResponse(h.Get(), 10000000, r);
+          agent.WaitForResponse(h.Get(), 20000000, r);
           if (r->GetStatus().code != 200) throw Exception("status " + std::to_string(r->GetStatus().code));
         } catch (const std::exception& e) {
-          std::lock_guard<std::mutex> lock(m);
-          if (failures++ == 0) first = e.what();
-        }
-      }
-      for (int i = 0; async && i < perThread; ++i) {
-        try {
-          Ref<ClientResponse> r;
-          agent.WaitForResponse(handles[i].Get(), 10000000, r);
-        } catch (const std::exception& e) {
-          std::lock_guard<std::mutex> lock(m);
           if (failures++ == 0) first = e.what();
         }
       }
@@ -133,24 +102,21 @@ std::pair<int, std::string> Blast(HttpUserAgent& agent, int threads, int perThre
   return {failures.load(), first};
 }
 
-TEST(Multiplexing, HundredConcurrentRequestsShareOneConnection) {
+TEST(Multiplexing, HundredConcurrentRequestsFromSixteenThreadsShareOneConnection) {
   Endpoint ep(80);
-  // 16 threads put 100 requests in flight before waiting for any.
-  auto [failures, first] = Blast(*ep.agent, 16, 7, "/json?mux=", true);
+  auto [failures, first] = Blast(*ep.agent, 16, 7, "/json?mux=");
   EXPECT_EQ(failures, 0) << first;
   EXPECT_EQ(ep.sockets.load(), 1);
   std::vector<std::string> lines;
   ASSERT_TRUE(Eventually([&] { return (lines = LogLines("/json?mux=")).size() >= 112; }));
-  std::map<std::string, int> perConnection;
-  for (auto& l : lines) ++perConnection[l.substr(0, l.find(' '))];
-  EXPECT_EQ(perConnection.size(), 1u);
+  for (auto& l : lines) EXPECT_EQ(l.substr(0, l.find(' ')), lines[0].substr(0, lines[0].find(' ')));
 }
 
 TEST(Multiplexing, CrossingTheServersRequestLimitLosesAndRepeatsNothing) {
-  Endpoint ep(81);  // nginx ends each connection after 100 requests
-  auto [failures, first] = Blast(*ep.agent, 16, 63, "/limit?id=", false);
+  Endpoint ep(81);  // nginx ends each connection after 100 requests, with a GOAWAY
+  auto [failures, first] = Blast(*ep.agent, 16, 63, "/limit?id=");
   EXPECT_EQ(failures, 0) << first;
-  EXPECT_GE(ep.sockets.load(), 10);
+  EXPECT_GE(ep.sockets.load(), 11);
   std::vector<std::string> lines;
   ASSERT_TRUE(Eventually([&] { return (lines = LogLines("/limit?id=")).size() >= 1008; }));
   std::map<std::string, int> seen;
@@ -159,43 +125,38 @@ TEST(Multiplexing, CrossingTheServersRequestLimitLosesAndRepeatsNothing) {
   for (auto& [id, count] : seen) EXPECT_EQ(count, 1) << id << " was processed " << count << " times";
 }
 
-TEST(Reconnect, AfterIdleCloseAndServerRestarts) {
-  Endpoint ep(82);  // closes idle connections after one second
-  EXPECT_EQ(Body(*Send(*ep.agent, Get, "/")), "ok");
-  pollfd p{ep.lastFd.load(), POLLRDHUP, 0};
+TEST(Reconnect, AfterIdleCloseReloadsAndRestarts) {
+  Endpoint idle(82);  // closes idle connections after a second
+  EXPECT_EQ(Body(*Send(*idle.agent, Get, "/")), "ok");
+  pollfd p{idle.lastFd.load(), POLLRDHUP, 0};
   ASSERT_EQ(poll(&p, 1, 10000), 1) << "the server kept the idle connection";
-  EXPECT_EQ(Body(*Send(*ep.agent, Get, "/")), "ok");
-  EXPECT_EQ(ep.sockets.load(), 2);
+  EXPECT_EQ(Body(*Send(*idle.agent, Get, "/")), "ok");
+  EXPECT_EQ(idle.sockets.load(), 2);
 
   // Graceful reloads under load: old workers finish or refuse their streams.
-  Endpoint main(80);
-  std::atomic<bool> done{false};
+  Endpoint ep(80);
+  const std::string nginx = Env("HTTP_TEST_NGINX");
   std::thread reloader([&] {
     for (int i = 0; i < 3; ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(100));
-      EXPECT_EQ(std::system((Env("HTTP_TEST_NGINX") + " -s reload").c_str()), 0);
+      EXPECT_EQ(std::system((nginx + " -s reload").c_str()), 0);
     }
-    done = true;
   });
-  int sent = 0;
-  while (!done || sent < 100) {
-    std::string id = std::to_string(sent++);
-    EXPECT_EQ(Send(*main.agent, Get, "/json?reload=" + id)->GetStatus().code, 200) << id;
-  }
+  for (int i = 0; i < 300; ++i) EXPECT_EQ(Send(*ep.agent, Get, "/json")->GetStatus().code, 200) << i;
   reloader.join();
 
-  // A full restart while idle.
+  // A full restart while idle: refused while down, fine once back.
   const std::string pid = std::to_string(std::stoi(ReadFile(Env("HTTP_TEST_DIR") + "/nginx.pid")));
-  ASSERT_EQ(std::system((Env("HTTP_TEST_NGINX") + " -s stop").c_str()), 0);
+  ASSERT_EQ(std::system((nginx + " -s stop").c_str()), 0);
   ASSERT_TRUE(Eventually([&] { return std::system(("kill -0 " + pid + " 2>/dev/null").c_str()) != 0; }));
   try {
-    Send(*main.agent, Get, "/json");
+    Send(*ep.agent, Get, "/json");
     ADD_FAILURE() << "sent with the server down";
   } catch (const SystemException& e) {
     EXPECT_EQ(e.GetError(), 111);
   }
-  ASSERT_EQ(std::system(Env("HTTP_TEST_NGINX").c_str()), 0);
-  EXPECT_EQ(Send(*main.agent, Get, "/json")->GetStatus().code, 200);
+  ASSERT_EQ(std::system(nginx.c_str()), 0);
+  EXPECT_EQ(Send(*ep.agent, Get, "/json")->GetStatus().code, 200);
 }
 
 TEST(Errors, RefusedAndUnreachable) {
@@ -211,7 +172,7 @@ TEST(Errors, RefusedAndUnreachable) {
   config->connectTimeoutUs = 300000;
   Endpoint blackhole(80, false, Env("HTTP_TEST_UNREACHABLE"), config);
   auto start = std::chrono::steady_clock::now();
-  // Requests queued behind the connect time out with it.
+  // Requests queued behind the connect time out with it: nothing was sent.
   std::vector<Ref<PendingExchange>> handles(3);
   for (auto& h : handles) blackhole.agent->AsyncSendRequest(Request(Post, "/x", "on").Get(), nullptr, h);
   for (auto& h : handles) {
@@ -261,10 +222,9 @@ TEST(Errors, InvalidArguments) {
   Ref<PendingExchange> handle;
   Ref<ClientResponse> response;
   EXPECT_THROW(ep.agent->AsyncSendRequest(nullptr, nullptr, handle), InvalidArgumentException);
-  auto bad = MakeRef<ClientRequest>(static_cast<HttpMethod>(99), "/x");
-  EXPECT_THROW(ep.agent->AsyncSendRequest(bad.Get(), nullptr, handle), InvalidArgumentException);
-  auto relative = MakeRef<ClientRequest>(Get, "x y");
-  EXPECT_THROW(ep.agent->AsyncSendRequest(relative.Get(), nullptr, handle), InvalidArgumentException);
+  for (auto bad : {MakeRef<ClientRequest>(static_cast<HttpMethod>(99), "/x"), MakeRef<ClientRequest>(Get, "x y")}) {
+    EXPECT_THROW(ep.agent->AsyncSendRequest(bad.Get(), nullptr, handle), InvalidArgumentException);
+  }
   EXPECT_THROW(ep.agent->WaitForResponse(nullptr, 1, response), InvalidArgumentException);
   ep.agent->AsyncSendRequest(Request(Get, "/hello").Get(), nullptr, handle);
   EXPECT_THROW(ep.agent->WaitForResponse(handle.Get(), -1, response), InvalidArgumentException);
@@ -278,6 +238,7 @@ TEST(Errors, InvalidArguments) {
 }
 
 TEST(Agent, PrivatePoolSendsAndGoesWithTheAgent) {
+  std::thread([] {}).join();  // a sanitizer's helper thread, if any, starts now
   const int baseline = ThreadCount();
   std::atomic<int> noDelay{0};
   Ref<ConnectionSpec> spec;

@@ -56,21 +56,29 @@ TEST(Lifetime, DroppingAPoolFailsWhatIsInFlight) {
   EXPECT_EQ(handle->RefCount(), 1);
 }
 
-TEST(Lifetime, ACallbackMayDropTheLastReferenceToItsPool) {
+TEST(Lifetime, ACallbackMayDropItsPoolButNotWaitOnIt) {
   const int baseline = ThreadCount();
   Endpoint other(80);
   std::promise<void> go, called;
   auto agent = CreateHttpUserAgent(other.spec.Get());
   auto* last = new Ref<HttpUserAgent>(agent);
   Ref<PendingExchange> handle;
+  bool waitRefused = false;
   agent->AsyncSendRequest(Request(Get, "/hello").Get(), [&, last] {
     go.get_future().wait();
+    try {
+      Ref<ClientResponse> r;
+      (*last)->SendRequest(Request(Get, "/hello").Get(), r);  // would wait for itself
+    } catch (const Exception&) {
+      waitRefused = true;
+    }
     delete last;  // stops the pool on its own I/O thread
     called.set_value();
   }, handle);
   agent = nullptr;
   go.set_value();
   called.get_future().wait();
+  EXPECT_TRUE(waitRefused);
   Ref<ClientResponse> response;
   other.agent->WaitForResponse(handle.Get(), 1000000, response);
   EXPECT_EQ(Body(*response), "hello");
