@@ -2,7 +2,7 @@
 // easy handle reused for h2c. Prints figures; run it through run-http-bench.
 //
 //   http_bench [HOST PORT TARGET REQUESTS THREADS [SECTIONS]]
-// SECTIONS picks from "easy,pool1,poolN,callbacks" (all by default).
+// SECTIONS picks from "handoff,easy,pool1,poolN,callbacks" (all by default).
 #include <curl/curl.h>
 
 #include <algorithm>
@@ -132,6 +132,35 @@ double PoolCallbacks(HttpUserAgent& agent, const std::string& target, int reques
   return requests / (Since(start) / 1e6);
 }
 
+// Two threads passing a turn back and forth through a condition variable:
+// what the pool's two thread switches per request cost on this machine.
+Figures HandOff(int rounds) {
+  std::mutex m;
+  std::condition_variable cv;
+  bool ping = false;
+  std::thread other([&] {
+    std::unique_lock<std::mutex> lock(m);
+    for (int i = 0; i < rounds; ++i) {
+      cv.wait(lock, [&] { return ping; });
+      ping = false;
+      cv.notify_all();
+    }
+  });
+  std::vector<double> us;
+  auto start = Clock::now();
+  std::unique_lock<std::mutex> lock(m);
+  for (int i = 0; i < rounds; ++i) {
+    auto t = Clock::now();
+    ping = true;
+    cv.notify_all();
+    cv.wait(lock, [&] { return !ping; });
+    us.push_back(Since(t));
+  }
+  lock.unlock();
+  other.join();
+  return Summarise(std::move(us), Since(start) / 1e6);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -140,7 +169,7 @@ int main(int argc, char** argv) {
   const std::string target = argc > 3 ? argv[3] : "/json";
   const int requests = argc > 4 ? std::atoi(argv[4]) : 20000;
   const int threads = argc > 5 ? std::atoi(argv[5]) : 16;
-  const std::string sections = argc > 6 ? argv[6] : "easy,pool1,poolN,callbacks";
+  const std::string sections = argc > 6 ? argv[6] : "handoff,easy,pool1,poolN,callbacks";
   auto wanted = [&](const char* name) { return sections.find(name) != std::string::npos; };
   curl_global_init(CURL_GLOBAL_DEFAULT);
 
@@ -151,6 +180,7 @@ int main(int argc, char** argv) {
   const std::string url = "http://" + host + ":" + std::to_string(port) + target;
 
   std::printf("%-44s %9s %9s %9s %11s\n", "", "mean us", "p50 us", "p99 us", "requests/s");
+  if (wanted("handoff")) Print("thread hand-off and back (no HTTP)", HandOff(requests));
   if (wanted("easy")) Print("libcurl easy handle, 1 thread", EasyHandle(url, requests));
   if (wanted("pool1")) Print("pool, 1 thread", Pool(*agent, target, requests, 1));
   std::string label = "pool, " + std::to_string(threads) + " threads";
