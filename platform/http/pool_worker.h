@@ -165,7 +165,7 @@ class PoolWorker : public RefCounted {
   void Stop();
   size_t GetActiveCount() const noexcept { return active_.load(std::memory_order_relaxed); }
 
-  // Sets a transfer's per-socket hook: TCP_NODELAY and the spec's callback.
+  // Sets a transfer's per-socket hook: TCP_NODELAY and the ConnectionSpec's callback.
   void ConfigureSocket(CURL* easy);
   void LogCallbackFailure(const char* what) noexcept;
   // True on this pool's own I/O thread, which must never wait for an exchange.
