@@ -47,9 +47,11 @@ TEST(RoundTrip, EightMiBBodiesAndTheBodyLimit) {
   auto exact = GetDefaultHttp2SvcCfg();
   exact->maxResponseBodyBytes = 8 << 20;
   Endpoint ep(80, false, "127.0.0.1", exact);
-  EXPECT_EQ(Body(*Send(*ep.agent, Get, "/big.bin")), file);
+  EXPECT_TRUE(Body(*Send(*ep.agent, Get, "/big.bin")) == file);
+  // nginx keeps the body in a file and answers with its name.
   std::string upload(file.rbegin(), file.rend());
-  EXPECT_EQ(Body(*Send(*ep.agent, Post, "/echo", upload)), upload);
+  std::string stored = Body(*Send(*ep.agent, Post, "/upload", upload));
+  EXPECT_TRUE(ReadFile(stored.substr(0, stored.find('\n'))) == upload);
 
   exact->maxResponseBodyBytes = 1 << 20;
   Endpoint limited(80, false, "127.0.0.1", exact);
