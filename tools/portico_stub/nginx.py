@@ -116,6 +116,43 @@ http {
        "listen": "[%s]" % listen if ":" in listen else listen, "port": http_port}
 
 
+def render_config_front(prefix, listen, config_port, backend_port):
+    """nginx.conf text of the configuration port: HTTP/2 cleartext, as the library
+    speaks it, in front of the document server. Never reloaded, so a PUT in
+    flight is not cut by the route's reload."""
+    user = "user root root;\n" if os.geteuid() == 0 else ""
+    return """# Written by tools/portico: the configuration port.
+%(user)sdaemon off;
+master_process on;
+worker_processes 1;
+pid %(p)s/nginx.pid;
+error_log %(p)s/error.log info;
+
+events {
+    worker_connections 64;
+}
+
+http {
+    client_body_temp_path %(p)s/tmp/body;
+    proxy_temp_path %(p)s/tmp/proxy;
+    fastcgi_temp_path %(p)s/tmp/fastcgi;
+    uwsgi_temp_path %(p)s/tmp/uwsgi;
+    scgi_temp_path %(p)s/tmp/scgi;
+    access_log %(p)s/access.log;
+
+    server {
+        listen %(listen)s:%(port)d http2;
+        client_max_body_size 1m;
+        location / {
+            proxy_pass http://127.0.0.1:%(backend)d;
+            proxy_read_timeout 300s;
+        }
+    }
+}
+""" % {"user": user, "p": prefix, "listen": "[%s]" % listen if ":" in listen else listen,
+       "port": config_port, "backend": backend_port}
+
+
 class Nginx:
     def __init__(self, binary, prefix, listen, http_port):
         self.binary = binary or shutil.which("nginx") or "/usr/sbin/nginx"

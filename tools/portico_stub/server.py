@@ -13,7 +13,7 @@ import time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 from . import faults as faultmod
-from .nginx import EndpointError, Nginx, endpoint_from_document, render
+from .nginx import EndpointError, Nginx, endpoint_from_document, render, render_config_front
 
 DOCUMENT_PATH = "/portico/config/json/bmcApi.json"
 FAULTS_PATH = "/__portico/faults"
@@ -257,6 +257,7 @@ def main(argv=None):
     signal.signal(signal.SIGINT, lambda *_: stop.set())
     portico = None
     server = None
+    front = None
     status = 0
     try:
         portico = Portico(args, faults)
@@ -273,27 +274,35 @@ def main(argv=None):
         if problem:
             print("portico: %s" % problem, file=sys.stderr)
             return 1
-        try:
-            server = Server((args.listen, args.config_port), portico)
-        except OSError as e:
-            print("portico: cannot listen on %s:%d: %s" % (args.listen, args.config_port, e),
-                  file=sys.stderr)
-            return 1
+        # The document server listens on an internal port; the configuration
+        # port itself is an HTTP/2 cleartext nginx in front of it.
+        server = Server(("127.0.0.1", 0), portico)
         threading.Thread(target=server.serve_forever, daemon=True).start()
+        front = Nginx(args.nginx, os.path.join(args.dir, "config-front"), args.listen,
+                      args.config_port)
+        problem = front.write(render_config_front(front.prefix, args.listen, args.config_port,
+                                                  server.server_address[1]))
+        if problem:
+            print("portico: configuration port: %s" % problem, file=sys.stderr)
+            return 1
+        front.start()
         portico.nginx.start()
         deadline = time.monotonic() + 10
         if not (_wait_accepting(args.listen, args.http_port, deadline)
+                and _wait_accepting(args.listen, args.config_port, deadline)
                 and portico.nginx.wait_generation(portico.generation, 10)):
             print("portico: nginx did not start; see %s/error.log" % args.dir, file=sys.stderr)
             return 1
         print("ready", flush=True)
         while not stop.wait(0.2):
-            if not portico.nginx.alive():
+            if not (portico.nginx.alive() and front.alive()):
                 print("portico: nginx exited; see %s/error.log" % args.dir, file=sys.stderr)
                 status = 1
                 break
         return status
     finally:
+        if front is not None:
+            front.stop()
         if portico is not None:
             portico.nginx.stop()
         if server is not None:

@@ -33,7 +33,7 @@ doc='{"proxy_configuration":{"clusters":[{"endpoints":[{"socket_address":{"addre
 h2() { name=$1; shift; curl -s --http2-prior-knowledge -o "$OUT/$name.body" -w '%{http_code}' "$@"; }
 env > "$OUT/env"
 h2 before http://127.0.0.1/bmc/redfish/v1 > "$OUT/before.status"
-curl -s -o /dev/null -w '%{http_code}' -X PUT --data "$doc" \
+curl -s --http2-prior-knowledge -o /dev/null -w '%{http_code}' -X PUT --data "$doc" \
      http://127.0.0.1:549/portico/config/json/bmcApi.json > "$OUT/put.status"
 h2 root -u "$BMC_USER:$BMC_PASSWORD" http://127.0.0.1/bmc/redfish/v1/Systems > "$OUT/root.status"
 cp "$EMULATOR_LOG" "$OUT/emulator.jsonl"
@@ -99,7 +99,7 @@ class HostSimTest(unittest.TestCase):
                      "--portico-arg=get=503", "--emulator-arg=--password",
                      "--emulator-arg=other", "--", "sh", "-c",
                      'test "$BMC_PASSWORD" = other || exit 9; '
-                     'curl -s -o /dev/null -w "%{http_code}" '
+                     'curl -s --http2-prior-knowledge -o /dev/null -w "%{http_code}" '
                      'http://127.0.0.1:549/portico/config/json/bmcApi.json; exit 3')
         self.assertEqual(r.returncode, 3, r.stderr)
         self.assertEqual(r.stdout, "503")
