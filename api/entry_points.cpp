@@ -11,13 +11,23 @@ using redfish::GetOrCreateConnection;
 using std::chrono::milliseconds;
 namespace Service = Tessel::Service;
 
+namespace {
+
+// The prologue of every query: the switch, then the host's connection.
+int Connect(const char* user, const char* password, const char* host,
+            BmcRedfishConnection** connection) {
+  int result = Redfish_Initialize();
+  if (result != 0) return result;
+  return GetOrCreateConnection(user, password, host, connection);
+}
+
+}  // namespace
+
 extern "C" BMCREDFISH_API int Redfish_GetSensorsInfo(const char* user, const char* password,
                                                      const char* host, unsigned int timeoutMs,
                                                      char* buffer, unsigned int* length) {
-  int result = Redfish_Initialize();
-  if (result != 0) return result;
   BmcRedfishConnection* connection = nullptr;
-  result = GetOrCreateConnection(user, password, host, &connection);
+  int result = Connect(user, password, host, &connection);
   if (result != 0) return result;
 
   std::string info;
@@ -33,10 +43,8 @@ extern "C" BMCREDFISH_API int Redfish_GetSensorsInfo(const char* user, const cha
 extern "C" BMCREDFISH_API int Redfish_GetPowerState(const char* user, const char* password,
                                                     const char* host, unsigned int timeoutMs,
                                                     bool* isOn) {
-  int result = Redfish_Initialize();
-  if (result != 0) return result;
   BmcRedfishConnection* connection = nullptr;
-  result = GetOrCreateConnection(user, password, host, &connection);
+  int result = Connect(user, password, host, &connection);
   if (result != 0) return result;
 
   std::string state;
@@ -51,10 +59,8 @@ extern "C" BMCREDFISH_API int Redfish_GetMacAddress(const char* user, const char
                                                     const char* host, const char* mac,
                                                     unsigned int timeoutMs, char* buffer,
                                                     unsigned int* length) {
-  int result = Redfish_Initialize();
-  if (result != 0) return result;
   BmcRedfishConnection* connection = nullptr;
-  result = GetOrCreateConnection(user, password, host, &connection);
+  int result = Connect(user, password, host, &connection);
   if (result != 0) return result;
   Service::Logger* logger = redfish::LibraryLogger();
   const milliseconds timeout(timeoutMs);

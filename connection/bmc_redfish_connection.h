@@ -67,6 +67,8 @@ class BMCREDFISH_EXPORT BmcRedfishConnection {
 
  private:
   int Level() const { return logger ? logger->GetLevel() : -1; }
+  // Discovers the systems, then checks that the index names one of them.
+  int PopulatedSystem(std::chrono::milliseconds timeout, uint8_t systemIndex);
 
   std::string host;
   std::string user;

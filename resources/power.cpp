@@ -94,14 +94,20 @@ int BmcRedfishConnection::ParseRedfishPowerActions(const std::string& json, Redf
   return RedfishStatusOk;
 }
 
-int BmcRedfishConnection::GetSystemPowerState(std::string& powerState, milliseconds timeout,
-                                              uint8_t systemIndex) {
+int BmcRedfishConnection::PopulatedSystem(milliseconds timeout, uint8_t systemIndex) {
   int result = PopulateSystems(timeout);
   if (result != RedfishStatusOk) return result;
   if (systemIndex >= systems.size()) {
     if (Level() >= 3) Service::LogInternal(logger, 3, "Unsupported System Index %1", systemIndex);
     return RedfishStatusNoMember;
   }
+  return RedfishStatusOk;
+}
+
+int BmcRedfishConnection::GetSystemPowerState(std::string& powerState, milliseconds timeout,
+                                              uint8_t systemIndex) {
+  int result = PopulatedSystem(timeout, systemIndex);
+  if (result != RedfishStatusOk) return result;
   const std::string uri = systems[systemIndex].powerStateUri;
   if (Level() >= 5) Service::LogInternal(logger, 5, "PowerState URI: %1", uri);
 
@@ -121,12 +127,8 @@ int BmcRedfishConnection::GetSystemPowerState(std::string& powerState, milliseco
 
 int BmcRedfishConnection::PowerOperation(REDFISHCMD command, milliseconds timeout,
                                          uint8_t systemIndex) {
-  int result = PopulateSystems(timeout);
+  int result = PopulatedSystem(timeout, systemIndex);
   if (result != RedfishStatusOk) return result;
-  if (systemIndex >= systems.size()) {
-    if (Level() >= 3) Service::LogInternal(logger, 3, "Unsupported System Index %1", systemIndex);
-    return RedfishStatusNoMember;
-  }
   // Work on a copy so that the request is built and sent without any lock.
   const RedfishSystem system = systems[systemIndex];
 
