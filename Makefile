@@ -24,7 +24,7 @@ test-asan: deps
 test-tsan: deps
 	cmake --preset tsan
 	cmake --build --preset tsan -j$(JOBS)
-	ctest --preset tsan -j$(JOBS) -L concurrency
+	ctest --preset tsan -j$(JOBS) -L 'unit|http'
 
 demo: build
 	scripts/demo $(PROFILE)

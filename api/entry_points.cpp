@@ -122,8 +122,8 @@ extern "C" BMCREDFISH_API int Redfish_PowerOperation(const char* user, const cha
   result = Redfish_GetMacAddress(user, password, host, mac, timeoutMs, buffer, &size);
   if (result != 0) return result;
   if (std::strncmp(mac, buffer, size) != 0) {
-    Service::LogInternal(redfish::LibraryLogger(), 3, "Invalid MAC address (%1). Expected (%2)", mac,
-                         buffer);
+    Service::LogInternal(redfish::LibraryLogger(), 3, "Invalid MAC address (%1). Expected (%2)",
+                         mac, buffer);
     return redfish::RedfishStatusMacMismatch;
   }
   BmcRedfishConnection* connection = nullptr;

@@ -144,7 +144,8 @@ int main(int argc, char** argv) {
     } else if (a == "--user") {
       if (!value(o.user)) return UsageError("--user needs a value");
     } else if (a == "--password") {
-      return UsageError("passwords are not taken on the command line: use $BMC_PASSWORD or --password-file");
+      return UsageError(
+          "passwords are not taken on the command line: use $BMC_PASSWORD or --password-file");
     } else if (a == "--password-file") {
       std::string path;
       if (!value(path)) return UsageError("--password-file needs a value");
@@ -176,11 +177,14 @@ int main(int argc, char** argv) {
   if (positional.empty()) return UsageError("no command");
   o.command = positional[0];
   const bool isPower = o.command == "power";
-  if (positional.size() != (isPower ? 2u : 1u)) return UsageError("wrong arguments for " + o.command);
+  if (positional.size() != (isPower ? 2u : 1u))
+    return UsageError("wrong arguments for " + o.command);
   if (isPower) {
     o.action = positional[1];
-    if (kCommands.find(o.action) == kCommands.end()) return UsageError("unknown power action " + o.action);
-    if (!o.hasMac) return UsageError("power needs --mac MAC: the BMC's MAC guards every power command");
+    if (kCommands.find(o.action) == kCommands.end())
+      return UsageError("unknown power action " + o.action);
+    if (!o.hasMac)
+      return UsageError("power needs --mac MAC: the BMC's MAC guards every power command");
   }
   if (!havePassword) return UsageError("no password: set $BMC_PASSWORD or use --password-file");
 

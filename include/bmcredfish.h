@@ -44,25 +44,25 @@ typedef enum REDFISHCMD {
  * the proxy answered is returned as it is (for example 204, 404, 409, 503).
  */
 enum {
-  REDFISH_OK = 0,                          /* success */
-  REDFISH_FEATURE_DISABLED = 1,            /* the host switch "REDFISH" is off; nothing was done */
-  REDFISH_UNKNOWN_VENDOR = 2,              /* the BMC's manufacturer is none of Dell, HPE, Lenovo */
-  REDFISH_ERR_TLS_VERIFY = 10001,          /* TLS verification of the server failed */
-  REDFISH_ERR_INVALID_ARGUMENT = 10002,    /* the HTTP client rejected an argument, or bad method */
-  REDFISH_ERR_TIMEOUT = 10003,             /* no answer within the time-out */
-  REDFISH_ERR_SYSTEM = 10004,              /* a system error (connection refused, ...) */
-  REDFISH_ERR_TRANSPORT = 10005,           /* any other transport failure */
-  REDFISH_ERR_ROUTE_DOCUMENT = 20001,      /* a document lacks a required value (route, ActionInfo) */
-  REDFISH_ERR_BAD_JSON = 20002,            /* a response body is not well-formed JSON */
-  REDFISH_ERR_NO_MEMBERS = 20003,          /* a collection response has no "Members" array */
-  REDFISH_ERR_UNEXPECTED_JSON = 20004,     /* a response body is not of the expected shape */
-  REDFISH_ERR_NO_BMC_ADDRESS = 30001,      /* no BMC IPv4 address in the SMBIOS record */
-  REDFISH_ERR_NO_MEMBER = 40001,           /* no member at that index / no NIC with that MAC */
-  REDFISH_ERR_MAC_MISMATCH = 40002,        /* the BMC's MAC is not the one the caller named */
-  REDFISH_ERR_COMMAND_NOT_ALLOWED = 40003, /* the system does not advertise that reset type */
-  REDFISH_ERR_CREDENTIALS_ENCODING = 40004,/* the credentials are too long to encode */
-  REDFISH_ERR_UNAUTHORIZED = 40005,        /* the BMC refused the credentials (HTTP 401) */
-  REDFISH_ERR_NO_ACTION_NEEDED = 40006     /* the vendor's answer to a reset that needed no action */
+  REDFISH_OK = 0,                       /* success */
+  REDFISH_FEATURE_DISABLED = 1,         /* the host switch "REDFISH" is off; nothing was done */
+  REDFISH_UNKNOWN_VENDOR = 2,           /* the BMC's manufacturer is none of Dell, HPE, Lenovo */
+  REDFISH_ERR_TLS_VERIFY = 10001,       /* TLS verification of the server failed */
+  REDFISH_ERR_INVALID_ARGUMENT = 10002, /* the HTTP client rejected an argument, or bad method */
+  REDFISH_ERR_TIMEOUT = 10003,          /* no answer within the time-out */
+  REDFISH_ERR_SYSTEM = 10004,           /* a system error (connection refused, ...) */
+  REDFISH_ERR_TRANSPORT = 10005,        /* any other transport failure */
+  REDFISH_ERR_ROUTE_DOCUMENT = 20001,   /* a document lacks a required value (route, ActionInfo) */
+  REDFISH_ERR_BAD_JSON = 20002,         /* a response body is not well-formed JSON */
+  REDFISH_ERR_NO_MEMBERS = 20003,       /* a collection response has no "Members" array */
+  REDFISH_ERR_UNEXPECTED_JSON = 20004,  /* a response body is not of the expected shape */
+  REDFISH_ERR_NO_BMC_ADDRESS = 30001,   /* no BMC IPv4 address in the SMBIOS record */
+  REDFISH_ERR_NO_MEMBER = 40001,        /* no member at that index / no NIC with that MAC */
+  REDFISH_ERR_MAC_MISMATCH = 40002,     /* the BMC's MAC is not the one the caller named */
+  REDFISH_ERR_COMMAND_NOT_ALLOWED = 40003,  /* the system does not advertise that reset type */
+  REDFISH_ERR_CREDENTIALS_ENCODING = 40004, /* the credentials are too long to encode */
+  REDFISH_ERR_UNAUTHORIZED = 40005,         /* the BMC refused the credentials (HTTP 401) */
+  REDFISH_ERR_NO_ACTION_NEEDED = 40006 /* the vendor's answer to a reset that needed no action */
 };
 
 /*

@@ -14,14 +14,30 @@ struct Switch {
 // The default table: every switch the host knows, most of them off until the
 // hosting process turns them on.
 constexpr Switch kDefaults[] = {
-    {"REDFISH", 0},           {"REDFISH_POWER_OPS", 0},  {"REDFISH_SENSORS", 0},
-    {"IPMI", 1},              {"SMBIOS", 1},             {"HOST_INTERFACE", 1},
-    {"PROXY_SIDECAR", 1},     {"HTTP2", 1},              {"TLS13", 1},
-    {"VMOTION", 1},           {"VSAN", 0},               {"NVME_TCP", 0},
-    {"SECURE_BOOT", 1},       {"TPM", 1},                {"QUICK_BOOT", 0},
-    {"HW_HEALTH", 1},         {"CIM", 0},                {"SNMP", 0},
-    {"WBEM", 0},              {"KEY_PERSISTENCE", 0},    {"CRYPTO_FIPS", 0},
-    {"DPU", 0},               {"LIVE_PATCH", 0},         {"MEMORY_TIERING", 0},
+    {"REDFISH", 0},
+    {"REDFISH_POWER_OPS", 0},
+    {"REDFISH_SENSORS", 0},
+    {"IPMI", 1},
+    {"SMBIOS", 1},
+    {"HOST_INTERFACE", 1},
+    {"PROXY_SIDECAR", 1},
+    {"HTTP2", 1},
+    {"TLS13", 1},
+    {"VMOTION", 1},
+    {"VSAN", 0},
+    {"NVME_TCP", 0},
+    {"SECURE_BOOT", 1},
+    {"TPM", 1},
+    {"QUICK_BOOT", 0},
+    {"HW_HEALTH", 1},
+    {"CIM", 0},
+    {"SNMP", 0},
+    {"WBEM", 0},
+    {"KEY_PERSISTENCE", 0},
+    {"CRYPTO_FIPS", 0},
+    {"DPU", 0},
+    {"LIVE_PATCH", 0},
+    {"MEMORY_TIERING", 0},
 };
 constexpr size_t kCount = sizeof kDefaults / sizeof kDefaults[0];
 

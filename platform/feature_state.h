@@ -14,5 +14,4 @@ BMCREDFISH_EXPORT void FeatureState_Init(void);
 // The one-byte state of a named switch (non-zero = on), or null for an unknown
 // name or before FeatureState_Init.
 BMCREDFISH_EXPORT uint8_t* GetFeatureState_Slow(const char* name);
-
 }

@@ -17,7 +17,8 @@ namespace {
 // The ActionInfo read and the reset itself use a fixed limit, whatever the
 // caller gave for discovery.
 constexpr milliseconds kPowerRequestTimeout{4000};
-constexpr char kSystemAllowableValues[] = "/Actions/#ComputerSystem.Reset/ResetType@Redfish.AllowableValues";
+constexpr char kSystemAllowableValues[] =
+    "/Actions/#ComputerSystem.Reset/ResetType@Redfish.AllowableValues";
 constexpr char kActionInfoAllowableValues[] = "/Parameters/0/AllowableValues";
 
 // The status by which each vendor answers a reset that needed no action.

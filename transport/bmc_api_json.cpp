@@ -20,7 +20,8 @@ namespace {
 constexpr char kConfigHost[] = "localhost";
 constexpr int kConfigPort = 549;
 constexpr char kBmcApiJsonPath[] = "/portico/config/json/bmcApi.json";
-constexpr char kAddressPointer[] = "/proxy_configuration/clusters/0/endpoints/0/socket_address/address";
+constexpr char kAddressPointer[] =
+    "/proxy_configuration/clusters/0/endpoints/0/socket_address/address";
 // The route file is small; a longer document is cut here and fails to parse.
 constexpr uint32_t kMaxDocumentBytes = 2048;
 
@@ -123,8 +124,8 @@ int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
   if (value == nullptr) return RedfishStatusDocumentIncomplete;
 
   // A value that is not a string is treated as a mismatch and overwritten.
-  const std::string current = value->IsString() ? std::string(value->GetString(), value->GetStringLength())
-                                                : std::string();
+  const std::string current =
+      value->IsString() ? std::string(value->GetString(), value->GetStringLength()) : std::string();
   if (Level() >= 5) {
     Service::LogInternal(_logger, 5, "[UpdateBmcApiJson::UpdatedJson] address: %1", current);
   }

@@ -106,7 +106,8 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
       break;
     } catch (const Tessel::Ssl::SSLVerifyException& e) {
       if (LoggerLevel() >= 3) {
-        Service::LogInternal(_logger, 3, "%1: Failed SSL verification of server with hostname '%2': %3",
+        Service::LogInternal(_logger, 3,
+                             "%1: Failed SSL verification of server with hostname '%2': %3",
                              methodName, target, e.what());
       }
       return RedfishStatusSslVerify;
@@ -129,16 +130,16 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
       const int64_t timeLeft = deadline - Tessel::System::GetMonotonicTime();
       if (e.GetError() == kEtimedout && timeLeft > 0) {
         if (LoggerLevel() >= 5) {
-          Service::LogInternal(_logger, 5, "%1: Retrying connection to %2. Time left: %3", methodName,
-                               target, timeLeft);
+          Service::LogInternal(_logger, 5, "%1: Retrying connection to %2. Time left: %3",
+                               methodName, target, timeLeft);
         }
         continue;
       }
       return RedfishStatusSystemError;
     } catch (const Tessel::Exception& e) {
       if (LoggerLevel() >= 3) {
-        Service::LogInternal(_logger, 3, "%1: AsyncSendRequest to %2 failed : %3", methodName, target,
-                             e.what());
+        Service::LogInternal(_logger, 3, "%1: AsyncSendRequest to %2 failed : %3", methodName,
+                             target, e.what());
       }
       return RedfishStatusTransportError;
     }
@@ -179,8 +180,8 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
   }
 
   if (LoggerLevel() >= 5) {
-    Service::LogInternal(_logger, 5, "Successfully called portico config file %1 from %2", methodName,
-                         url);
+    Service::LogInternal(_logger, 5, "Successfully called portico config file %1 from %2",
+                         methodName, url);
   }
   return RedfishStatusOk;
 }

@@ -22,7 +22,8 @@ int BmcHttpConnection::BmcIpFromSmbios(std::string& ip) {
     kernelBuildDate[kSigBufferSize - 1] = '\0';
     if (level >= 3) {
       Tessel::Service::LogInternal(
-          _logger, 3, "MD5 signature mismatch with running nucleus built on %1 (my build date: %2)\n",
+          _logger, 3,
+          "MD5 signature mismatch with running nucleus built on %1 (my build date: %2)\n",
           kernelBuildDate, myBuildDate);
     }
     return RedfishStatusNoBmcAddress;

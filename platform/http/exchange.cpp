@@ -52,7 +52,8 @@ void AppendHeader(curl_slist*& list, const std::string& line) {
 
 std::string_view Trim(std::string_view v) {
   while (!v.empty() && (v.front() == ' ' || v.front() == '\t')) v.remove_prefix(1);
-  while (!v.empty() && (v.back() == '\r' || v.back() == '\n' || v.back() == ' ' || v.back() == '\t')) {
+  while (!v.empty() &&
+         (v.back() == '\r' || v.back() == '\n' || v.back() == ' ' || v.back() == '\t')) {
     v.remove_suffix(1);
   }
   return v;
@@ -77,12 +78,17 @@ int64_t NumberAfter(std::string_view text, std::string_view key) {
 
 void Failure::Throw() const {
   switch (kind) {
-    case System: throw SystemException(error, message);
-    case Timeout: throw TimeoutException(message);
-    case SslVerify: throw Ssl::SSLVerifyException(message);
-    case InvalidArgument: throw InvalidArgumentException(message);
+    case System:
+      throw SystemException(error, message);
+    case Timeout:
+      throw TimeoutException(message);
+    case SslVerify:
+      throw Ssl::SSLVerifyException(message);
+    case InvalidArgument:
+      throw InvalidArgumentException(message);
     case None:
-    case Other: break;
+    case Other:
+      break;
   }
   throw Exception(message);
 }
@@ -105,7 +111,8 @@ void Exchange::Prepare(const ClientRequest& request, const std::string& origin,
                        const Http2SvcConfig& config, bool tls) {
   const HttpMethod method = request.GetMethod();
   if (method < Get || method > Patch) {
-    throw InvalidArgumentException("unknown HTTP method " + std::to_string(static_cast<int>(method)));
+    throw InvalidArgumentException("unknown HTTP method " +
+                                   std::to_string(static_cast<int>(method)));
   }
   if (!IsValidTarget(request.GetTarget())) {
     throw InvalidArgumentException("invalid request target '" + request.GetTarget() + "'");
@@ -151,11 +158,23 @@ void Exchange::Prepare(const ClientRequest& request, const std::string& origin,
 
   bool hasBody = false;
   switch (method) {
-    case Get: Set(easy_, CURLOPT_HTTPGET, 1L); break;
-    case Head: Set(easy_, CURLOPT_NOBODY, 1L); break;
-    case Post: hasBody = true; break;
-    case Put: Set(easy_, CURLOPT_CUSTOMREQUEST, "PUT"); hasBody = true; break;
-    case Patch: Set(easy_, CURLOPT_CUSTOMREQUEST, "PATCH"); hasBody = true; break;
+    case Get:
+      Set(easy_, CURLOPT_HTTPGET, 1L);
+      break;
+    case Head:
+      Set(easy_, CURLOPT_NOBODY, 1L);
+      break;
+    case Post:
+      hasBody = true;
+      break;
+    case Put:
+      Set(easy_, CURLOPT_CUSTOMREQUEST, "PUT");
+      hasBody = true;
+      break;
+    case Patch:
+      Set(easy_, CURLOPT_CUSTOMREQUEST, "PATCH");
+      hasBody = true;
+      break;
     case Delete:
       Set(easy_, CURLOPT_CUSTOMREQUEST, "DELETE");
       hasBody = !request.GetBody().empty();
@@ -329,10 +348,12 @@ Failure Exchange::Classify(CURLcode code) {
   if (resendBlocked_) {
     return {Failure::Other, 0,
             "the connection failed after the request was sent, which may have been processed; "
-            "it is not sent again (" + text + ")"};
+            "it is not sent again (" +
+                text + ")"};
   }
   if (bodyTooLarge_ || code == CURLE_FILESIZE_EXCEEDED) {
-    return {Failure::Other, 0, "response body larger than " + std::to_string(maxBodyBytes_) + " bytes"};
+    return {Failure::Other, 0,
+            "response body larger than " + std::to_string(maxBodyBytes_) + " bytes"};
   }
   long osErrno = 0;
   curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &osErrno);
@@ -344,7 +365,8 @@ Failure Exchange::Classify(CURLcode code) {
       return {Failure::InvalidArgument, 0, text};
     case CURLE_COULDNT_CONNECT:
       // Callers send again on 110 and 111: only for requests never sent.
-      if (!mayHaveBeenSent_ && osErrno != 0) return {Failure::System, static_cast<int>(osErrno), text};
+      if (!mayHaveBeenSent_ && osErrno != 0)
+        return {Failure::System, static_cast<int>(osErrno), text};
       break;
     case CURLE_OPERATION_TIMEDOUT:
       // No overall transfer limit is set, so this is the connect limit.
@@ -412,8 +434,9 @@ bool Exchange::IsCancelled() {
 bool Exchange::Wait(int64_t limitUs) {
   // Far beyond any real limit, and safe from overflow when added to now().
   constexpr int64_t kMaxLimitUs = int64_t{1} << 50;
-  const auto deadline = std::chrono::steady_clock::now() +
-                        std::chrono::microseconds(std::min(std::max<int64_t>(limitUs, 0), kMaxLimitUs));
+  const auto deadline =
+      std::chrono::steady_clock::now() +
+      std::chrono::microseconds(std::min(std::max<int64_t>(limitUs, 0), kMaxLimitUs));
   std::unique_lock<std::mutex> lock(mutex_);
   return ended_.wait_until(lock, deadline, [this] { return state_ != State::Pending; });
 }

@@ -125,8 +125,8 @@ class Exchange final : public PendingExchange {
   bool wantsConnection_ = false;
   bool gotResponse_ = false;
   bool bodyTooLarge_ = false;
-  int64_t streamId_ = 0;       // HTTP/2 stream of the attempt, 0 if unknown
-  int64_t goawayLast_ = -1;    // last stream id of a GOAWAY on its connection
+  int64_t streamId_ = 0;     // HTTP/2 stream of the attempt, 0 if unknown
+  int64_t goawayLast_ = -1;  // last stream id of a GOAWAY on its connection
   int localPort_ = 0;
   std::string localIp_;
   std::vector<Header> responseHeaders_;

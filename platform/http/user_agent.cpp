@@ -66,7 +66,8 @@ Ref<HttpUserAgent> CreateHttpUserAgent(ConnectionSpec* spec, CookieStore* cookie
   // The pool decides where requests go; an agent claiming another endpoint
   // would send them somewhere its owner does not expect.
   if (pool != nullptr && !SameEndpoint(*spec, *AsHttp2Pool(pool)->GetConnectionSpec())) {
-    throw InvalidArgumentException("pool for " + AsHttp2Pool(pool)->GetConnectionSpec()->ToString() +
+    throw InvalidArgumentException("pool for " +
+                                   AsHttp2Pool(pool)->GetConnectionSpec()->ToString() +
                                    " given to a user agent for " + spec->ToString());
   }
   return MakeRef<HttpUserAgent>(Ref<ConnectionSpec>(spec), Ref<CookieStore>(cookies),
@@ -110,7 +111,8 @@ void HttpUserAgent::WaitForResponse(PendingExchange* pending, int64_t limitUs,
   if (limitUs < 0) throw InvalidArgumentException("negative wait limit");
   if (handle->GetWorker()->OnIoThread()) {
     // A completion callback waiting for its own pool would wait forever.
-    if (!handle->Wait(0)) throw Exception("cannot wait for an exchange on its pool's own I/O thread");
+    if (!handle->Wait(0))
+      throw Exception("cannot wait for an exchange on its pool's own I/O thread");
   } else if (!handle->Wait(limitUs) && handle->MarkCancelled()) {
     // The I/O thread takes the transfer out of the multi handle; its
     // reference keeps the exchange alive until then.

@@ -82,7 +82,8 @@ Verdict ExamineHostInterface(const uint8_t* s, size_t length, size_t tableOffset
   const size_t dataLength = s[kInterfaceDataLength];
   size_t pos = kInterfaceData + dataLength;  // the protocol record count
   if (pos >= length) {
-    Note(problem, "host interface data runs past its structure", tableOffset + kInterfaceDataLength);
+    Note(problem, "host interface data runs past its structure",
+         tableOffset + kInterfaceDataLength);
     return Verdict::kMalformed;
   }
   const size_t count = s[pos++];
@@ -166,11 +167,13 @@ int SMBIOS_FindRedfishOverIp(const uint8_t* table, size_t length, SMBIOS_Redfish
     const uint8_t type = s[0];
     const size_t formatted = s[1];
     if (formatted < 4) {
-      return Fail(problem, NUC_ERR_CORRUPT_TABLE, "structure length below its 4-byte header", offset);
+      return Fail(problem, NUC_ERR_CORRUPT_TABLE, "structure length below its 4-byte header",
+                  offset);
     }
     if (type == SMBIOS_TYPE_END_OF_TABLE) break;
     if (formatted > length - offset) {
-      return Fail(problem, NUC_ERR_CORRUPT_TABLE, "structure runs past the end of the table", offset);
+      return Fail(problem, NUC_ERR_CORRUPT_TABLE, "structure runs past the end of the table",
+                  offset);
     }
     // The string set ends at the first pair of NULs after the formatted area.
     size_t end = offset + formatted;

@@ -29,9 +29,9 @@ enum SMBIOS_DiscoveryType : uint8_t {
 // Addresses are in network order; an IPv4 address fills the first 4 bytes.
 // Multi-byte integers are converted from the table's little-endian.
 struct SMBIOS_RedfishOverIp {
-  uint16_t handle;         // of the type 42 structure
-  size_t structureOffset;  // of the type 42 structure in the table
-  uint8_t deviceType;      // first byte of the interface-specific data, 0 when absent
+  uint16_t handle;          // of the type 42 structure
+  size_t structureOffset;   // of the type 42 structure in the table
+  uint8_t deviceType;       // first byte of the interface-specific data, 0 when absent
   uint8_t serviceUuid[16];  // as stored (first three fields little-endian)
   uint8_t hostIpAssignmentType;
   uint8_t hostIpAddressFormat;

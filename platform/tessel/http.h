@@ -111,7 +111,8 @@ struct Header {
 
 class ClientRequest : public RefCounted {
  public:
-  ClientRequest(HttpMethod method, std::string target) : method_(method), target_(std::move(target)) {}
+  ClientRequest(HttpMethod method, std::string target)
+      : method_(method), target_(std::move(target)) {}
   HttpMethod GetMethod() const noexcept { return method_; }
   const std::string& GetTarget() const noexcept { return target_; }
   // Replaces an earlier header of the same name (names compare case-insensitively).

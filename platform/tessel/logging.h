@@ -34,7 +34,8 @@ void SetLogSink(LogSink sink);
 void WriteLog(const Logger& logger, int level, const std::string& message) noexcept;
 
 template <typename... Args>
-void LogInternal(const Logger* logger, int level, const char* format, const Args&... args) noexcept {
+void LogInternal(const Logger* logger, int level, const char* format,
+                 const Args&... args) noexcept {
   if (logger == nullptr || logger->GetLevel() < level) return;
   try {
     WriteLog(*logger, level, Detail::ASPrintInternal(format, args...));
@@ -44,7 +45,8 @@ void LogInternal(const Logger* logger, int level, const char* format, const Args
 }
 
 template <typename... Args>
-void LogInternal(const Ref<Logger>& logger, int level, const char* format, const Args&... args) noexcept {
+void LogInternal(const Ref<Logger>& logger, int level, const char* format,
+                 const Args&... args) noexcept {
   LogInternal(logger.Get(), level, format, args...);
 }
 

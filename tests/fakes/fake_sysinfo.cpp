@@ -36,7 +36,8 @@ int ZIRN_Get(uint16_t, const ZIRN_ParamList*, void* buffer, int size) {
   auto& s = fake_sysinfo::Current();
   ++s.getCalls;
   if (s.getStatus != 0) return s.getStatus;
-  std::memcpy(buffer, s.record.data(), std::min<size_t>(static_cast<size_t>(size), s.record.size()));
+  std::memcpy(buffer, s.record.data(),
+              std::min<size_t>(static_cast<size_t>(size), s.record.size()));
   return 0;
 }
 

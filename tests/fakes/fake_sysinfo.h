@@ -8,10 +8,10 @@
 namespace fake_sysinfo {
 
 struct Script {
-  int checkSig = 0;       // ZIRN_CheckSig's result
-  int getStatus = 0;      // ZIRN_Get's status
+  int checkSig = 0;   // ZIRN_CheckSig's result
+  int getStatus = 0;  // ZIRN_Get's status
   std::array<uint8_t, 30> record{};
-  int getCalls = 0;       // how often ZIRN_Get ran
+  int getCalls = 0;  // how often ZIRN_Get ran
 };
 
 Script& Current();

@@ -59,10 +59,10 @@ Library& Lib() {
 // What each emulator profile is, as a caller sees it.
 struct Profile {
   std::string systemId;
-  std::string mac;           // the last interface of the first manager
-  std::string otherMac;      // another interface of the BMC, if any
-  int resetDone;             // result of a reset that did something
-  int resetNoop;             // result of a reset that needed none
+  std::string mac;       // the last interface of the first manager
+  std::string otherMac;  // another interface of the BMC, if any
+  int resetDone;         // result of a reset that did something
+  int resetNoop;         // result of a reset that needed none
   bool hasSensors;
   bool knownVendor;
   bool actionInfo;
@@ -72,8 +72,10 @@ struct Profile {
 const std::map<std::string, Profile> kProfiles = {
     {"dell", {"System.Embedded.1", "b0:7b:25:e4:1f:6a", "", 204, 40006, true, true, false, true}},
     {"hpe", {"1", "0A:CA:FE:F0:0D:04", "5C:ED:8C:4B:71:A8", 0, 40006, false, true, false, false}},
-    {"lenovo", {"1", "08:8f:c3:b2:47:1e", "08:8f:c3:b2:47:1d", 40006, 40006, true, true, true, true}},
-    {"generic", {"node1", "3C:A8:2A:5F:90:1C", "3C:A8:2A:5F:90:1B", 0, 0, true, false, false, true}},
+    {"lenovo",
+     {"1", "08:8f:c3:b2:47:1e", "08:8f:c3:b2:47:1d", 40006, 40006, true, true, true, true}},
+    {"generic",
+     {"node1", "3C:A8:2A:5F:90:1C", "3C:A8:2A:5F:90:1B", 0, 0, true, false, false, true}},
 };
 
 const Profile& P() { return kProfiles.at(Env("E2E_PROFILE")); }
@@ -172,14 +174,16 @@ TEST_F(EndToEnd, ColdThenWarmPowerStateRead) {
   ASSERT_EQ(Lib().powerState(User(), Password(), nullptr, 5000, &on), 0);
   EXPECT_TRUE(on);
   const std::string sys = "/redfish/v1/Systems/" + P().systemId;
-  std::vector<std::string> expected = {"GET /redfish/v1/Systems", "GET " + sys + "/?$select=Manufacturer",
+  std::vector<std::string> expected = {"GET /redfish/v1/Systems",
+                                       "GET " + sys + "/?$select=Manufacturer",
                                        "GET " + sys + "/?$select=Actions"};
   if (P().actionInfo) expected.push_back("GET " + sys + "/ResetActionInfo");
   expected.push_back("GET " + sys + "/?$select=PowerState");
   auto log = ReadLog(Env("EMULATOR_LOG"));
   EXPECT_EQ(Paths(log), expected);
   for (const auto& l : log) {
-    EXPECT_EQ(l.headers.count("authorization") ? l.headers.at("authorization") : "", "Basic YWRtaW46c2VjcmV0");
+    EXPECT_EQ(l.headers.count("authorization") ? l.headers.at("authorization") : "",
+              "Basic YWRtaW46c2VjcmV0");
     EXPECT_EQ(l.headers.count("accept") ? l.headers.at("accept") : "", "application/json");
   }
 
@@ -193,8 +197,9 @@ TEST_F(EndToEnd, ColdThenWarmPowerStateRead) {
 
 TEST_F(EndToEnd, ResetSendsOneExactBodyAndMapsTheVendorsAnswers) {
   if (!P().knownVendor) GTEST_SKIP() << "discovery ends with 2 for an unknown vendor";
-  ASSERT_EQ(Lib().power(User(), Password(), nullptr, P().mac.c_str(), REDFISHCMD_GRACEFUL_SHUTDOWN, 5000),
-            P().resetDone);
+  ASSERT_EQ(
+      Lib().power(User(), Password(), nullptr, P().mac.c_str(), REDFISHCMD_GRACEFUL_SHUTDOWN, 5000),
+      P().resetDone);
   auto log = ReadLog(Env("EMULATOR_LOG"));
   ASSERT_EQ(Posts(), 1);
   const Logged& post = log.back();
@@ -206,20 +211,26 @@ TEST_F(EndToEnd, ResetSendsOneExactBodyAndMapsTheVendorsAnswers) {
   EXPECT_FALSE(on);
 
   // Already off: the vendor's "nothing to do" answer.
-  EXPECT_EQ(Lib().power(User(), Password(), nullptr, P().mac.c_str(), REDFISHCMD_GRACEFUL_SHUTDOWN, 5000),
-            P().resetNoop);
+  EXPECT_EQ(
+      Lib().power(User(), Password(), nullptr, P().mac.c_str(), REDFISHCMD_GRACEFUL_SHUTDOWN, 5000),
+      P().resetNoop);
   EXPECT_EQ(Posts(), 2);
 }
 
 TEST_F(EndToEnd, MacGuardAndUnadvertisedCommandsSendNothing) {
-  EXPECT_EQ(Lib().power(User(), Password(), nullptr, "00:11:22:33:44:55", REDFISHCMD_FORCE_OFF, 5000), 40001);
+  EXPECT_EQ(
+      Lib().power(User(), Password(), nullptr, "00:11:22:33:44:55", REDFISHCMD_FORCE_OFF, 5000),
+      40001);
   EXPECT_EQ(Lib().power(User(), Password(), nullptr, "", REDFISHCMD_FORCE_OFF, 5000), 40002);
   std::string upper = P().mac;
   for (auto& c : upper) c = static_cast<char>(std::islower(c) ? std::toupper(c) : std::tolower(c));
-  EXPECT_EQ(Lib().power(User(), Password(), nullptr, upper.c_str(), REDFISHCMD_FORCE_OFF, 5000), 40001)
+  EXPECT_EQ(Lib().power(User(), Password(), nullptr, upper.c_str(), REDFISHCMD_FORCE_OFF, 5000),
+            40001)
       << "the BMC's notation, exactly";
   if (P().knownVendor && !P().powerCycle) {
-    EXPECT_EQ(Lib().power(User(), Password(), nullptr, P().mac.c_str(), REDFISHCMD_POWER_CYCLE, 5000), 40003);
+    EXPECT_EQ(
+        Lib().power(User(), Password(), nullptr, P().mac.c_str(), REDFISHCMD_POWER_CYCLE, 5000),
+        40003);
   }
   EXPECT_EQ(Posts(), 0);
 }
@@ -232,7 +243,9 @@ TEST_F(EndToEnd, MacAddressAndItsLengthConvention) {
   EXPECT_EQ(length, P().mac.size() + 1);
   if (!P().otherMac.empty()) {
     length = 5;
-    ASSERT_EQ(Lib().macAddress(User(), Password(), nullptr, P().otherMac.c_str(), 5000, buffer, &length), 0);
+    ASSERT_EQ(
+        Lib().macAddress(User(), Password(), nullptr, P().otherMac.c_str(), 5000, buffer, &length),
+        0);
     EXPECT_EQ(std::string(buffer), P().otherMac.substr(0, 4));
     EXPECT_EQ(length, 5u);
   }
@@ -290,11 +303,14 @@ TEST_F(EndToEnd, SixteenThreadsOnOneHost) {
         char mac[32];
         unsigned int length = sizeof mac;
         if (Lib().powerState(User(), Password(), nullptr, 5000, &on) != 0 || !on) ++failures;
-        if (Lib().macAddress(User(), Password(), nullptr, P().mac.c_str(), 5000, mac, &length) != 0) ++failures;
+        if (Lib().macAddress(User(), Password(), nullptr, P().mac.c_str(), 5000, mac, &length) != 0)
+          ++failures;
         length = 0;
         int rc = Lib().sensors(User(), Password(), nullptr, 5000, nullptr, &length);
         if (rc != (P().hasSensors ? 0 : 40001)) ++failures;
-        if (Lib().power(User(), Password(), nullptr, "00:00:00:00:00:00", REDFISHCMD_ON, 5000) != 40001) ++failures;
+        if (Lib().power(User(), Password(), nullptr, "00:00:00:00:00:00", REDFISHCMD_ON, 5000) !=
+            40001)
+          ++failures;
       }
     });
   }
@@ -302,7 +318,8 @@ TEST_F(EndToEnd, SixteenThreadsOnOneHost) {
   EXPECT_EQ(failures.load(), 0);
   EXPECT_EQ(Posts(), 0);
   auto paths = Paths(ReadLog(Env("EMULATOR_LOG")));
-  EXPECT_EQ(std::count(paths.begin(), paths.end(), "GET /redfish/v1/Systems"), 1) << "discovered once";
+  EXPECT_EQ(std::count(paths.begin(), paths.end(), "GET /redfish/v1/Systems"), 1)
+      << "discovered once";
 }
 
 TEST_F(EndToEnd, AnotherVendorsNoActionStatusIsPassedThrough) {
@@ -311,8 +328,10 @@ TEST_F(EndToEnd, AnotherVendorsNoActionStatusIsPassedThrough) {
   const std::map<std::string, int> foreign = {{"dell", 400}, {"hpe", 409}, {"lenovo", 409}};
   const int status = foreign.at(Env("E2E_PROFILE"));
   Control("/faults", "[\"/redfish/v1/Systems/" + P().systemId +
-                         "/Actions/ComputerSystem.Reset:status=" + std::to_string(status) + "@1\"]");
-  EXPECT_EQ(Lib().power(User(), Password(), nullptr, P().mac.c_str(), REDFISHCMD_GRACEFUL_SHUTDOWN, 5000),
-            status);
+                         "/Actions/ComputerSystem.Reset:status=" + std::to_string(status) +
+                         "@1\"]");
+  EXPECT_EQ(
+      Lib().power(User(), Password(), nullptr, P().mac.c_str(), REDFISHCMD_GRACEFUL_SHUTDOWN, 5000),
+      status);
   EXPECT_EQ(Posts(), 1);
 }

@@ -28,7 +28,8 @@ struct Entry {
   int status = 0;
   std::string Header(const char* name) const {
     for (auto& m : headers.GetObject()) {
-      if (strcasecmp(m.name.GetString(), name) == 0 && m.value.IsString()) return m.value.GetString();
+      if (strcasecmp(m.name.GetString(), name) == 0 && m.value.IsString())
+        return m.value.GetString();
     }
     return "";
   }
@@ -108,8 +109,10 @@ TEST_F(Proxy, MissingDocumentIsWrittenFromTheTemplate) {
   EXPECT_EQ(log[0].status, 404);
   EXPECT_EQ(log[1].method, "PUT");
   EXPECT_EQ(log[1].Header("Content-Type"), "application/json");
-  EXPECT_EQ(log[1].body.compare(0, kCompactTemplatePrefix.size(), kCompactTemplatePrefix), 0) << log[1].body;
-  EXPECT_NE(log[1].body.find(R"({"address":")" + Env("BMC_ADDR") + R"(","port_value":443})"), std::string::npos);
+  EXPECT_EQ(log[1].body.compare(0, kCompactTemplatePrefix.size(), kCompactTemplatePrefix), 0)
+      << log[1].body;
+  EXPECT_NE(log[1].body.find(R"({"address":")" + Env("BMC_ADDR") + R"(","port_value":443})"),
+            std::string::npos);
   EXPECT_TRUE(BmcHttpConnection::_bmcJsonUpdated);
 
   EXPECT_EQ(bmc->UpdateBmcApiJson("10.9.9.9"), 0);
@@ -161,7 +164,8 @@ TEST_F(Proxy, RequestsThroughTheProxyCarryTheirHeaders) {
   ASSERT_EQ(connection.MakeHttpRequestGet("/bmc/redfish/v1/Systems", body, 5000ms), 0);
   EXPECT_NE(body.find("\"Members\""), std::string::npos);
   body.clear();
-  EXPECT_EQ(connection.MakeHttpRequestPost("/bmc/redfish/v1/Systems", "{}", body, false, 5000ms), 405);
+  EXPECT_EQ(connection.MakeHttpRequestPost("/bmc/redfish/v1/Systems", "{}", body, false, 5000ms),
+            405);
   body.clear();
   EXPECT_EQ(connection.MakeHttpRequestDelete("/bmc/redfish/v1/Systems", body, 5000ms), 405);
 

@@ -32,8 +32,9 @@ struct Api : testing::Test {
               std::string(R"({"MACAddress":")") + kMac + "\"}")
         .Json("/bmc/redfish/v1/Systems", R"({"Members":[{"@odata.id":"/redfish/v1/Systems/1"}]})")
         .Json("/bmc/redfish/v1/Systems/1/?$select=Manufacturer", R"({"Manufacturer":"Dell Inc."})")
-        .Json("/bmc/redfish/v1/Systems/1/?$select=Actions",
-              R"({"Actions":{"#ComputerSystem.Reset":{"target":"/r","ResetType@Redfish.AllowableValues":["On"]}}})")
+        .Json(
+            "/bmc/redfish/v1/Systems/1/?$select=Actions",
+            R"({"Actions":{"#ComputerSystem.Reset":{"target":"/r","ResetType@Redfish.AllowableValues":["On"]}}})")
         .Json("/bmc/redfish/v1/Systems/1/?$select=PowerState", R"({"PowerState":"On"})")
         .Json("/bmc/r", "", 204)
         .Json("/bmc/redfish/v1/Chassis", R"({"Members":[{"@odata.id":"/redfish/v1/Chassis/1"}]})")
@@ -74,7 +75,8 @@ TEST_F(Api, HostKeysShareOrSeparateConnections) {
   EXPECT_EQ(Redfish_GetPowerState("other", "creds", "localhost", 100, &on), 0);
   EXPECT_TRUE(log.Has(5, "Using EXISTING Redfish Connection for 'localhost'"));
   auto requests = fake_http::Requests();
-  EXPECT_EQ(requests.back().Header("Authorization"), "Basic YWRtaW46c2VjcmV0") << "first credentials kept";
+  EXPECT_EQ(requests.back().Header("Authorization"), "Basic YWRtaW46c2VjcmV0")
+      << "first credentials kept";
 
   Redfish_CloseConnection("unknown");
   Redfish_CloseConnection(nullptr);
@@ -94,15 +96,20 @@ TEST_F(Api, FailedCreationIsLoggedAndRetriedButCredentialFailureThrows) {
 
   bmc.Json("/portico/config/json/bmcApi.json", "{}", 503);
   bmc.Install();
-  EXPECT_EQ(Redfish_GetPowerState("u", "p", "10.0.0.1", 100, &on), 503) << "a named host needs no discovery";
+  EXPECT_EQ(Redfish_GetPowerState("u", "p", "10.0.0.1", 100, &on), 503)
+      << "a named host needs no discovery";
   bmc.Json("/portico/config/json/bmcApi.json", "{}", 404);
   bmc.Install();
-  EXPECT_EQ(Redfish_GetPowerState("u", "p", "10.0.0.1", 100, &on), 0) << "the next call tries again";
-  EXPECT_EQ(Redfish_GetPowerState("u", "p", "", 100, &on), 0) << "the route is set once per process";
+  EXPECT_EQ(Redfish_GetPowerState("u", "p", "10.0.0.1", 100, &on), 0)
+      << "the next call tries again";
+  EXPECT_EQ(Redfish_GetPowerState("u", "p", "", 100, &on), 0)
+      << "the route is set once per process";
 
   const std::string longUser(400, 'u');
-  EXPECT_THROW(Redfish_GetPowerState(longUser.c_str(), "p", "10.0.0.2", 100, &on), redfish::RedfishStatus);
-  EXPECT_EQ(Redfish_GetPowerState("u", "p", "10.0.0.2", 100, &on), 0) << "the registry lock was released";
+  EXPECT_THROW(Redfish_GetPowerState(longUser.c_str(), "p", "10.0.0.2", 100, &on),
+               redfish::RedfishStatus);
+  EXPECT_EQ(Redfish_GetPowerState("u", "p", "10.0.0.2", 100, &on), 0)
+      << "the registry lock was released";
 }
 
 TEST_F(Api, StringOutputsFollowTheirTwoLengthConventions) {
@@ -127,14 +134,16 @@ TEST_F(Api, StringOutputsFollowTheirTwoLengthConventions) {
 }
 
 TEST_F(Api, PowerOperationIsGuardedByTheMac) {
-  EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, "aa:bb:cc:dd:ee:01", REDFISHCMD_ON, 100), 40001);
+  EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, "aa:bb:cc:dd:ee:01", REDFISHCMD_ON, 100),
+            40001);
   EXPECT_TRUE(log.Has(3, "No NIC found with MAC addr: aa:bb:cc:dd:ee:01"));
   EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, "", REDFISHCMD_ON, 100), 40002);
   EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, nullptr, REDFISHCMD_ON, 100), 40002);
   EXPECT_EQ(Posts(), 0);
   EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, kMac, REDFISHCMD_FORCE_OFF, 100), 40003);
   EXPECT_EQ(Posts(), 0);
-  EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, kMac, REDFISHCMD_ON, 100), 204) << "Dell 204 is not 200";
+  EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, kMac, REDFISHCMD_ON, 100), 204)
+      << "Dell 204 is not 200";
   EXPECT_EQ(Posts(), 1);
 }
 
@@ -157,5 +166,6 @@ TEST_F(Api, ManyThreadsOnOneHost) {
   for (auto& t : threads) t.join();
   EXPECT_EQ(failures, 0);
   auto requests = ScriptedBmc::Targets();
-  EXPECT_EQ(std::count(requests.begin(), requests.end(), "/bmc/redfish/v1/Systems"), 1) << "discovered once";
+  EXPECT_EQ(std::count(requests.begin(), requests.end(), "/bmc/redfish/v1/Systems"), 1)
+      << "discovered once";
 }

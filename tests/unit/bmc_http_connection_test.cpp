@@ -44,7 +44,9 @@ TEST_F(Transport, SingletonIsCreatedOnceAndKeepsTheFirstLogger) {
   std::vector<BmcHttpConnection*> seen(8);
   std::vector<std::thread> threads;
   for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([&, i] { seen[i] = BmcHttpConnection::GetInstance(Tessel::Service::CreateLogger("other")); });
+    threads.emplace_back([&, i] {
+      seen[i] = BmcHttpConnection::GetInstance(Tessel::Service::CreateLogger("other"));
+    });
   }
   for (auto& t : threads) t.join();
   for (auto* p : seen) EXPECT_EQ(p, bmc);
@@ -158,7 +160,8 @@ TEST_F(Transport, QuietBelowLevelThree) {
   BmcHttpConnection::_logger->SetLevel(2);
   fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Json(404, ""); });
   EXPECT_EQ(Send(Http::Get), 404);
-  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Throw<Tessel::Exception>("x"); });
+  fake_http::SetHandler(
+      [](const fake_http::Request&) { return fake_http::Throw<Tessel::Exception>("x"); });
   EXPECT_EQ(Send(Http::Get), 10005);
   EXPECT_TRUE(log.Lines().empty());
 }
@@ -187,7 +190,9 @@ TEST(BmcIpFromSmbios, FormatsTheRecordsAddress) {
   const struct {
     std::array<uint8_t, 4> octets;
     const char* text;
-  } cases[] = {{{10, 0, 0, 42}, "10.0.0.42"}, {{255, 255, 255, 255}, "255.255.255.255"}, {{0, 0, 0, 0}, "0.0.0.0"}};
+  } cases[] = {{{10, 0, 0, 42}, "10.0.0.42"},
+               {{255, 255, 255, 255}, "255.255.255.255"},
+               {{0, 0, 0, 0}, "0.0.0.0"}};
   for (const auto& c : cases) {
     fake_sysinfo::SetIpv4(c.octets[0], c.octets[1], c.octets[2], c.octets[3], 3);
     std::string ip = "unchanged";
@@ -210,8 +215,9 @@ TEST(BmcIpFromSmbios, FormatsTheRecordsAddress) {
   fake_sysinfo::Current().checkSig = 1;
   EXPECT_EQ(bmc->BmcIpFromSmbios(ip), 30001);
   EXPECT_EQ(fake_sysinfo::Current().getCalls, reads) << "the node is not read";
-  EXPECT_TRUE(log.Has(3, "MD5 signature mismatch with running nucleus built on KKKKKKKKKKKKKKKKKKKK "
-                         "(my build date: Nov 01 2026)\n"));
+  EXPECT_TRUE(log.Has(3,
+                      "MD5 signature mismatch with running nucleus built on KKKKKKKKKKKKKKKKKKKK "
+                      "(my build date: Nov 01 2026)\n"));
 }
 
 namespace {
@@ -286,10 +292,13 @@ TEST_F(RouteDocument, FailuresLeaveTheFlagDown) {
       {fake_http::Json(404, ""), fake_http::Json(200, ""), 200},
       {fake_http::Json(200, "not json"), fake_http::Json(204, ""), 20001},
       {fake_http::Json(200, ""), fake_http::Json(204, ""), 20001},
-      {fake_http::Json(200, R"({"proxy_configuration":{"clusters":[]}})"), fake_http::Json(204, ""), 20001},
-      {fake_http::Json(200, R"({"proxy_configuration":{"clusters":[{"endpoints":[]}]}})"), fake_http::Json(204, ""), 20001},
+      {fake_http::Json(200, R"({"proxy_configuration":{"clusters":[]}})"), fake_http::Json(204, ""),
+       20001},
+      {fake_http::Json(200, R"({"proxy_configuration":{"clusters":[{"endpoints":[]}]}})"),
+       fake_http::Json(204, ""), 20001},
       {fake_http::Json(200, Document("x") + std::string(2100, ' ')), fake_http::Json(204, ""), 0},
-      {fake_http::Json(200, R"({"big":")" + std::string(2100, 'x') + "\"}"), fake_http::Json(204, ""), 20001},
+      {fake_http::Json(200, R"({"big":")" + std::string(2100, 'x') + "\"}"),
+       fake_http::Json(204, ""), 20001},
       {fake_http::Throw<Tessel::SystemException>(111, "refused"), fake_http::Json(204, ""), 10004},
       {fake_http::Json(404, ""), fake_http::Throw<Tessel::Exception>("reset"), 10004},
   };
@@ -312,7 +321,9 @@ TEST_F(RouteDocument, NoIpv4AddressMeansNoRequest) {
 }
 
 TEST_F(RouteDocument, NonStringAddressIsOverwritten) {
-  Script(fake_http::Json(200, R"({"proxy_configuration":{"clusters":[{"endpoints":[{"socket_address":{"address":7}}]}]}})"));
+  Script(fake_http::Json(
+      200,
+      R"({"proxy_configuration":{"clusters":[{"endpoints":[{"socket_address":{"address":7}}]}]}})"));
   EXPECT_EQ(bmc->UpdateBmcApiJson("10.1.2.3"), 0);
   ASSERT_EQ(Puts().size(), 1u);
   EXPECT_NE(Puts()[0].body.find(R"("address":"10.1.2.3")"), std::string::npos);

@@ -41,7 +41,7 @@ TEST_F(Connection, CredentialsAreEncodedUpToTheBufferLimit) {
   EXPECT_FALSE(c->IsSessionActive());
   EXPECT_EQ(c->RefreshSession(7), 7);
   EXPECT_TRUE(c->EncodeUserPass("", ""));
-  EXPECT_TRUE(c->EncodeUserPass(std::string(190, 'u'), std::string(190, 'p')));  // 381 bytes
+  EXPECT_TRUE(c->EncodeUserPass(std::string(190, 'u'), std::string(190, 'p')));   // 381 bytes
   EXPECT_FALSE(c->EncodeUserPass(std::string(191, 'u'), std::string(190, 'p')));  // 382 bytes
   EXPECT_TRUE(log.Has(3, "Insufficient buffer size to capture encoded username and password"));
 }
@@ -127,7 +127,8 @@ TEST_F(Connection, JunkContentLengthRaisesAndReleasesTheLock) {
 }
 
 TEST_F(Connection, TransportFailureReturnsItsCodeWithoutABody) {
-  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Throw<Tessel::TimeoutException>("t"); });
+  fake_http::SetHandler(
+      [](const fake_http::Request&) { return fake_http::Throw<Tessel::TimeoutException>("t"); });
   auto c = Make();
   std::string body = "kept";
   EXPECT_EQ(c->MakeHttpRequestGet("/bmc/x", body, 0ms), 10003);
@@ -139,9 +140,11 @@ TEST_F(Connection, TransportFailureReturnsItsCodeWithoutABody) {
 TEST_F(Connection, PostAndDeleteReadOnceAndMapStatuses) {
   const std::string longBody(3000, 'z');
   fake_http::SetHandler([&](const fake_http::Request& r) {
-    if (r.target == "/bmc/created") return WithHeader(fake_http::Json(201, "{}"), "Location", "/new/1");
+    if (r.target == "/bmc/created")
+      return WithHeader(fake_http::Json(201, "{}"), "Location", "/new/1");
     if (r.target == "/bmc/nocontent") return fake_http::Json(204, "");
-    if (r.target == "/bmc/busy") return WithHeader(fake_http::Json(503, "busy body"), "Retry-After", "30");
+    if (r.target == "/bmc/busy")
+      return WithHeader(fake_http::Json(503, "busy body"), "Retry-After", "30");
     if (r.target == "/bmc/long") return fake_http::Json(200, longBody);
     if (r.target == "/bmc/denied") return fake_http::Json(401, "no");
     return fake_http::Json(404, "");

@@ -64,10 +64,12 @@ TEST_F(VerifyJson, RedfishErrorReportTakesDetailTextFromTheErrorObject) {
   const std::string body = R"({"error":{"code":"Base.1.0.GeneralError","message":"A general error.",
     "@Message.ExtendedInfo":[{"Message":"first"},{"MessageId":"x"},{"Message":"third"}, 7]}})";
   EXPECT_EQ(Verify(body, false), 0);
-  EXPECT_TRUE(log.Has(3, "Redfish Error Detected: Code='Base.1.0.GeneralError' Message='A general "
-                         "error.' Detail:  Detail: "));
+  EXPECT_TRUE(log.Has(3,
+                      "Redfish Error Detected: Code='Base.1.0.GeneralError' Message='A general "
+                      "error.' Detail:  Detail: "));
   log.Clear();
-  EXPECT_EQ(Verify(R"({"error":{"Message":"own","@Message.ExtendedInfo":[{"Message":"m"}]}})", false), 0);
+  EXPECT_EQ(
+      Verify(R"({"error":{"Message":"own","@Message.ExtendedInfo":[{"Message":"m"}]}})", false), 0);
   EXPECT_TRUE(log.Has(3, "Redfish Error Detected: Detail: own"));
   log.Clear();
   EXPECT_EQ(Verify(R"({"error":{"code":5,"message":{"a":[1]}}})", false), 0);
@@ -102,11 +104,15 @@ TEST_F(StringToRedfishOem, MatchesVendorPrefixesCaseSensitively) {
     const char* text;
     int result;
     redfish::RedfishOem oem;
-  } cases[] = {{"Dell Inc.", 0, redfish::RedfishOemDell}, {"Dell", 0, redfish::RedfishOemDell},
-               {"HPE", 0, redfish::RedfishOemHPE},       {"HPE Inc.", 0, redfish::RedfishOemHPE},
-               {"Lenovo", 0, redfish::RedfishOemLenovo}, {"HP", 2, redfish::RedfishOem(7)},
+  } cases[] = {{"Dell Inc.", 0, redfish::RedfishOemDell},
+               {"Dell", 0, redfish::RedfishOemDell},
+               {"HPE", 0, redfish::RedfishOemHPE},
+               {"HPE Inc.", 0, redfish::RedfishOemHPE},
+               {"Lenovo", 0, redfish::RedfishOemLenovo},
+               {"HP", 2, redfish::RedfishOem(7)},
                {"Hewlett Packard Enterprise", 2, redfish::RedfishOem(7)},
-               {"LENOVO", 2, redfish::RedfishOem(7)},    {" Dell", 2, redfish::RedfishOem(7)},
+               {"LENOVO", 2, redfish::RedfishOem(7)},
+               {" Dell", 2, redfish::RedfishOem(7)},
                {"", 2, redfish::RedfishOem(7)}};
   for (const auto& c : cases) {
     redfish::RedfishOem oem = redfish::RedfishOem(7);

@@ -28,10 +28,11 @@ TEST(Format, PositionalArgumentsOfEveryKind) {
 
 TEST(Logging, LevelGatesMessagesAndSinkSeesTextUnchanged) {
   std::vector<std::pair<int, std::string>> seen;
-  Tessel::Service::SetLogSink([&](const Tessel::Service::Logger& logger, int level, const std::string& text) {
-    EXPECT_EQ(logger.GetName(), "Redfish");
-    seen.emplace_back(level, text);
-  });
+  Tessel::Service::SetLogSink(
+      [&](const Tessel::Service::Logger& logger, int level, const std::string& text) {
+        EXPECT_EQ(logger.GetName(), "Redfish");
+        seen.emplace_back(level, text);
+      });
   auto logger = Tessel::Service::CreateLogger("Redfish");
   logger->SetLevel(3);
   Tessel::Service::LogInternal(logger, 5, "hidden %1", 1);
@@ -80,10 +81,15 @@ TEST(Ref, CountsCopiesAndFreesOnLastRelease) {
 }
 
 TEST(Base64, Rfc4648VectorsAndCredentials) {
-  const std::pair<const char*, const char*> vectors[] = {
-      {"", ""},         {"f", "Zg=="},         {"fo", "Zm8="},         {"foo", "Zm9v"},
-      {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"},
-      {"admin:secret", "YWRtaW46c2VjcmV0"}, {":", "Og=="}};
+  const std::pair<const char*, const char*> vectors[] = {{"", ""},
+                                                         {"f", "Zg=="},
+                                                         {"fo", "Zm8="},
+                                                         {"foo", "Zm9v"},
+                                                         {"foob", "Zm9vYg=="},
+                                                         {"fooba", "Zm9vYmE="},
+                                                         {"foobar", "Zm9vYmFy"},
+                                                         {"admin:secret", "YWRtaW46c2VjcmV0"},
+                                                         {":", "Og=="}};
   for (const auto& [in, out] : vectors) {
     char buffer[64];
     size_t n = 99;

@@ -13,7 +13,8 @@ using namespace std::chrono_literals;
 namespace {
 
 const char kSystems[] = R"({"Members":[{"@odata.id":"/redfish/v1/Systems/1"}]})";
-const char kActions[] = R"({"Actions":{"#ComputerSystem.Reset":{"target":"/redfish/v1/Systems/1/Actions/ComputerSystem.Reset",
+const char kActions[] =
+    R"({"Actions":{"#ComputerSystem.Reset":{"target":"/redfish/v1/Systems/1/Actions/ComputerSystem.Reset",
   "ResetType@Redfish.AllowableValues":["On","ForceOff","GracefulShutdown","ForceRestart","Nmi","PushPowerButton","GracefulRestart","Bogus"]}}})";
 
 struct Resources : testing::Test {
@@ -56,7 +57,8 @@ TEST_F(Resources, ColdThenWarmPowerStateRead) {
                                       "/bmc/redfish/v1/Systems/1/?$select=PowerState"}));
   ASSERT_EQ(connection->systems.size(), 1u);
   EXPECT_EQ(connection->systems[0].powerActions.size(), 7u);
-  EXPECT_EQ(connection->systems[0].resetUri, "/bmc/redfish/v1/Systems/1/Actions/ComputerSystem.Reset");
+  EXPECT_EQ(connection->systems[0].resetUri,
+            "/bmc/redfish/v1/Systems/1/Actions/ComputerSystem.Reset");
   EXPECT_TRUE(log.Has(5, "Power Directive: Bogus"));
   fake_http::SetHandler(nullptr);
   System("HPE");
@@ -75,10 +77,12 @@ TEST_F(Resources, ResetBodyAndVendorNoActionStatuses) {
                {"Dell Inc.", 204, 204},   {"HPE", 200, 0},     {"Dell Inc.", 500, 500}};
   for (const auto& c : cases) {
     connection = std::make_unique<BmcRedfishConnection>("", "admin", "secret", logger);
-    System(c.manufacturer).Json("/bmc/redfish/v1/Systems/1/Actions/ComputerSystem.Reset",
-                                R"({"error":{"code":"x"}})", c.status);
+    System(c.manufacturer)
+        .Json("/bmc/redfish/v1/Systems/1/Actions/ComputerSystem.Reset", R"({"error":{"code":"x"}})",
+              c.status);
     bmc.Install();
-    EXPECT_EQ(connection->PowerOperation(REDFISHCMD_ON, 500ms, 0), c.result) << c.manufacturer << c.status;
+    EXPECT_EQ(connection->PowerOperation(REDFISHCMD_ON, 500ms, 0), c.result)
+        << c.manufacturer << c.status;
     auto post = fake_http::Requests().back();
     EXPECT_EQ(post.body, "{\n      \"ResetType\" : \"On\"\n   }");
     EXPECT_EQ(post.body.size(), 31u);
@@ -95,7 +99,8 @@ TEST_F(Resources, CommandNotAdvertisedIsRefusedWithoutARequest) {
 }
 
 TEST_F(Resources, LenovoReadsAllowableValuesFromActionInfo) {
-  const std::string actions = R"({"Actions":{"#ComputerSystem.Reset":{"target":"/redfish/v1/Systems/1/Actions/ComputerSystem.Reset",
+  const std::string actions =
+      R"({"Actions":{"#ComputerSystem.Reset":{"target":"/redfish/v1/Systems/1/Actions/ComputerSystem.Reset",
     "@Redfish.ActionInfo":"/redfish/v1/Systems/1/ResetActionInfo"}}})";
   const struct {
     std::string info;
@@ -128,13 +133,16 @@ TEST_F(Resources, MalformedSystemDocumentsFailWithoutCrashing) {
     const char* manufacturer;
     std::string actions;
     int result;
-  } cases[] = {{"Contoso", kActions, 2},
-               {"Dell Inc.", R"({"Actions":{}})", 20004},
-               {"Dell Inc.", R"({"Actions":{"#ComputerSystem.Reset":{"target":5}}})", 20004},
-               {"Dell Inc.", R"({"Actions":{"#ComputerSystem.Reset":{"target":"/t"}}})", 20001},
-               {"Dell Inc.", R"({"Actions":{"#ComputerSystem.Reset":{"target":"/t","ResetType@Redfish.AllowableValues":"On"}}})", 20004},
-               {"Dell Inc.", "[1]", 20004},
-               {"Dell Inc.", "not json", 20002}};
+  } cases[] = {
+      {"Contoso", kActions, 2},
+      {"Dell Inc.", R"({"Actions":{}})", 20004},
+      {"Dell Inc.", R"({"Actions":{"#ComputerSystem.Reset":{"target":5}}})", 20004},
+      {"Dell Inc.", R"({"Actions":{"#ComputerSystem.Reset":{"target":"/t"}}})", 20001},
+      {"Dell Inc.",
+       R"({"Actions":{"#ComputerSystem.Reset":{"target":"/t","ResetType@Redfish.AllowableValues":"On"}}})",
+       20004},
+      {"Dell Inc.", "[1]", 20004},
+      {"Dell Inc.", "not json", 20002}};
   for (const auto& c : cases) {
     connection = std::make_unique<BmcRedfishConnection>("", "admin", "secret", logger);
     System(c.manufacturer, c.actions);
@@ -148,16 +156,20 @@ TEST_F(Resources, MalformedSystemDocumentsFailWithoutCrashing) {
     bmc.Install();
     std::string state;
     EXPECT_EQ(connection->GetSystemPowerState(state, 500ms, 0),
-              std::string(body) == "{}" || std::string(body)[0] == '{' ? 2 : 20004) << body;
+              std::string(body) == "{}" || std::string(body)[0] == '{' ? 2 : 20004)
+        << body;
   }
 }
 
 TEST_F(Resources, FailedDiscoveryIsRetriedAndAppendsAgain) {
-  bmc.Json("/bmc/redfish/v1/Chassis", R"({"Members":[{"@odata.id":"/redfish/v1/Chassis/1"},{"@odata.id":"/redfish/v1/Chassis/2"},{"@odata.id":"/redfish/v1/Chassis/3"}]})")
+  bmc.Json(
+         "/bmc/redfish/v1/Chassis",
+         R"({"Members":[{"@odata.id":"/redfish/v1/Chassis/1"},{"@odata.id":"/redfish/v1/Chassis/2"},{"@odata.id":"/redfish/v1/Chassis/3"}]})")
       .Json("/bmc/redfish/v1/Chassis/1/Sensors", R"({"Members":[]})")
       .Json("/bmc/redfish/v1/Chassis/2/Sensors", "{}", 404)
       .Json("/bmc/redfish/v1/Chassis/3/Sensors", "{}", 500)
-      .Json("/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)", R"({"Members":[{"Reading":1}]})");
+      .Json("/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)",
+            R"({"Members":[{"Reading":1}]})");
   bmc.Install();
   std::string info;
   EXPECT_EQ(connection->GetChassisSensorInfo(info, 500ms, 0), 500);
@@ -167,7 +179,8 @@ TEST_F(Resources, FailedDiscoveryIsRetriedAndAppendsAgain) {
   EXPECT_EQ(connection->GetChassisSensorInfo(info, 500ms, 0), 0);
   EXPECT_EQ(info, R"({"Members":[{"Reading":1}]})");
   ASSERT_EQ(connection->chassis.size(), 2u) << "the first walk's record stays";
-  EXPECT_EQ(connection->chassis[1].sensorsUri, "/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)");
+  EXPECT_EQ(connection->chassis[1].sensorsUri,
+            "/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)");
   EXPECT_EQ(connection->GetChassisSensorInfo(info, 500ms, 2), 40001);
   EXPECT_TRUE(log.Has(3, "Unsupported Chassis Index 2"));
 }
@@ -186,10 +199,15 @@ TEST_F(Resources, SensorBodyMustBeAnObject) {
 }
 
 TEST_F(Resources, ManagerNicsAndMacs) {
-  bmc.Json("/bmc/redfish/v1/Managers", R"({"Members":[{"@odata.id":"/redfish/v1/Managers/1"},{"@odata.id":"/redfish/v1/Managers/2"}]})")
-      .Json("/bmc/redfish/v1/Managers/1/EthernetInterfaces", R"({"Members":[{"@odata.id":"/redfish/v1/Managers/1/EthernetInterfaces/1"},{"@odata.id":"/redfish/v1/Managers/1/EthernetInterfaces/2"}]})")
+  bmc.Json(
+         "/bmc/redfish/v1/Managers",
+         R"({"Members":[{"@odata.id":"/redfish/v1/Managers/1"},{"@odata.id":"/redfish/v1/Managers/2"}]})")
+      .Json(
+          "/bmc/redfish/v1/Managers/1/EthernetInterfaces",
+          R"({"Members":[{"@odata.id":"/redfish/v1/Managers/1/EthernetInterfaces/1"},{"@odata.id":"/redfish/v1/Managers/1/EthernetInterfaces/2"}]})")
       .Json("/bmc/redfish/v1/Managers/2/EthernetInterfaces", R"({"Members":[]})")
-      .Json("/bmc/redfish/v1/Managers/1/EthernetInterfaces/1/?$select=MACAddress", R"({"MACAddress":"aa:bb:cc:dd:ee:01"})")
+      .Json("/bmc/redfish/v1/Managers/1/EthernetInterfaces/1/?$select=MACAddress",
+            R"({"MACAddress":"aa:bb:cc:dd:ee:01"})")
       .Json("/bmc/redfish/v1/Managers/1/EthernetInterfaces/2/?$select=MACAddress", "null");
   bmc.Install();
   uint8_t count = 9;

@@ -19,10 +19,11 @@ class LogCapture {
     std::string text;
   };
   LogCapture() {
-    Tessel::Service::SetLogSink([this](const Tessel::Service::Logger&, int level, const std::string& text) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      lines_.push_back({level, text});
-    });
+    Tessel::Service::SetLogSink(
+        [this](const Tessel::Service::Logger&, int level, const std::string& text) {
+          std::lock_guard<std::mutex> lock(mutex_);
+          lines_.push_back({level, text});
+        });
   }
   ~LogCapture() { Tessel::Service::SetLogSink(nullptr); }
   std::vector<Line> Lines() const {
@@ -75,7 +76,8 @@ class ScriptedBmc {
       std::lock_guard<std::mutex> lock(mutex_);
       auto it = replies_.find(std::to_string(r.method) + " " + r.target);
       if (it == replies_.end()) it = replies_.find(r.target);
-      if (it == replies_.end()) return fake_http::Json(404, R"({"error":{"code":"Base.1.0.ResourceMissingAtURI"}})");
+      if (it == replies_.end())
+        return fake_http::Json(404, R"({"error":{"code":"Base.1.0.ResourceMissingAtURI"}})");
       return it->second;
     });
   }
