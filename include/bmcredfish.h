@@ -40,29 +40,37 @@ typedef enum REDFISHCMD {
 } REDFISHCMD;
 
 /*
- * Result codes. Besides these, any HTTP status other than 200 that the BMC or
- * the proxy answered is returned as it is (for example 204, 404, 409, 503).
+ * Result codes: name, value, and the one text each has (the CLI prints it and
+ * the man page lists it). Besides these, any HTTP status other than 200 that
+ * the BMC or the proxy answered is returned as it is (for example 204, 404,
+ * 409, 503).
  */
+#define BMCREDFISH_RESULT_CODES(X)                                                                \
+  X(REDFISH_OK, 0, "success")                                                                     \
+  X(REDFISH_FEATURE_DISABLED, 1, "the host switch \"REDFISH\" is off; nothing was done")          \
+  X(REDFISH_UNKNOWN_VENDOR, 2, "the BMC's manufacturer is none of Dell, HPE, Lenovo")             \
+  X(REDFISH_ERR_TLS_VERIFY, 10001, "TLS verification of the server failed")                       \
+  X(REDFISH_ERR_INVALID_ARGUMENT, 10002,                                                          \
+    "the HTTP client refused the request (unsafe target, bad argument or method)")                \
+  X(REDFISH_ERR_TIMEOUT, 10003, "no answer within the time-out")                                  \
+  X(REDFISH_ERR_SYSTEM, 10004, "a system error reaching the local proxy (connection refused...)") \
+  X(REDFISH_ERR_TRANSPORT, 10005, "any other transport failure")                                  \
+  X(REDFISH_ERR_ROUTE_DOCUMENT, 20001, "a document lacks a required value (route, ActionInfo)")   \
+  X(REDFISH_ERR_BAD_JSON, 20002, "a response body is not well-formed JSON")                       \
+  X(REDFISH_ERR_NO_MEMBERS, 20003, "a collection response has no \"Members\" array")              \
+  X(REDFISH_ERR_UNEXPECTED_JSON, 20004, "a response body is not of the expected shape")           \
+  X(REDFISH_ERR_NO_BMC_ADDRESS, 30001, "no BMC IPv4 address in the SMBIOS host-interface record") \
+  X(REDFISH_ERR_NO_MEMBER, 40001, "no member at that index, or no BMC interface with that MAC")   \
+  X(REDFISH_ERR_MAC_MISMATCH, 40002, "the BMC's MAC address is not the one the caller named")     \
+  X(REDFISH_ERR_COMMAND_NOT_ALLOWED, 40003, "the system does not advertise that reset type")      \
+  X(REDFISH_ERR_CREDENTIALS_ENCODING, 40004, "the credentials are too long to encode")            \
+  X(REDFISH_ERR_UNAUTHORIZED, 40005, "the BMC refused the credentials (HTTP 401)")                \
+  X(REDFISH_ERR_NO_ACTION_NEEDED, 40006, "the vendor's answer to a reset that needed no action")
+
 enum {
-  REDFISH_OK = 0,                       /* success */
-  REDFISH_FEATURE_DISABLED = 1,         /* the host switch "REDFISH" is off; nothing was done */
-  REDFISH_UNKNOWN_VENDOR = 2,           /* the BMC's manufacturer is none of Dell, HPE, Lenovo */
-  REDFISH_ERR_TLS_VERIFY = 10001,       /* TLS verification of the server failed */
-  REDFISH_ERR_INVALID_ARGUMENT = 10002, /* the HTTP client rejected an argument, or bad method */
-  REDFISH_ERR_TIMEOUT = 10003,          /* no answer within the time-out */
-  REDFISH_ERR_SYSTEM = 10004,           /* a system error (connection refused, ...) */
-  REDFISH_ERR_TRANSPORT = 10005,        /* any other transport failure */
-  REDFISH_ERR_ROUTE_DOCUMENT = 20001,   /* a document lacks a required value (route, ActionInfo) */
-  REDFISH_ERR_BAD_JSON = 20002,         /* a response body is not well-formed JSON */
-  REDFISH_ERR_NO_MEMBERS = 20003,       /* a collection response has no "Members" array */
-  REDFISH_ERR_UNEXPECTED_JSON = 20004,  /* a response body is not of the expected shape */
-  REDFISH_ERR_NO_BMC_ADDRESS = 30001,   /* no BMC IPv4 address in the SMBIOS record */
-  REDFISH_ERR_NO_MEMBER = 40001,        /* no member at that index / no NIC with that MAC */
-  REDFISH_ERR_MAC_MISMATCH = 40002,     /* the BMC's MAC is not the one the caller named */
-  REDFISH_ERR_COMMAND_NOT_ALLOWED = 40003,  /* the system does not advertise that reset type */
-  REDFISH_ERR_CREDENTIALS_ENCODING = 40004, /* the credentials are too long to encode */
-  REDFISH_ERR_UNAUTHORIZED = 40005,         /* the BMC refused the credentials (HTTP 401) */
-  REDFISH_ERR_NO_ACTION_NEEDED = 40006 /* the vendor's answer to a reset that needed no action */
+#define BMCREDFISH_RESULT_ENUM_(name, value, text) name = value,
+  BMCREDFISH_RESULT_CODES(BMCREDFISH_RESULT_ENUM_)
+#undef BMCREDFISH_RESULT_ENUM_
 };
 
 /*
