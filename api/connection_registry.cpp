@@ -18,12 +18,14 @@ namespace {
 constexpr char kLocalHostKey[] = "localhost";
 constexpr int kLoggerLevel = 6;
 
+using Connections = std::unordered_map<std::string, std::shared_ptr<BmcRedfishConnection>>;
+
 std::mutex gLoggerMutex;
 Tessel::Ref<Service::Logger> gRedfishLogger;
 std::atomic<Service::Logger*> gLoggerPtr{nullptr};
 
 std::mutex gConnectionsMutex;
-std::unordered_map<std::string, BmcRedfishConnection*> gConnections;
+Connections gConnections;
 
 std::string HostKey(const char* host) { return host ? std::string(host) : kLocalHostKey; }
 
@@ -31,15 +33,30 @@ std::string HostKey(const char* host) { return host ? std::string(host) : kLocal
 
 Service::Logger* LibraryLogger() { return gLoggerPtr.load(std::memory_order_acquire); }
 
+int Initialize() {
+  FeatureState_Init();
+  const uint8_t* enabled = GetFeatureState_Slow("REDFISH");
+  if (enabled == nullptr || *enabled == 0) return RedfishStatusFeatureDisabled;
+  if (gLoggerPtr.load(std::memory_order_acquire) != nullptr) return RedfishStatusOk;
+  // Created once: connections keep a plain pointer to it.
+  std::lock_guard<std::mutex> lock(gLoggerMutex);
+  if (!gRedfishLogger) {
+    gRedfishLogger = Service::CreateLogger("Redfish");
+    gRedfishLogger->SetLevel(kLoggerLevel);
+    gLoggerPtr.store(gRedfishLogger.Get(), std::memory_order_release);
+  }
+  return RedfishStatusOk;
+}
+
 int GetOrCreateConnection(const char* user, const char* password, const char* host,
-                          BmcRedfishConnection** connection) {
+                          std::shared_ptr<BmcRedfishConnection>& connection) {
   std::lock_guard<std::mutex> lock(gConnectionsMutex);
   Service::Logger* logger = LibraryLogger();
   const std::string key = HostKey(host);
   auto found = gConnections.find(key);
   if (found != gConnections.end()) {
     Service::LogInternal(logger, 5, "Using EXISTING Redfish Connection for '%1'", key);
-    *connection = found->second;
+    connection = found->second;
     return RedfishStatusOk;
   }
   Service::LogInternal(logger, 5, "Creating new Redfish Connection for '%1'", key);
@@ -48,10 +65,10 @@ int GetOrCreateConnection(const char* user, const char* password, const char* ho
   const std::string userText(user);
   const std::string passwordText(password);
   try {
-    auto* created = new BmcRedfishConnection(connectionHost, userText, passwordText,
-                                             Tessel::Ref<Service::Logger>(logger));
+    auto created = std::make_shared<BmcRedfishConnection>(connectionHost, userText, passwordText,
+                                                          Tessel::Ref<Service::Logger>(logger));
     gConnections[key] = created;
-    *connection = created;
+    connection = std::move(created);
     return RedfishStatusOk;
   } catch (int code) {
     // Only int failures are reported here; the credential failure, thrown as a
@@ -62,48 +79,41 @@ int GetOrCreateConnection(const char* user, const char* password, const char* ho
   }
 }
 
-}  // namespace redfish
-
-using redfish::BmcRedfishConnection;
-using redfish::gConnections;
-using redfish::gConnectionsMutex;
-using redfish::gLoggerMutex;
-using redfish::gLoggerPtr;
-using redfish::gRedfishLogger;
-
-extern "C" BMCREDFISH_API int Redfish_Initialize(void) {
-  FeatureState_Init();
-  const uint8_t* enabled = GetFeatureState_Slow("REDFISH");
-  if (enabled == nullptr || *enabled == 0) return redfish::RedfishStatusFeatureDisabled;
-  if (gLoggerPtr.load(std::memory_order_acquire) != nullptr) return redfish::RedfishStatusOk;
-  // Created once: connections keep a plain pointer to it.
-  std::lock_guard<std::mutex> lock(gLoggerMutex);
-  if (!gRedfishLogger) {
-    gRedfishLogger = Tessel::Service::CreateLogger("Redfish");
-    gRedfishLogger->SetLevel(redfish::kLoggerLevel);
-    gLoggerPtr.store(gRedfishLogger.Get(), std::memory_order_release);
+void CloseConnection(const char* host) {
+  std::shared_ptr<BmcRedfishConnection> dropped;
+  {
+    std::lock_guard<std::mutex> lock(gConnectionsMutex);
+    auto found = gConnections.find(HostKey(host));
+    if (found == gConnections.end()) return;
+    dropped = std::move(found->second);
+    gConnections.erase(found);
   }
-  return redfish::RedfishStatusOk;
+  // Destroyed here only if no call holds it, and outside the registry lock so
+  // that other hosts' first calls need not wait for it.
 }
 
-extern "C" BMCREDFISH_API void Redfish_CloseConnection(const char* host) {
-  std::lock_guard<std::mutex> lock(gConnectionsMutex);
-  auto found = gConnections.find(redfish::HostKey(host));
-  if (found == gConnections.end()) return;
-  delete found->second;
-  gConnections.erase(found);
-}
-
-extern "C" BMCREDFISH_API void cleanup(void) {
-  std::lock_guard<std::mutex> lock(gConnectionsMutex);
-  for (auto& entry : gConnections) delete entry.second;
-  gConnections.clear();
+void CleanupAll() {
+  Connections dropped;
+  {
+    std::lock_guard<std::mutex> lock(gConnectionsMutex);
+    dropped.swap(gConnections);
+  }
 }
 
 namespace {
-// Runs cleanup when the library is unloaded or the process exits. Defined
-// after the registry, so it is destroyed, and cleans up, before the registry.
+// Closes every connection when the library is unloaded or the process exits.
+// Defined after the registry, so it is destroyed, and cleans up, before it.
 struct Finaliser {
-  ~Finaliser() { cleanup(); }
+  ~Finaliser() { CleanupAll(); }
 } gFinaliser;
 }  // namespace
+
+}  // namespace redfish
+
+extern "C" BMCREDFISH_API int Redfish_Initialize(void) { return redfish::Initialize(); }
+
+extern "C" BMCREDFISH_API void Redfish_CloseConnection(const char* host) {
+  redfish::CloseConnection(host);
+}
+
+extern "C" BMCREDFISH_API void cleanup(void) { redfish::CleanupAll(); }

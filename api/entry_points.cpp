@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "api/connection_registry.h"
@@ -13,10 +14,11 @@ namespace Service = Tessel::Service;
 
 namespace {
 
-// The prologue of every query: the switch, then the host's connection.
+// The prologue of every query: the switch, then the host's connection. The
+// caller's reference keeps the connection alive while it is used.
 int Connect(const char* user, const char* password, const char* host,
-            BmcRedfishConnection** connection) {
-  int result = Redfish_Initialize();
+            std::shared_ptr<BmcRedfishConnection>& connection) {
+  int result = redfish::Initialize();
   if (result != 0) return result;
   return GetOrCreateConnection(user, password, host, connection);
 }
@@ -26,8 +28,8 @@ int Connect(const char* user, const char* password, const char* host,
 extern "C" BMCREDFISH_API int Redfish_GetSensorsInfo(const char* user, const char* password,
                                                      const char* host, unsigned int timeoutMs,
                                                      char* buffer, unsigned int* length) {
-  BmcRedfishConnection* connection = nullptr;
-  int result = Connect(user, password, host, &connection);
+  std::shared_ptr<BmcRedfishConnection> connection;
+  int result = Connect(user, password, host, connection);
   if (result != 0) return result;
 
   std::string info;
@@ -43,8 +45,8 @@ extern "C" BMCREDFISH_API int Redfish_GetSensorsInfo(const char* user, const cha
 extern "C" BMCREDFISH_API int Redfish_GetPowerState(const char* user, const char* password,
                                                     const char* host, unsigned int timeoutMs,
                                                     bool* isOn) {
-  BmcRedfishConnection* connection = nullptr;
-  int result = Connect(user, password, host, &connection);
+  std::shared_ptr<BmcRedfishConnection> connection;
+  int result = Connect(user, password, host, connection);
   if (result != 0) return result;
 
   std::string state;
@@ -55,12 +57,14 @@ extern "C" BMCREDFISH_API int Redfish_GetPowerState(const char* user, const char
   return 0;
 }
 
-extern "C" BMCREDFISH_API int Redfish_GetMacAddress(const char* user, const char* password,
-                                                    const char* host, const char* mac,
-                                                    unsigned int timeoutMs, char* buffer,
-                                                    unsigned int* length) {
-  BmcRedfishConnection* connection = nullptr;
-  int result = Connect(user, password, host, &connection);
+namespace {
+
+// Also the MAC guard of a power operation, which calls it directly, not
+// through the exported name a host could interpose.
+int GetMacAddress(const char* user, const char* password, const char* host, const char* mac,
+                  unsigned int timeoutMs, char* buffer, unsigned int* length) {
+  std::shared_ptr<BmcRedfishConnection> connection;
+  int result = Connect(user, password, host, connection);
   if (result != 0) return result;
   Service::Logger* logger = redfish::LibraryLogger();
   const milliseconds timeout(timeoutMs);
@@ -109,25 +113,34 @@ extern "C" BMCREDFISH_API int Redfish_GetMacAddress(const char* user, const char
   return 0;
 }
 
+}  // namespace
+
+extern "C" BMCREDFISH_API int Redfish_GetMacAddress(const char* user, const char* password,
+                                                    const char* host, const char* mac,
+                                                    unsigned int timeoutMs, char* buffer,
+                                                    unsigned int* length) {
+  return GetMacAddress(user, password, host, mac, timeoutMs, buffer, length);
+}
+
 extern "C" BMCREDFISH_API int Redfish_PowerOperation(const char* user, const char* password,
                                                      const char* host, const char* mac,
                                                      REDFISHCMD command, unsigned int timeoutMs) {
-  int result = Redfish_Initialize();
+  int result = redfish::Initialize();
   if (result != 0) return result;
   // No MAC, no power operation: the MAC is what proves this is the right machine.
   if (mac == nullptr || mac[0] == '\0') return redfish::RedfishStatusMacMismatch;
 
   char buffer[32] = {};
   unsigned int size = sizeof buffer;
-  result = Redfish_GetMacAddress(user, password, host, mac, timeoutMs, buffer, &size);
+  result = GetMacAddress(user, password, host, mac, timeoutMs, buffer, &size);
   if (result != 0) return result;
   if (std::strncmp(mac, buffer, size) != 0) {
     Service::LogInternal(redfish::LibraryLogger(), 3, "Invalid MAC address (%1). Expected (%2)",
                          mac, buffer);
     return redfish::RedfishStatusMacMismatch;
   }
-  BmcRedfishConnection* connection = nullptr;
-  result = GetOrCreateConnection(user, password, host, &connection);
+  std::shared_ptr<BmcRedfishConnection> connection;
+  result = GetOrCreateConnection(user, password, host, connection);
   if (result != 0) return result;
   return connection->PowerOperation(command, milliseconds(timeoutMs), 0);
 }

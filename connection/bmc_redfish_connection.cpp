@@ -7,7 +7,7 @@ namespace redfish {
 
 namespace Service = Tessel::Service;
 
-BmcHttpConnection* BmcRedfishConnection::_bmc_con = nullptr;
+PublishedPtr<BmcHttpConnection> BmcRedfishConnection::_bmc_con;
 
 namespace {
 constexpr size_t kCredentialBufferSize = 512;

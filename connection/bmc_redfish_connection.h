@@ -12,6 +12,7 @@
 #include "platform/tessel/logging.h"
 #include "resources/redfish_records.h"
 #include "transport/bmc_http_connection.h"
+#include "utils/lazy_ref.h"
 
 namespace redfish {
 
@@ -63,7 +64,8 @@ class BMCREDFISH_EXPORT BmcRedfishConnection {
   int GetChassisSensorInfo(std::string& sensorJson, std::chrono::milliseconds timeout,
                            uint8_t chassisIndex);
 
-  static BmcHttpConnection* _bmc_con;
+  // Written by every constructor while other connections read it.
+  static PublishedPtr<BmcHttpConnection> _bmc_con;
 
  private:
   int Level() const { return logger ? logger->GetLevel() : -1; }

@@ -47,26 +47,20 @@ BmcHttpConnection* BmcHttpConnection::GetInstance(Ref<Service::Logger> logger) {
 }
 
 Http::ConnectionSpec* BmcHttpConnection::GetConnectionSpec() {
-  if (auto* spec = specPtr_.load(std::memory_order_acquire)) return spec;
-  std::lock_guard<std::mutex> lock(gMutex);
-  if (!spec_) {
-    Http::CreateTCPConnectionSpec(kProxyHost, kProxyPort, false, {}, spec_);
-    specPtr_.store(spec_.Get(), std::memory_order_release);
-  }
-  return spec_.Get();
+  return spec_.GetOrCreate(gMutex, [] {
+    Ref<Http::ConnectionSpec> spec;
+    Http::CreateTCPConnectionSpec(kProxyHost, kProxyPort, false, {}, spec);
+    return spec;
+  });
 }
 
 Http::HttpConnectionPool* BmcHttpConnection::GetHttp2ConnectionPool() {
-  if (auto* pool = poolPtr_.load(std::memory_order_acquire)) return pool;
-  // gMutex is not recursive and GetConnectionSpec takes it: get the spec first.
+  // gMutex is not recursive and creating the ConnectionSpec takes it: get it first.
   Http::ConnectionSpec* spec = GetConnectionSpec();
-  std::lock_guard<std::mutex> lock(gMutex);
-  if (!pool_) {
+  return pool_.GetOrCreate(gMutex, [spec] {
     Ref<Http::Http2SvcConfig> config = Http::GetDefaultHttp2SvcCfg();
-    pool_ = Http::CreateHttp2ConnectionPool(spec, config.Get());
-    poolPtr_.store(pool_.Get(), std::memory_order_release);
-  }
-  return pool_.Get();
+    return Http::CreateHttp2ConnectionPool(spec, config.Get());
+  });
 }
 
 Http::HttpConnectionPool* BmcHttpConnection::GetConnectionPool() {

@@ -9,6 +9,7 @@
 #include "platform/tessel/http.h"
 #include "platform/tessel/logging.h"
 #include "platform/tessel/ref.h"
+#include "utils/lazy_ref.h"
 
 namespace redfish {
 
@@ -46,11 +47,8 @@ class BMCREDFISH_EXPORT BmcHttpConnection {
   static std::atomic<bool> _bmcJsonUpdated;
 
  private:
-  Tessel::Ref<Tessel::Http::ConnectionSpec> spec_;
-  Tessel::Ref<Tessel::Http::HttpConnectionPool> pool_;
-  // Lock-free mirrors of the two fields for the fast paths; written once.
-  std::atomic<Tessel::Http::ConnectionSpec*> specPtr_{nullptr};
-  std::atomic<Tessel::Http::HttpConnectionPool*> poolPtr_{nullptr};
+  LazyRef<Tessel::Http::ConnectionSpec> spec_;
+  LazyRef<Tessel::Http::HttpConnectionPool> pool_;
 };
 
 }  // namespace redfish

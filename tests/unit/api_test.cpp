@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <future>
 #include <thread>
 
 #include "bmcredfish.h"
@@ -168,4 +169,77 @@ TEST_F(Api, ManyThreadsOnOneHost) {
   auto requests = ScriptedBmc::Targets();
   EXPECT_EQ(std::count(requests.begin(), requests.end(), "/bmc/redfish/v1/Systems"), 1)
       << "discovered once";
+}
+
+TEST_F(Api, ClosingAHostDoesNotFreeTheConnectionOfACallInFlight) {
+  std::promise<void> closed;
+  std::shared_future<void> closedNow = closed.get_future().share();
+  std::promise<void> inFlight;
+  fake_http::Reply state = fake_http::Json(200, R"({"PowerState":"On"})");
+  fake_http::SetHandler([&](const fake_http::Request& r) {
+    if (r.target == "/bmc/redfish/v1/Systems/1/?$select=PowerState") {
+      inFlight.set_value();
+      closedNow.wait();
+      return state;
+    }
+    if (r.target == "/portico/config/json/bmcApi.json")
+      return fake_http::Json(r.method == Tessel::Http::Put ? 204 : 404, "");
+    if (r.target == "/bmc/redfish/v1/Systems")
+      return fake_http::Json(200, R"({"Members":[{"@odata.id":"/redfish/v1/Systems/1"}]})");
+    if (r.target == "/bmc/redfish/v1/Systems/1/?$select=Manufacturer")
+      return fake_http::Json(200, R"({"Manufacturer":"Dell Inc."})");
+    return fake_http::Json(
+        200,
+        R"({"Actions":{"#ComputerSystem.Reset":{"target":"/r","ResetType@Redfish.AllowableValues":["On"]}}})");
+  });
+
+  bool on = false;
+  std::future<int> call = std::async(
+      std::launch::async, [&] { return Redfish_GetPowerState("u", "p", nullptr, 100, &on); });
+  ASSERT_EQ(inFlight.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
+  Redfish_CloseConnection(nullptr);
+  cleanup();
+  closed.set_value();
+  EXPECT_EQ(call.get(), 0);
+  EXPECT_TRUE(on);
+}
+
+// Callers and closers race; under ASan or TSan a freed connection in use, a
+// double unlock or a data race fails the test even when every result is right.
+TEST_F(Api, CloseAndCleanupRaceWithCallsOnOneHost) {
+  std::atomic<int> failures{0};
+  std::atomic<int> closes{0};
+  std::atomic<int> callersLeft{16};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 16; ++t) {
+    threads.emplace_back([&] {
+      // Each caller keeps going until the closers have closed many times.
+      for (int i = 0; i < 5 || closes.load() < 200; ++i) {
+        bool on = false;
+        char buffer[64];
+        unsigned int length = sizeof buffer;
+        if (Redfish_GetPowerState("u", "p", nullptr, 100, &on) != 0 || !on) ++failures;
+        if (Redfish_GetMacAddress("u", "p", nullptr, kMac, 100, buffer, &length) != 0) ++failures;
+        length = sizeof buffer;
+        if (Redfish_GetSensorsInfo("u", "p", nullptr, 100, buffer, &length) != 0) ++failures;
+      }
+      --callersLeft;
+    });
+  }
+  for (int t = 0; t < 2; ++t) {
+    threads.emplace_back([&, t] {
+      while (callersLeft.load() > 0) {
+        if (t == 0) {
+          Redfish_CloseConnection(nullptr);
+        } else {
+          cleanup();
+        }
+        ++closes;
+        std::this_thread::yield();
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(failures, 0);
+  EXPECT_GE(closes.load(), 200);
 }
