@@ -24,7 +24,7 @@ test-asan: deps
 test-tsan: deps
 	cmake --preset tsan
 	cmake --build --preset tsan -j$(JOBS)
-	ctest --preset tsan -j$(JOBS) -L 'unit|http'
+	ctest --preset tsan -j$(JOBS) -L 'unit|http|concurrency'
 
 demo: build
 	scripts/demo $(PROFILE)
