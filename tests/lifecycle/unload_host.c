@@ -1,0 +1,82 @@
+/* A host service that loads, uses and unloads the library many times. It is
+ * linked -rdynamic and defines its own cleanup(): the library must never call
+ * it in place of its own. Prints the resident set size as the cycles go. */
+#include <dlfcn.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include "bmcredfish.h"
+
+static int host_cleanups = 0;
+
+void cleanup(void) { ++host_cleanups; }
+
+typedef void (*init_fn)(void);
+typedef uint8_t* (*state_fn)(const char*);
+typedef int (*power_fn)(const char*, const char*, const char*, unsigned int, bool*);
+typedef int (*mac_fn)(const char*, const char*, const char*, const char*, unsigned int, char*,
+                      unsigned int*);
+
+static long rss_kib(void) {
+  long pages = 0, resident = 0;
+  FILE* f = fopen("/proc/self/statm", "r");
+  if (f == NULL) return -1;
+  if (fscanf(f, "%ld %ld", &pages, &resident) != 2) resident = -1;
+  fclose(f);
+  return resident * (sysconf(_SC_PAGESIZE) / 1024);
+}
+
+/* One load, two calls that create and use a connection, one unload. */
+static int cycle(const char* path) {
+  void* lib = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+  if (lib == NULL) {
+    fprintf(stderr, "dlopen: %s\n", dlerror());
+    return 0;
+  }
+  init_fn feature_init = (init_fn)dlsym(lib, "FeatureState_Init");
+  state_fn feature_state = (state_fn)dlsym(lib, "GetFeatureState_Slow");
+  power_fn power_state = (power_fn)dlsym(lib, "Redfish_GetPowerState");
+  mac_fn mac_address = (mac_fn)dlsym(lib, "Redfish_GetMacAddress");
+  int ok = feature_init && feature_state && power_state && mac_address;
+  if (ok) {
+    feature_init();
+    *feature_state("REDFISH") = 1;
+    bool on = false;
+    char mac[32];
+    unsigned int length = sizeof mac;
+    int rc = power_state("admin", "secret", NULL, 5000, &on);
+    if (rc != 0) fprintf(stderr, "power state: %d\n", rc);
+    ok = rc == 0;
+    rc = mac_address("admin", "secret", NULL, NULL, 5000, mac, &length);
+    if (rc != 0) fprintf(stderr, "MAC address: %d\n", rc);
+    ok = ok && rc == 0;
+  }
+  if (dlclose(lib) != 0) return 0;
+  void* still = dlopen(path, RTLD_NOW | RTLD_NOLOAD);
+  if (still != NULL) {
+    fprintf(stderr, "the library stayed loaded\n");
+    dlclose(still);
+    return 0;
+  }
+  return ok;
+}
+
+int main(int argc, char** argv) {
+  if (argc != 3) {
+    fprintf(stderr, "usage: %s LIBRARY CYCLES\n", argv[0]);
+    return 2;
+  }
+  const int cycles = atoi(argv[2]);
+  int failed = 0;
+  for (int i = 1; i <= cycles; ++i) {
+    if (!cycle(argv[1])) ++failed;
+    if (i == 1 || i == 10 || i == 100 || i % 500 == 0 || i == cycles) {
+      printf("cycle %d: rss %ld KiB\n", i, rss_kib());
+      fflush(stdout);
+    }
+  }
+  printf("%d of %d cycles failed; host cleanup() called %d times\n", failed, cycles, host_cleanups);
+  return failed == 0 && host_cleanups == 0 ? 0 : 1;
+}
