@@ -21,12 +21,13 @@ BmcRedfishConnection::BmcRedfishConnection(const std::string& host, const std::s
   _bmc_con = BmcHttpConnection::GetInstance(logger);
   int result = _bmc_con->UpdateBmcApiJson(host);
   if (result != RedfishStatusOk) {
-    if (Level() >= 3) Service::LogInternal(this->logger, 3, "Failed to update bmcApi.json.");
+    if (LogsAt(this->logger, 3))
+      Service::LogInternal(this->logger, 3, "Failed to update bmcApi.json.");
     throw result;
   }
   baseUrl = GetHttpUrl();
   if (!EncodeUserPass(user, password)) {
-    if (Level() >= 3) {
+    if (LogsAt(this->logger, 3)) {
       Service::LogInternal(this->logger, 3, "Failed to encode username and password.");
     }
     // Thrown as the status type, not int: the registry lets it reach the caller.
@@ -34,7 +35,8 @@ BmcRedfishConnection::BmcRedfishConnection(const std::string& host, const std::s
   }
   result = CreateSession();
   if (result != RedfishStatusOk) {
-    if (Level() >= 3) Service::LogInternal(this->logger, 3, "Failed to create a redfish session.");
+    if (LogsAt(this->logger, 3))
+      Service::LogInternal(this->logger, 3, "Failed to create a redfish session.");
     throw result;
   }
 }
@@ -47,14 +49,15 @@ bool BmcRedfishConnection::EncodeUserPass(const std::string& user, const std::st
   size_t outLength = 0;
   bool encoded = Base64_Encode(text.data(), text.size(), buffer, kCredentialBufferSize, &outLength);
   if (outLength > kCredentialBufferSize - 1) {
-    if (Level() >= 3) {
+    if (LogsAt(logger, 3)) {
       Service::LogInternal(logger, 3,
                            "Insufficient buffer size to capture encoded username and password");
     }
     return false;
   }
   if (!encoded) {
-    if (Level() >= 3) Service::LogInternal(logger, 3, "Failed to encode username and password");
+    if (LogsAt(logger, 3))
+      Service::LogInternal(logger, 3, "Failed to encode username and password");
     return false;
   }
   _jwt = buffer;

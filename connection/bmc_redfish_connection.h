@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -13,6 +14,7 @@
 #include "resources/redfish_records.h"
 #include "transport/bmc_http_connection.h"
 #include "utils/lazy_ref.h"
+#include "utils/log_level.h"
 
 namespace redfish {
 
@@ -68,7 +70,10 @@ class BMCREDFISH_EXPORT BmcRedfishConnection {
   static PublishedPtr<BmcHttpConnection> _bmc_con;
 
  private:
-  int Level() const { return logger ? logger->GetLevel() : -1; }
+  // One discovery walk of a collection under populateMutex, unless populated
+  // is already set; sets it when the walk succeeds. See resources/inventory.cpp.
+  int PopulateOnce(bool& populated, const char* path, std::chrono::milliseconds timeout,
+                   const std::function<int(const std::string& id)>& visit);
   // Discovers the systems, then checks that the index names one of them.
   int PopulatedSystem(std::chrono::milliseconds timeout, uint8_t systemIndex);
 

@@ -32,7 +32,7 @@ void SetAuthentication(Http::ClientRequest& request, const std::optional<std::st
 std::string ReadOnce(Http::ClientResponse& response, Service::Logger* logger, int32_t& count) {
   std::vector<char> buffer(kSingleReadSize, '\0');
   count = response.ReadBody(buffer.data(), kSingleReadSize);
-  if (logger && logger->GetLevel() >= 5) {
+  if (LogsAt(logger, 5)) {
     Service::LogInternal(logger, 5, "[ClientResponse::Read] Read %1 bytes", count);
   }
   std::string text(buffer.data(), strnlen(buffer.data(), kSingleReadSize));
@@ -47,7 +47,7 @@ int BmcRedfishConnection::MakeHttpRequestGet(const std::string& url, std::string
   std::lock_guard<std::mutex> lock(requestMutex);
   Ref<Http::ClientRequest> request;
   Http::CreateHttpRequest(Http::Get, url, request);
-  if (Level() >= 5) {
+  if (LogsAt(logger, 5)) {
     Service::LogInternal(logger, 5, "SESSION_TOKEN: %1 _jwt: %2",
                          sessionToken ? *sessionToken : std::string("no value"), _jwt);
   }
@@ -61,7 +61,8 @@ int BmcRedfishConnection::MakeHttpRequestGet(const std::string& url, std::string
   uint64_t size = kDefaultGetBufferSize;
   if (auto length = answer->GetHeader("Content-Length")) {
     const std::string text(*length);
-    if (Level() >= 5) Service::LogInternal(logger, 5, "[ClientResponse::Content-Length] %1", text);
+    if (LogsAt(logger, 5))
+      Service::LogInternal(logger, 5, "[ClientResponse::Content-Length] %1", text);
     size = std::stoull(text);  // junk raises std::invalid_argument / std::out_of_range
   }
   // The platform has already held the whole body within its own size limit,
@@ -73,7 +74,7 @@ int BmcRedfishConnection::MakeHttpRequestGet(const std::string& url, std::string
     if (n < 0) break;
     response.append(buffer.data(), static_cast<size_t>(n));
   }
-  if (Level() >= 5) {
+  if (LogsAt(logger, 5)) {
     Service::LogInternal(logger, 5, "[ClientResponse::Read] Read %1 bytes%2",
                          static_cast<int32_t>(response.size()),
                          result == RedfishStatusOk ? std::string() : "\n'" + response + "'");
@@ -96,7 +97,7 @@ int BmcRedfishConnection::MakeHttpRequestPost(const std::string& url, const std:
   int result = _bmc_con->SendRequestToProxy(url, request, answer, Http::Post, timeout);
   if (result == Http::ResponseCode::ServiceUnavailable) {
     if (answer) {
-      if (auto retryAfter = answer->GetHeader("Retry-After"); retryAfter && Level() >= 5) {
+      if (auto retryAfter = answer->GetHeader("Retry-After"); retryAfter && LogsAt(logger, 5)) {
         Service::LogInternal(logger, 5, "[ClientResponse::Retry-After] %1", *retryAfter);
       }
     }
@@ -107,7 +108,7 @@ int BmcRedfishConnection::MakeHttpRequestPost(const std::string& url, const std:
   int32_t count = 0;
   response = ReadOnce(*answer, logger, count);
   if (result == Http::ResponseCode::Created) {
-    if (auto location = answer->GetHeader("Location"); location && Level() >= 5) {
+    if (auto location = answer->GetHeader("Location"); location && LogsAt(logger, 5)) {
       Service::LogInternal(logger, 5, "[ClientResponse::LOCATION] %1", *location);
     }
     result = RedfishStatusOk;

@@ -1,5 +1,7 @@
 #include <rapidjson/document.h>
 
+#include <functional>
+
 #include "connection/bmc_redfish_connection.h"
 #include "platform/tessel/http.h"
 #include "utils/bmc_redfish_utils.h"
@@ -13,115 +15,109 @@ namespace {
 constexpr char kSystemsPath[] = "/redfish/v1/Systems";
 constexpr char kManagersPath[] = "/redfish/v1/Managers";
 constexpr char kChassisPath[] = "/redfish/v1/Chassis";
-}  // namespace
 
-// Discovery never clears what an earlier, failed walk appended: a retry walks
-// the whole collection again and the indices see both copies.
+using MemberVisit = std::function<int(const std::string& id)>;
 
-int BmcRedfishConnection::PopulateSystems(std::chrono::milliseconds timeout) {
-  std::lock_guard<std::mutex> lock(populateMutex);
-  if (systemsPopulated) return RedfishStatusOk;
-
+// GETs a collection and hands each member's "@odata.id" to visit, in order.
+// Stops at the first failure, visit's included.
+int WalkCollection(BmcRedfishConnection& connection, Service::Logger* logger,
+                   const std::string& uri, std::chrono::milliseconds timeout,
+                   const MemberVisit& visit) {
   std::string body;
-  int result = MakeHttpRequestGet(baseUrl + kSystemsPath, body, timeout);
+  int result = connection.MakeHttpRequestGet(uri, body, timeout);
   if (result != RedfishStatusOk) return result;
   rapidjson::Document collection;
   result = BmcRedfishUtils::VerifyJson(logger, body, collection, true);
   if (result != RedfishStatusOk) return result;
-
   for (const rapidjson::Value& entry : collection["Members"].GetArray()) {
-    RedfishSystem system;
-    if (!entry.IsObject() || !JsonString(entry, "@odata.id", system.uri)) {
+    std::string id;
+    if (!entry.IsObject() || !JsonString(entry, "@odata.id", id)) {
       return RedfishStatusUnexpectedJson;
     }
-    system.powerStateUri = baseUrl + system.uri + "/?$select=PowerState";
-    system.manufacturerUri = baseUrl + system.uri + "/?$select=Manufacturer";
-    result = ParseManufacturer(system, timeout);
+    result = visit(id);
     if (result != RedfishStatusOk) return result;
-
-    const std::string actionsUri = baseUrl + system.uri + "/?$select=Actions";
-    if (Level() >= 5) Service::LogInternal(logger, 5, "Embedded: %1", actionsUri);
-    std::string actions;
-    result = MakeHttpRequestGet(actionsUri, actions, timeout);
-    if (result != RedfishStatusOk) return result;
-    system.resetUri = baseUrl;
-    result = ParseRedfishPowerActions(actions, system, system.oem);
-    if (result != RedfishStatusOk) return result;
-    systems.push_back(system);
   }
-  systemsPopulated = true;
   return RedfishStatusOk;
+}
+
+}  // namespace
+
+// Threading: the vectors systems, managers and chassis are appended to only
+// here, under populateMutex, while their flag is false; the flag is set under
+// the same lock when a walk succeeds, and the vector never changes again. A
+// caller whose Populate returned 0 may therefore read the records without any
+// lock. Discovery never clears what an earlier, failed walk appended: a retry
+// walks the whole collection again and the indices see both copies.
+
+int BmcRedfishConnection::PopulateOnce(bool& populated, const char* path,
+                                       std::chrono::milliseconds timeout,
+                                       const MemberVisit& visit) {
+  std::lock_guard<std::mutex> lock(populateMutex);
+  if (populated) return RedfishStatusOk;
+  const int result = WalkCollection(*this, logger, baseUrl + path, timeout, visit);
+  populated = result == RedfishStatusOk;
+  return result;
+}
+
+int BmcRedfishConnection::PopulateSystems(std::chrono::milliseconds timeout) {
+  return PopulateOnce(systemsPopulated, kSystemsPath, timeout, [&](const std::string& id) -> int {
+    RedfishSystem system;
+    system.uri = id;
+    system.powerStateUri = baseUrl + id + "/?$select=PowerState";
+    system.manufacturerUri = baseUrl + id + "/?$select=Manufacturer";
+    int status = ParseManufacturer(system, timeout);
+    if (status != RedfishStatusOk) return status;
+
+    const std::string actionsUri = baseUrl + id + "/?$select=Actions";
+    if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "Embedded: %1", actionsUri);
+    std::string actions;
+    status = MakeHttpRequestGet(actionsUri, actions, timeout);
+    if (status != RedfishStatusOk) return status;
+    system.resetUri = baseUrl;
+    status = ParseRedfishPowerActions(actions, system, system.oem);
+    if (status != RedfishStatusOk) return status;
+    systems.push_back(system);
+    return RedfishStatusOk;
+  });
 }
 
 int BmcRedfishConnection::PopulateManagers(std::chrono::milliseconds timeout) {
-  std::lock_guard<std::mutex> lock(populateMutex);
-  if (managersPopulated) return RedfishStatusOk;
-
-  std::string body;
-  int result = MakeHttpRequestGet(baseUrl + kManagersPath, body, timeout);
-  if (result != RedfishStatusOk) return result;
-  rapidjson::Document collection;
-  result = BmcRedfishUtils::VerifyJson(logger, body, collection, true);
-  if (result != RedfishStatusOk) return result;
-
-  for (const rapidjson::Value& entry : collection["Members"].GetArray()) {
+  return PopulateOnce(managersPopulated, kManagersPath, timeout, [&](const std::string& id) -> int {
     RedfishManager manager;
-    if (!entry.IsObject() || !JsonString(entry, "@odata.id", manager.uri)) {
-      return RedfishStatusUnexpectedJson;
-    }
-    if (Level() >= 5) Service::LogInternal(logger, 5, "Manager: %1", manager.uri);
-    const std::string nicsUri = baseUrl + manager.uri + "/EthernetInterfaces";
-    if (Level() >= 5) Service::LogInternal(logger, 5, "EthernetInterfaces: %1", nicsUri);
-
-    std::string nicsBody;
-    result = MakeHttpRequestGet(nicsUri, nicsBody, timeout);
-    if (result != RedfishStatusOk) return result;
-    rapidjson::Document nics;
-    result = BmcRedfishUtils::VerifyJson(logger, nicsBody, nics, true);
-    if (result != RedfishStatusOk) return result;
-    for (const rapidjson::Value& nic : nics["Members"].GetArray()) {
-      std::string id;
-      if (!nic.IsObject() || !JsonString(nic, "@odata.id", id)) return RedfishStatusUnexpectedJson;
-      manager.nicMacUris.push_back(baseUrl + id + "/?$select=MACAddress");
-      if (Level() >= 5) Service::LogInternal(logger, 5, "NIC: %1", id);
-    }
+    manager.uri = id;
+    if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "Manager: %1", id);
+    const std::string nicsUri = baseUrl + id + "/EthernetInterfaces";
+    if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "EthernetInterfaces: %1", nicsUri);
+    const int status =
+        WalkCollection(*this, logger, nicsUri, timeout, [&](const std::string& nic) -> int {
+          manager.nicMacUris.push_back(baseUrl + nic + "/?$select=MACAddress");
+          if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "NIC: %1", nic);
+          return RedfishStatusOk;
+        });
+    if (status != RedfishStatusOk) return status;
     managers.push_back(manager);
-  }
-  managersPopulated = true;
-  return RedfishStatusOk;
+    return RedfishStatusOk;
+  });
 }
 
 int BmcRedfishConnection::PopulateChassis(std::chrono::milliseconds timeout) {
-  std::lock_guard<std::mutex> lock(populateMutex);
-  if (chassisPopulated) return RedfishStatusOk;
-
-  std::string body;
-  int result = MakeHttpRequestGet(baseUrl + kChassisPath, body, timeout);
-  if (result != RedfishStatusOk) return result;
-  rapidjson::Document collection;
-  result = BmcRedfishUtils::VerifyJson(logger, body, collection, true);
-  if (result != RedfishStatusOk) return result;
-
-  for (const rapidjson::Value& entry : collection["Members"].GetArray()) {
+  return PopulateOnce(chassisPopulated, kChassisPath, timeout, [&](const std::string& id) -> int {
     RedfishChassis record;
-    if (!entry.IsObject() || !JsonString(entry, "@odata.id", record.uri)) {
-      return RedfishStatusUnexpectedJson;
-    }
-    if (Level() >= 5) Service::LogInternal(logger, 5, "Chassis: %1", record.uri);
-    const std::string sensorsUri = baseUrl + record.uri + "/Sensors";
-    if (Level() >= 5) Service::LogInternal(logger, 5, "Sensors: %1", sensorsUri);
+    record.uri = id;
+    if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "Chassis: %1", id);
+    const std::string sensorsUri = baseUrl + id + "/Sensors";
+    if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "Sensors: %1", sensorsUri);
 
-    // Only probes that the collection exists, so that reading it later is one
-    // expanded request.
+    // Only probes that the collection exists, so that reading it later is
+    // one expanded request.
     std::string probe;
-    result = MakeHttpRequestGet(sensorsUri, probe, timeout);
-    if (result == Tessel::Http::ResponseCode::NotFound) continue;
-    if (result != RedfishStatusOk) return result;
+    const int status = MakeHttpRequestGet(sensorsUri, probe, timeout);
+    if (status == Tessel::Http::ResponseCode::NotFound) return RedfishStatusOk;
+    if (status != RedfishStatusOk) return status;
     record.sensorsUri = sensorsUri + "?$expand=.($levels=1)";
     chassis.push_back(record);
-  }
-  chassisPopulated = true;
-  return RedfishStatusOk;
+    return RedfishStatusOk;
+  });
 }
 
 }  // namespace redfish

@@ -11,11 +11,9 @@ namespace Service = Tessel::Service;
 int BmcRedfishConnection::GetManagerEthernetNicCount(uint8_t managerIndex, uint8_t& nicCount,
                                                      std::chrono::milliseconds timeout) {
   int result = PopulateManagers(timeout);
+  if (result == RedfishStatusOk)
+    result = CheckIndex(logger, "Manager", managerIndex, managers.size());
   if (result != RedfishStatusOk) return result;
-  if (managerIndex >= managers.size()) {
-    if (Level() >= 3) Service::LogInternal(logger, 3, "Unsupported Manager Index %1", managerIndex);
-    return RedfishStatusNoMember;
-  }
   // An 8-bit count: only the first 256 interfaces are addressable anyway.
   nicCount = static_cast<uint8_t>(managers[managerIndex].nicMacUris.size());
   return RedfishStatusOk;
@@ -24,19 +22,13 @@ int BmcRedfishConnection::GetManagerEthernetNicCount(uint8_t managerIndex, uint8
 int BmcRedfishConnection::GetManagerEthernetMac(std::string& mac, std::chrono::milliseconds timeout,
                                                 uint8_t managerIndex, uint8_t nicIndex) {
   int result = PopulateManagers(timeout);
+  if (result == RedfishStatusOk)
+    result = CheckIndex(logger, "Manager", managerIndex, managers.size());
   if (result != RedfishStatusOk) return result;
-  if (managerIndex >= managers.size()) {
-    if (Level() >= 3) Service::LogInternal(logger, 3, "Unsupported Manager Index %1", managerIndex);
-    return RedfishStatusNoMember;
-  }
-  if (nicIndex >= managers[managerIndex].nicMacUris.size()) {
-    if (Level() >= 3) {
-      Service::LogInternal(logger, 3, "Unsupported Ethernet NIC Index %1", nicIndex);
-    }
-    return RedfishStatusNoMember;
-  }
+  result = CheckIndex(logger, "Ethernet NIC", nicIndex, managers[managerIndex].nicMacUris.size());
+  if (result != RedfishStatusOk) return result;
   const std::string uri = managers[managerIndex].nicMacUris[nicIndex];
-  if (Level() >= 5) Service::LogInternal(logger, 5, "MAC_URI: %1", uri);
+  if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "MAC_URI: %1", uri);
 
   std::string body;
   result = MakeHttpRequestGet(uri, body, timeout);

@@ -52,7 +52,7 @@ int BmcRedfishConnection::ParseRedfishPowerActions(const std::string& json, Redf
     return RedfishStatusUnexpectedJson;
   }
   system.resetUri += target;
-  if (Level() >= 5) Service::LogInternal(logger, 5, "Target: %1", system.resetUri);
+  if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "Target: %1", system.resetUri);
 
   rapidjson::Document actionInfoDocument;
   const rapidjson::Value* allowable = nullptr;
@@ -64,11 +64,11 @@ int BmcRedfishConnection::ParseRedfishPowerActions(const std::string& json, Redf
       break;
     case RedfishOemLenovo: {
       const std::string actionInfoUri = baseUrl + actionInfo;
-      if (Level() >= 5) Service::LogInternal(logger, 5, "actionInfoUri: %1", actionInfoUri);
+      if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "actionInfoUri: %1", actionInfoUri);
       std::string body;
       result = MakeHttpRequestGet(actionInfoUri, body, kPowerRequestTimeout);
       if (result != RedfishStatusOk) return result;
-      if (Level() >= 5) Service::LogInternal(logger, 5, "actionInfoJson: %1", body);
+      if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "actionInfoJson: %1", body);
       result = BmcRedfishUtils::VerifyJson(logger, body, actionInfoDocument, false);
       if (result != RedfishStatusOk) return result;
       if (!actionInfoDocument.IsObject()) return RedfishStatusUnexpectedJson;
@@ -84,7 +84,7 @@ int BmcRedfishConnection::ParseRedfishPowerActions(const std::string& json, Redf
   for (const rapidjson::Value& value : allowable->GetArray()) {
     if (!value.IsString()) return RedfishStatusUnexpectedJson;
     const std::string directive(value.GetString(), value.GetStringLength());
-    if (Level() >= 5) Service::LogInternal(logger, 5, "Power Directive: %1", directive);
+    if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "Power Directive: %1", directive);
     for (int i = 0; i < kResetTypeCount; ++i) {
       if (directive == kResetTypes[i]) {
         system.powerActions[directive] = static_cast<REDFISHCMD>(i);
@@ -98,11 +98,7 @@ int BmcRedfishConnection::ParseRedfishPowerActions(const std::string& json, Redf
 int BmcRedfishConnection::PopulatedSystem(milliseconds timeout, uint8_t systemIndex) {
   int result = PopulateSystems(timeout);
   if (result != RedfishStatusOk) return result;
-  if (systemIndex >= systems.size()) {
-    if (Level() >= 3) Service::LogInternal(logger, 3, "Unsupported System Index %1", systemIndex);
-    return RedfishStatusNoMember;
-  }
-  return RedfishStatusOk;
+  return CheckIndex(logger, "System", systemIndex, systems.size());
 }
 
 int BmcRedfishConnection::GetSystemPowerState(std::string& powerState, milliseconds timeout,
@@ -110,7 +106,7 @@ int BmcRedfishConnection::GetSystemPowerState(std::string& powerState, milliseco
   int result = PopulatedSystem(timeout, systemIndex);
   if (result != RedfishStatusOk) return result;
   const std::string uri = systems[systemIndex].powerStateUri;
-  if (Level() >= 5) Service::LogInternal(logger, 5, "PowerState URI: %1", uri);
+  if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "PowerState URI: %1", uri);
 
   std::string body;
   result = MakeHttpRequestGet(uri, body, timeout);
@@ -130,7 +126,8 @@ int BmcRedfishConnection::PowerOperation(REDFISHCMD command, milliseconds timeou
                                          uint8_t systemIndex) {
   int result = PopulatedSystem(timeout, systemIndex);
   if (result != RedfishStatusOk) return result;
-  // Work on a copy so that the request is built and sent without any lock.
+  // Discovered records never change (see resources/inventory.cpp), so this copy
+  // is read without the populate mutex; the POST below takes the request mutex.
   const RedfishSystem system = systems[systemIndex];
 
   const std::string* resetType = nullptr;
@@ -143,17 +140,18 @@ int BmcRedfishConnection::PowerOperation(REDFISHCMD command, milliseconds timeou
   if (resetType == nullptr) return RedfishStatusCommandNotAllowed;
 
   const std::string body = "{\n      \"ResetType\" : \"" + *resetType + "\"\n   }";
-  if (Level() >= 5) Service::LogInternal(logger, 5, "Power Command JSON: %1", body);
-  if (Level() >= 5) Service::LogInternal(logger, 5, "Power Command URI: %1", system.resetUri);
+  if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "Power Command JSON: %1", body);
+  if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "Power Command URI: %1", system.resetUri);
 
   std::string response;
   result = MakeHttpRequestPost(system.resetUri, body, response, false, kPowerRequestTimeout);
   if (result == RedfishStatusOk) return RedfishStatusOk;
-  if (IsNoActionStatus(systems[systemIndex].oem, result)) return RedfishStatusNoActionNeeded;
+  if (IsNoActionStatus(system.oem, result)) return RedfishStatusNoActionNeeded;
 
   rapidjson::Document document;
   if (BmcRedfishUtils::VerifyJson(logger, response, document, true) != RedfishStatusOk) {
-    if (Level() >= 5) Service::LogInternal(logger, 5, "Failed power command, JSON: %1", response);
+    if (LogsAt(logger, 5))
+      Service::LogInternal(logger, 5, "Failed power command, JSON: %1", response);
   }
   return result;
 }

@@ -6,15 +6,9 @@
 #include <vector>
 
 #include "bmcredfish.h"
+#include "utils/redfish_oem.h"
 
 namespace redfish {
-
-// The BMC vendors whose behaviour the library knows.
-enum RedfishOem : uint8_t {
-  RedfishOemDell = 0,
-  RedfishOemHPE = 1,
-  RedfishOemLenovo = 2,
-};
 
 // Inventory records of a connection. URIs built by discovery are full request
 // targets (base URL included); "@odata.id" values are kept as the BMC gave them.

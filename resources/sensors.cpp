@@ -12,18 +12,16 @@ int BmcRedfishConnection::GetChassisSensorInfo(std::string& sensorJson,
                                                std::chrono::milliseconds timeout,
                                                uint8_t chassisIndex) {
   int result = PopulateChassis(timeout);
+  if (result == RedfishStatusOk)
+    result = CheckIndex(logger, "Chassis", chassisIndex, chassis.size());
   if (result != RedfishStatusOk) return result;
-  if (chassisIndex >= chassis.size()) {
-    if (Level() >= 3) Service::LogInternal(logger, 3, "Unsupported Chassis Index %1", chassisIndex);
-    return RedfishStatusNoMember;
-  }
   const std::string uri = chassis[chassisIndex].sensorsUri;
-  if (Level() >= 5) Service::LogInternal(logger, 5, "SENSOR_URI: %1", uri);
+  if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "SENSOR_URI: %1", uri);
 
   std::string body;
   result = MakeHttpRequestGet(uri, body, timeout);
   if (result != RedfishStatusOk) return result;
-  if (Level() >= 5) Service::LogInternal(logger, 5, "SENSOR_URI JSON: %1", body);
+  if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "SENSOR_URI JSON: %1", body);
   // Parsed only to confirm it is an object; the caller gets the text as sent.
   rapidjson::Document document;
   ParseJson(document, body);

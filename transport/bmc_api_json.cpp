@@ -75,8 +75,6 @@ const std::string kBmcApiJsonTemplate = R"({
       }
    })";
 
-int Level() { return BmcHttpConnection::_logger ? BmcHttpConnection::_logger->GetLevel() : -1; }
-
 }  // namespace
 
 int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
@@ -100,7 +98,7 @@ int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
     agent->SendRequest(request.Get(), response);
     const Http::ClientResponse::Status status = response->GetStatus();
     if (status.code == Http::ResponseCode::Ok) {
-      if (Level() >= 5) {
+      if (LogsAt(_logger.Get(), 5)) {
         Service::LogInternal(_logger, 5, "GET of %1 was successful (%2)", kBmcApiJsonPath,
                              status.reason);
       }
@@ -108,12 +106,14 @@ int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
       int32_t n = response->ReadBody(buffer.data(), kMaxDocumentBytes);
       if (n > 0) document.assign(buffer.data(), static_cast<size_t>(n));
     } else {
-      if (Level() >= 3) Service::LogInternal(_logger, 3, "GET request failed: %1", status.reason);
+      if (LogsAt(_logger.Get(), 3))
+        Service::LogInternal(_logger, 3, "GET request failed: %1", status.reason);
       if (status.code != Http::ResponseCode::NotFound) return status.code;
       document = kBmcApiJsonTemplate;
     }
   } catch (const Tessel::Exception& e) {
-    if (Level() >= 3) Service::LogInternal(_logger, 3, "GET request error: %1", e.what());
+    if (LogsAt(_logger.Get(), 3))
+      Service::LogInternal(_logger, 3, "GET request error: %1", e.what());
     return RedfishStatusSystemError;
   }
 
@@ -126,11 +126,11 @@ int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
   // A value that is not a string is treated as a mismatch and overwritten.
   const std::string current =
       value->IsString() ? std::string(value->GetString(), value->GetStringLength()) : std::string();
-  if (Level() >= 5) {
+  if (LogsAt(_logger.Get(), 5)) {
     Service::LogInternal(_logger, 5, "[UpdateBmcApiJson::UpdatedJson] address: %1", current);
   }
   if (value->IsString() && current == address) {
-    if (Level() >= 5) {
+    if (LogsAt(_logger.Get(), 5)) {
       Service::LogInternal(_logger, 5,
                            "[UpdateBmcApiJson::UpdatedJson] address matches ZIRN redfishInfo");
     }
@@ -156,15 +156,17 @@ int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
     agent->SendRequest(request.Get(), response);
     const Http::ClientResponse::Status status = response->GetStatus();
     if (status.code != Http::ResponseCode::NoContent) {
-      if (Level() >= 3) Service::LogInternal(_logger, 3, "PUT request failed: %1", status.reason);
+      if (LogsAt(_logger.Get(), 3))
+        Service::LogInternal(_logger, 3, "PUT request failed: %1", status.reason);
       return status.code;
     }
-    if (Level() >= 5) {
+    if (LogsAt(_logger.Get(), 5)) {
       Service::LogInternal(_logger, 5, "POST of %1 was successful (%2)", kBmcApiJsonPath,
                            status.reason);
     }
   } catch (const Tessel::Exception& e) {
-    if (Level() >= 3) Service::LogInternal(_logger, 3, "PUT request error: %1", e.what());
+    if (LogsAt(_logger.Get(), 3))
+      Service::LogInternal(_logger, 3, "PUT request error: %1", e.what());
     return RedfishStatusSystemError;
   }
   _bmcJsonUpdated.store(true);

@@ -20,10 +20,6 @@ constexpr int kProxyPort = 80;
 constexpr int64_t kDefaultTimeoutMs = 4000;
 constexpr int kEtimedout = 110;
 
-int LoggerLevel() {
-  return BmcHttpConnection::_logger ? BmcHttpConnection::_logger->GetLevel() : -1;
-}
-
 const char* MethodName(Http::HttpMethod method) {
   if (method == Http::Get) return "GET";
   if (method == Http::Post) return "POST";
@@ -64,7 +60,7 @@ Http::HttpConnectionPool* BmcHttpConnection::GetHttp2ConnectionPool() {
 }
 
 Http::HttpConnectionPool* BmcHttpConnection::GetConnectionPool() {
-  if (LoggerLevel() >= 5) {
+  if (LogsAt(_logger.Get(), 5)) {
     Service::LogInternal(_logger, 5, "Creating SideCar HTTP2 ConnectionPool");
   }
   return GetHttp2ConnectionPool();
@@ -99,7 +95,7 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
       agent->WaitForResponse(handle.Get(), timeoutMs * 1000, response);
       break;
     } catch (const Tessel::Ssl::SSLVerifyException& e) {
-      if (LoggerLevel() >= 3) {
+      if (LogsAt(_logger.Get(), 3)) {
         Service::LogInternal(_logger, 3,
                              "%1: Failed SSL verification of server with hostname '%2': %3",
                              methodName, target, e.what());
@@ -107,13 +103,13 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
       return RedfishStatusSslVerify;
     } catch (const Tessel::InvalidArgumentException& e) {
       // Deliberately the time-out wording; only the code tells them apart.
-      if (LoggerLevel() >= 3) {
+      if (LogsAt(_logger.Get(), 3)) {
         Service::LogInternal(_logger, 3, "%1: Response from %2 timed out after %3 milliseconds: %4",
                              methodName, target, timeoutMs, e.what());
       }
       return RedfishStatusInvalidArgument;
     } catch (const Tessel::TimeoutException& e) {
-      if (LoggerLevel() >= 3) {
+      if (LogsAt(_logger.Get(), 3)) {
         Service::LogInternal(_logger, 3, "%1: Response from %2 timed out after %3 milliseconds: %4",
                              methodName, target, timeoutMs, e.what());
       }
@@ -123,7 +119,7 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
       // platform never reports 110 once a byte of the request may have left.
       const int64_t timeLeft = deadline - Tessel::System::GetMonotonicTime();
       if (e.GetError() == kEtimedout && timeLeft > 0) {
-        if (LoggerLevel() >= 5) {
+        if (LogsAt(_logger.Get(), 5)) {
           Service::LogInternal(_logger, 5, "%1: Retrying connection to %2. Time left: %3",
                                methodName, target, timeLeft);
         }
@@ -131,7 +127,7 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
       }
       return RedfishStatusSystemError;
     } catch (const Tessel::Exception& e) {
-      if (LoggerLevel() >= 3) {
+      if (LogsAt(_logger.Get(), 3)) {
         Service::LogInternal(_logger, 3, "%1: AsyncSendRequest to %2 failed : %3", methodName,
                              target, e.what());
       }
@@ -144,7 +140,7 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
     case Http::Post:
     case Http::Delete:
       if (status.code != Http::ResponseCode::Ok) {
-        if (LoggerLevel() >= 3) {
+        if (LogsAt(_logger.Get(), 3)) {
           Service::LogInternal(_logger, 3,
                                method == Http::Post ? "POST: Error getting from %1: %2 (%3)"
                                                     : "DELETE: Error getting from %1: %2 (%3)",
@@ -157,11 +153,11 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
       if (status.code != Http::ResponseCode::Ok) {
         if (status.code == Http::ResponseCode::Found) {
           auto location = response->GetHeader("Location");
-          if (location && LoggerLevel() >= 5) {
+          if (location && LogsAt(_logger.Get(), 5)) {
             Service::LogInternal(_logger, 5, "[ClientResponse::LOCATION] %1", *location);
           }
         }
-        if (LoggerLevel() >= 3) {
+        if (LogsAt(_logger.Get(), 3)) {
           Service::LogInternal(_logger, 3, "GET: Error getting from %1: %2 (%3)", url, status.code,
                                status.reason);
         }
@@ -169,11 +165,11 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
       }
       break;
     default:
-      if (LoggerLevel() >= 3) Service::LogInternal(_logger, 3, "Invalid HTTP method request");
+      if (LogsAt(_logger.Get(), 3)) Service::LogInternal(_logger, 3, "Invalid HTTP method request");
       return RedfishStatusInvalidArgument;
   }
 
-  if (LoggerLevel() >= 5) {
+  if (LogsAt(_logger.Get(), 5)) {
     Service::LogInternal(_logger, 5, "Successfully called portico config file %1 from %2",
                          methodName, url);
   }

@@ -14,13 +14,11 @@ constexpr int kRecordSize = 30;
 }  // namespace
 
 int BmcHttpConnection::BmcIpFromSmbios(std::string& ip) {
-  const int level = _logger ? _logger->GetLevel() : -1;
-
   char kernelBuildDate[kSigBufferSize] = {};
   const char* myBuildDate = nullptr;
   if (ZIRN_CheckSig(kernelBuildDate, kSigBufferSize, &myBuildDate) != 0) {
     kernelBuildDate[kSigBufferSize - 1] = '\0';
-    if (level >= 3) {
+    if (LogsAt(_logger.Get(), 3)) {
       Tessel::Service::LogInternal(
           _logger, 3,
           "MD5 signature mismatch with running nucleus built on %1 (my build date: %2)\n",
@@ -32,7 +30,7 @@ int BmcHttpConnection::BmcIpFromSmbios(std::string& ip) {
   uint8_t record[kRecordSize] = {};
   const int status = ZIRN_Get(ZIRN_NODE_hardware_bios_redfishInfo, nullptr, record, kRecordSize);
   if (status != 0) {
-    if (level >= 3) {
+    if (LogsAt(_logger.Get(), 3)) {
       Tessel::Service::LogInternal(_logger, 3, "Failed to get rfInfo zirn node: %1",
                                    NUC_ReturnStatusToString(status));
     }
@@ -41,7 +39,7 @@ int BmcHttpConnection::BmcIpFromSmbios(std::string& ip) {
 
   int32_t discoveryType = 0;
   std::memcpy(&discoveryType, record, sizeof discoveryType);
-  if (level >= 5) {
+  if (LogsAt(_logger.Get(), 5)) {
     Tessel::Service::LogInternal(_logger, 5, "IP Discovery type : %1", discoveryType);
   }
   if (record[4] == 0) return RedfishStatusNoBmcAddress;  // no IPv4 address; IPv6 is not used
@@ -49,7 +47,7 @@ int BmcHttpConnection::BmcIpFromSmbios(std::string& ip) {
   char text[32] = {};
   std::snprintf(text, sizeof text, "%u.%u.%u.%u", record[5], record[6], record[7], record[8]);
   ip = text;
-  if (level >= 5) Tessel::Service::LogInternal(_logger, 5, "BMC IP4 addr: %1", ip);
+  if (LogsAt(_logger.Get(), 5)) Tessel::Service::LogInternal(_logger, 5, "BMC IP4 addr: %1", ip);
   return RedfishStatusOk;
 }
 

@@ -8,6 +8,7 @@
 #include <utility>
 #include <vector>
 
+#include "utils/log_level.h"
 #include "utils/redfish_status.h"
 
 namespace redfish {
@@ -84,13 +85,18 @@ void ParseJson(rapidjson::Document& document, const std::string& text) {
   document.Parse<rapidjson::kParseIterativeFlag>(text.c_str());
 }
 
+int CheckIndex(Service::Logger* logger, const char* kind, size_t index, size_t size) {
+  if (index < size) return RedfishStatusOk;
+  if (LogsAt(logger, 3)) Service::LogInternal(logger, 3, "Unsupported %1 Index %2", kind, index);
+  return RedfishStatusNoMember;
+}
+
 int BmcRedfishUtils::VerifyJson(Service::Logger* logger, const std::string& json,
                                 rapidjson::Document& document, bool requireMembers) {
-  const int level = logger ? logger->GetLevel() : -1;
   ParseJson(document, json);
   if (document.HasParseError()) {
-    if (level >= 3) Service::LogInternal(logger, 3, "Bad JSON: '%1'", json);
-    if (level >= 5) {
+    if (LogsAt(logger, 3)) Service::LogInternal(logger, 3, "Bad JSON: '%1'", json);
+    if (LogsAt(logger, 5)) {
       Service::LogInternal(logger, 5, "ParseError: %1 Error Offset: %2",
                            static_cast<int>(document.GetParseError()),
                            static_cast<uint64_t>(document.GetErrorOffset()));
@@ -116,7 +122,7 @@ int BmcRedfishUtils::VerifyJson(Service::Logger* logger, const std::string& json
         if (Member(element, "Message") != nullptr) report += ASPrintInternal(" Detail: %1", detail);
       }
     }
-    if (level >= 3) Service::LogInternal(logger, 3, "%1", report);
+    if (LogsAt(logger, 3)) Service::LogInternal(logger, 3, "%1", report);
   }
 
   if (!requireMembers) return RedfishStatusOk;
@@ -125,7 +131,7 @@ int BmcRedfishUtils::VerifyJson(Service::Logger* logger, const std::string& json
 
   // The writer recurses; a pathologically deep body is logged as received.
   const std::string compact = NestingDepth(document) <= kMaxWriteDepth ? Compact(document) : json;
-  if (level >= 3) {
+  if (LogsAt(logger, 3)) {
     Service::LogInternal(logger, 3, "Couldn't find \"Members[]\" in the JSON object: %1", compact);
   }
   return RedfishStatusNoMembers;
@@ -135,7 +141,7 @@ int BmcRedfishUtils::StringToRedfishOem(Service::Logger* logger, const std::stri
                                         RedfishOem& oem) {
   for (const auto& [name, value] : kVendorNames) {
     if (manufacturer.compare(0, name.size(), name) == 0) {
-      if (logger != nullptr && logger->GetLevel() >= 5) {
+      if (LogsAt(logger, 5)) {
         Service::LogInternal(logger, 5, "OEM: %1", manufacturer);
       }
       oem = value;

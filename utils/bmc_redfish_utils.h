@@ -6,7 +6,7 @@
 
 #include "platform/export.h"
 #include "platform/tessel/logging.h"
-#include "resources/redfish_records.h"
+#include "utils/redfish_oem.h"
 
 namespace redfish {
 
@@ -19,6 +19,10 @@ const rapidjson::Value* JsonMember(const rapidjson::Value& value, const char* na
 
 // The string member of that name; false when absent or not a string.
 bool JsonString(const rapidjson::Value& value, const char* name, std::string& out);
+
+// 0 when index is below size; otherwise logs "Unsupported <kind> Index <index>"
+// at level 3 and returns 40001.
+int CheckIndex(Tessel::Service::Logger* logger, const char* kind, size_t index, size_t size);
 
 // Parsing and checking of Redfish response bodies. Stateless.
 class BMCREDFISH_EXPORT BmcRedfishUtils {
