@@ -16,7 +16,7 @@ constexpr char kBaseUrl[] = "/bmc";
 
 BmcRedfishConnection::BmcRedfishConnection(const std::string& host, const std::string& user,
                                            const std::string& password,
-                                           Tessel::Ref<Service::Logger> logger)
+                                           const Tessel::Ref<Service::Logger>& logger)
     : host(host), user(user), password(password), logger(logger.Get()) {
   _bmc_con = BmcHttpConnection::GetInstance(logger);
   int result = _bmc_con->UpdateBmcApiJson(host);

@@ -29,7 +29,8 @@ class BMCREDFISH_EXPORT BmcRedfishConnection {
   // Throws the failing result as an int, or RedfishStatusCredentialsEncoding
   // as a RedfishStatus when the credentials cannot be encoded.
   BmcRedfishConnection(const std::string& host, const std::string& user,
-                       const std::string& password, Tessel::Ref<Tessel::Service::Logger> logger);
+                       const std::string& password,
+                       const Tessel::Ref<Tessel::Service::Logger>& logger);
   ~BmcRedfishConnection();
   BmcRedfishConnection(const BmcRedfishConnection&) = delete;
   BmcRedfishConnection& operator=(const BmcRedfishConnection&) = delete;

@@ -30,7 +30,7 @@ const char* MethodName(Http::HttpMethod method) {
 
 BmcHttpConnection::BmcHttpConnection() = default;
 
-BmcHttpConnection* BmcHttpConnection::GetInstance(Ref<Service::Logger> logger) {
+BmcHttpConnection* BmcHttpConnection::GetInstance(const Ref<Service::Logger>& logger) {
   BmcHttpConnection* existing = instance.load(std::memory_order_acquire);
   if (existing != nullptr) return existing;
   std::lock_guard<std::mutex> lock(gMutex);

@@ -21,7 +21,7 @@ class BMCREDFISH_EXPORT BmcHttpConnection {
  public:
   BmcHttpConnection();
 
-  static BmcHttpConnection* GetInstance(Tessel::Ref<Tessel::Service::Logger> logger);
+  static BmcHttpConnection* GetInstance(const Tessel::Ref<Tessel::Service::Logger>& logger);
 
   Tessel::Http::ConnectionSpec* GetConnectionSpec();
   Tessel::Http::HttpConnectionPool* GetHttp2ConnectionPool();

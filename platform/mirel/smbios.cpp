@@ -134,7 +134,7 @@ bool ReadCapped(const char* path, size_t limit, std::vector<uint8_t>* out) {
   if (fd < 0) return false;
   bool ok = true;
   while (out->size() < limit) {
-    const size_t want = std::min<size_t>(limit - out->size(), 64 * 1024);
+    const size_t want = std::min<size_t>(limit - out->size(), size_t{64} * 1024);
     const size_t at = out->size();
     out->resize(at + want);
     const ssize_t n = ::read(fd, out->data() + at, want);

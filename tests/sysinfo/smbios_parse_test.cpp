@@ -47,7 +47,8 @@ const std::vector<Variant> kVariants = {
     {"ipv4_pci_dhcp_vlan",
      "--ipv4 127.1.2.3 --port 8443 --vlan 4094 --discovery dhcp --device pci-v2 --hostname mc",
      NUC_OK, "2 127.1.2.3 8443 4094 mc"},
-    {"ipv6_only", "--ipv6-only fd00:42::1 --discovery auto", NUC_OK, "3 fd00:42::1 443 0 bmc.local"},
+    {"ipv6_only", "--ipv6-only fd00:42::1 --discovery auto", NUC_OK,
+     "3 fd00:42::1 443 0 bmc.local"},
     {"kcs_before_network", "--kcs-first --device usb-v2", NUC_OK},
     {"empty_hostname", "--hostname '' --discovery host", NUC_OK, "4 127.0.42.1 443 0 -"},
     {"extra_record_first", "--corrupt extra-record", NUC_OK},
@@ -134,7 +135,8 @@ TEST(SmbiosEntryPoint, AnnouncesTheTableLengthOnlyWhenWellFormed) {
       ASSERT_EQ(status, 0);
       const auto ep = sysinfo_test::ReadFile(dir.Path("smbios_entry_point"));
       const size_t table = sysinfo_test::ReadFile(dir.Path("DMI")).size();
-      EXPECT_EQ(SMBIOS_TableLengthFromEntryPoint(ep.data(), ep.size()), corrupt.empty() ? table : 0);
+      EXPECT_EQ(SMBIOS_TableLengthFromEntryPoint(ep.data(), ep.size()),
+                corrupt.empty() ? table : 0);
       for (size_t n = 0; n < ep.size(); ++n) {  // a cut entry point is refused, not overread
         const std::vector<uint8_t> cut(ep.begin(), ep.begin() + static_cast<long>(n));
         EXPECT_EQ(SMBIOS_TableLengthFromEntryPoint(cut.data(), n), 0u) << n;
@@ -205,7 +207,8 @@ std::map<std::string, std::string> Render(const SMBIOS_RedfishOverIp& r) {
   return f;
 }
 
-void ExpectAgreement(const std::vector<uint8_t>& table, size_t n, const std::vector<uint8_t>& dump) {
+void ExpectAgreement(const std::vector<uint8_t>& table, size_t n,
+                     const std::vector<uint8_t>& dump) {
   SMBIOS_RedfishOverIp r{};
   const int status = Parse(table, n, &r);
   const auto theirs = DmidecodeRecord(dump);

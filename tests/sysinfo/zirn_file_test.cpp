@@ -17,15 +17,14 @@ class SmbiosRead : public ::testing::Test {
  protected:
   std::vector<uint8_t> Generate(const std::string& args) {
     int status = -1;
-    sysinfo_test::Shell(std::string(sysinfo_test::kGenerator) + " --out-sysfs " + dir_.path +
-                            " " + args,
-                        &status);
+    sysinfo_test::Shell(
+        std::string(sysinfo_test::kGenerator) + " --out-sysfs " + dir_.path + " " + args, &status);
     EXPECT_EQ(status, 0);
     return ReadFile(table_);
   }
   int Read(bool withEntryPoint = true) {
-    return SMBIOS_ReadRedfishOverIp(withEntryPoint ? entryPoint_.c_str() : nullptr,
-                                    table_.c_str(), &record_, nullptr);
+    return SMBIOS_ReadRedfishOverIp(withEntryPoint ? entryPoint_.c_str() : nullptr, table_.c_str(),
+                                    &record_, nullptr);
   }
   // Rewrites the table length an "_SM3_" entry point announces, checksum included.
   void Announce(uint32_t length, uint8_t checksumError = 0) {

@@ -21,9 +21,9 @@ class ZirnLive : public ::testing::Test {
   // Installs a table, then reads the node into a larger buffer full of junk.
   int Get(const std::string& args) {
     int status = -1;
-    sysinfo_test::Shell(std::string(sysinfo_test::kGenerator) +
-                            " --out-sysfs /sys/firmware/dmi/tables " + args,
-                        &status);
+    sysinfo_test::Shell(
+        std::string(sysinfo_test::kGenerator) + " --out-sysfs /sys/firmware/dmi/tables " + args,
+        &status);
     EXPECT_EQ(status, 0) << args;
     std::memset(buffer_, 0xA5, sizeof buffer_);
     return ZIRN_Get(ZIRN_NODE_hardware_bios_redfishInfo, nullptr, buffer_, sizeof buffer_);
@@ -64,7 +64,8 @@ TEST_F(ZirnLive, ReportsMissingAndBrokenTablesWithAZeroedBuffer) {
   EXPECT_EQ(Get("--no-redfish"), NUC_ERR_NO_ENTRY);
   EXPECT_EQ(Buffer(), std::vector<uint8_t>(sizeof buffer_, 0));
   EXPECT_EQ(Dmidecode().find("Redfish"), std::string::npos);
-  for (const char* args : {"--corrupt struct-past-end", "--corrupt short-record", "--truncate 100"}) {
+  for (const char* args :
+       {"--corrupt struct-past-end", "--corrupt short-record", "--truncate 100"}) {
     EXPECT_EQ(Get(args), NUC_ERR_CORRUPT_TABLE) << args;
   }
   ASSERT_EQ(std::remove("/sys/firmware/dmi/tables/DMI"), 0);
