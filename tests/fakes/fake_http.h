@@ -16,7 +16,7 @@ struct Request {
   std::string target;
   std::vector<Tessel::Http::Header> headers;
   std::string body;
-  std::string endpoint;  // the spec's text form
+  std::string endpoint;  // the ConnectionSpec's text form
   bool synchronous = false;
   int64_t waitLimitUs = 0;
 

@@ -125,6 +125,19 @@ std::vector<std::string> Paths(const std::vector<Logged>& log) {
   return out;
 }
 
+// One round of the three queries on the local host; returns how many failed.
+int QueryRound() {
+  bool on = false;
+  char mac[32];
+  unsigned int length = sizeof mac;
+  int failures = Lib().powerState(User(), Password(), nullptr, 5000, &on) != 0 || !on;
+  failures +=
+      Lib().macAddress(User(), Password(), nullptr, P().mac.c_str(), 5000, mac, &length) != 0;
+  length = 0;
+  const int rc = Lib().sensors(User(), Password(), nullptr, 5000, nullptr, &length);
+  return failures + (rc != (P().hasSensors ? 0 : 40001));
+}
+
 int Posts() {
   int n = 0;
   for (const auto& l : ReadLog(Env("EMULATOR_LOG"))) n += l.method == "POST";
@@ -300,15 +313,7 @@ TEST_F(EndToEnd, SixteenThreadsOnOneHost) {
   for (int t = 0; t < 16; ++t) {
     threads.emplace_back([&] {
       for (int i = 0; i < 5; ++i) {
-        bool on = false;
-        char mac[32];
-        unsigned int length = sizeof mac;
-        if (Lib().powerState(User(), Password(), nullptr, 5000, &on) != 0 || !on) ++failures;
-        if (Lib().macAddress(User(), Password(), nullptr, P().mac.c_str(), 5000, mac, &length) != 0)
-          ++failures;
-        length = 0;
-        int rc = Lib().sensors(User(), Password(), nullptr, 5000, nullptr, &length);
-        if (rc != (P().hasSensors ? 0 : 40001)) ++failures;
+        failures += QueryRound();
         if (Lib().power(User(), Password(), nullptr, "00:00:00:00:00:00", REDFISHCMD_ON, 5000) !=
             40001)
           ++failures;
@@ -347,17 +352,7 @@ TEST_F(EndToEnd, CloseAndCleanupRaceWithCallsOnOneHost) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 16; ++t) {
     threads.emplace_back([&] {
-      for (int i = 0; i < 3 || closes.load() < 100; ++i) {
-        bool on = false;
-        char mac[32];
-        unsigned int length = sizeof mac;
-        if (Lib().powerState(User(), Password(), nullptr, 5000, &on) != 0 || !on) ++failures;
-        if (Lib().macAddress(User(), Password(), nullptr, P().mac.c_str(), 5000, mac, &length) != 0)
-          ++failures;
-        length = 0;
-        int rc = Lib().sensors(User(), Password(), nullptr, 5000, nullptr, &length);
-        if (rc != (P().hasSensors ? 0 : 40001)) ++failures;
-      }
+      for (int i = 0; i < 3 || closes.load() < 100; ++i) failures += QueryRound();
       --callersLeft;
     });
   }

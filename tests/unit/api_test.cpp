@@ -44,6 +44,16 @@ struct Api : testing::Test {
     bmc.Install();
   }
   ~Api() override { cleanup(); }
+  // One round of the three queries on the local host; returns how many failed.
+  static int QueryRound() {
+    bool on = false;
+    char buffer[64];
+    unsigned int length = sizeof buffer;
+    int failures = Redfish_GetPowerState("u", "p", nullptr, 100, &on) != 0 || !on;
+    failures += Redfish_GetMacAddress("u", "p", nullptr, kMac, 100, buffer, &length) != 0;
+    length = sizeof buffer;
+    return failures + (Redfish_GetSensorsInfo("u", "p", nullptr, 100, buffer, &length) != 0);
+  }
   static int Posts() {
     int n = 0;
     for (const auto& r : fake_http::Requests()) n += r.method == Tessel::Http::Post;
@@ -153,15 +163,7 @@ TEST_F(Api, ManyThreadsOnOneHost) {
   std::atomic<int> failures{0};
   for (int t = 0; t < 16; ++t) {
     threads.emplace_back([&] {
-      for (int i = 0; i < 10; ++i) {
-        bool on = false;
-        char buffer[64];
-        unsigned int length = sizeof buffer;
-        if (Redfish_GetPowerState("u", "p", nullptr, 100, &on) != 0 || !on) ++failures;
-        if (Redfish_GetMacAddress("u", "p", nullptr, kMac, 100, buffer, &length) != 0) ++failures;
-        length = sizeof buffer;
-        if (Redfish_GetSensorsInfo("u", "p", nullptr, 100, buffer, &length) != 0) ++failures;
-      }
+      for (int i = 0; i < 10; ++i) failures += QueryRound();
     });
   }
   for (auto& t : threads) t.join();
@@ -214,15 +216,7 @@ TEST_F(Api, CloseAndCleanupRaceWithCallsOnOneHost) {
   for (int t = 0; t < 16; ++t) {
     threads.emplace_back([&] {
       // Each caller keeps going until the closers have closed many times.
-      for (int i = 0; i < 5 || closes.load() < 200; ++i) {
-        bool on = false;
-        char buffer[64];
-        unsigned int length = sizeof buffer;
-        if (Redfish_GetPowerState("u", "p", nullptr, 100, &on) != 0 || !on) ++failures;
-        if (Redfish_GetMacAddress("u", "p", nullptr, kMac, 100, buffer, &length) != 0) ++failures;
-        length = sizeof buffer;
-        if (Redfish_GetSensorsInfo("u", "p", nullptr, 100, buffer, &length) != 0) ++failures;
-      }
+      for (int i = 0; i < 5 || closes.load() < 200; ++i) failures += QueryRound();
       --callersLeft;
     });
   }

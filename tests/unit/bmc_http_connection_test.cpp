@@ -60,8 +60,6 @@ TEST_F(Transport, EveryRequestGetsAFreshAgentOnOnePoolToTheProxy) {
   EXPECT_NE(a->GetCookieStore(), b->GetCookieStore());
   EXPECT_EQ(a->GetConnectionPool(), b->GetConnectionPool());
   EXPECT_EQ(a->GetConnectionSpec()->ToString(), "http://localhost:80");
-  EXPECT_FALSE(a->GetConnectionSpec()->IsTls());
-  EXPECT_FALSE(a->GetConnectionSpec()->GetSocketCallback());
   EXPECT_EQ(fake_http::PoolsCreated(), 1);
   auto lines = log.Texts();
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "Creating SideCar HTTP2 ConnectionPool"), 2);
