@@ -37,8 +37,9 @@ BmcHttpConnection* BmcHttpConnection::GetInstance(const Ref<Service::Logger>& lo
   existing = instance.load(std::memory_order_acquire);
   if (existing != nullptr) return existing;
   auto* created = new BmcHttpConnection();
-  instance.store(created, std::memory_order_release);
+  // Set before publishing: the fast path above reads _logger without gMutex.
   if (logger) _logger = logger;
+  instance.store(created, std::memory_order_release);
   return created;
 }
 
