@@ -164,6 +164,10 @@ std::string ExplainFailure(int code, const std::string& log, const std::string& 
       why = "the BMC refused the credentials";
       check = "--user (or $BMC_USER) and the password ($BMC_PASSWORD or --password-file)";
       break;
+    case REDFISH_ERR_COMMAND_NOT_ALLOWED:
+      why = "the BMC does not list that reset type among the system's allowed values";
+      check = "the system's ResetType@Redfish.AllowableValues (or its ResetActionInfo)";
+      break;
     case REDFISH_UNKNOWN_VENDOR:
       why = "the BMC's manufacturer is not one the library knows how to reset";
       break;

@@ -32,7 +32,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-enum class Target { On, Off, Toggle };
+enum class Target { On, Off, Toggle, Same };
 
 struct Action {
   REDFISHCMD command;
@@ -48,7 +48,7 @@ const std::map<std::string, Action> kActions = {
     {"graceful-restart", {REDFISHCMD_GRACEFUL_RESTART, Target::On}},
     {"power-cycle", {REDFISHCMD_POWER_CYCLE, Target::On}},
     {"push-power-button", {REDFISHCMD_PUSH_POWER_BUTTON, Target::Toggle}},
-    {"nmi", {REDFISHCMD_NMI, Target::On}},
+    {"nmi", {REDFISHCMD_NMI, Target::Same}},
 };
 
 const char kUsage[] =
@@ -415,12 +415,13 @@ int PowerCommand(Session& s) {
   int rc = ResolveMac(s, s.Opt().mac, bmcMac);
   if (rc != 0) return s.Fail(rc);
 
+  // A power button toggles the state; an NMI leaves it as it is.
   bool wantOn = action.target != Target::Off;
-  if (s.Opt().wait && action.target == Target::Toggle) {
+  if (s.Opt().wait && (action.target == Target::Toggle || action.target == Target::Same)) {
     bool on = false;
     rc = Redfish_GetPowerState(s.User(), s.Password(), s.Host(), s.RequestMs(), &on);
     if (rc != 0) return s.Fail(rc);
-    wantOn = !on;
+    wantOn = action.target == Target::Toggle ? !on : on;
   }
   rc = Redfish_PowerOperation(s.User(), s.Password(), s.Host(), bmcMac.c_str(), action.command,
                               s.RequestMs());
