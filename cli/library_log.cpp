@@ -28,7 +28,14 @@ LibraryLog::LibraryLog(const std::string& copyPath, bool verbose) : verbose_(ver
     unlink(pattern);
     if (err_ != stderr) dup2(capture_, STDERR_FILENO);
   }
-  if (!copyPath.empty()) copy_ = std::fopen(copyPath.c_str(), "a");
+  if (!copyPath.empty()) {
+    // The library's traces hold the Base64 credentials: the file is the user's alone.
+    int fd = open(copyPath.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (fd >= 0) {
+      copy_ = fdopen(fd, "a");
+      if (!copy_) close(fd);
+    }
+  }
 }
 
 LibraryLog::~LibraryLog() {
