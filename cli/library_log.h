@@ -14,6 +14,8 @@ class LibraryLog {
   LibraryLog(const LibraryLog&) = delete;
   LibraryLog& operator=(const LibraryLog&) = delete;
 
+  // False when --log FILE was asked for and cannot be written.
+  bool CopyOpen() const { return copy_ != nullptr; }
   // The real standard error, for redfishctl's own messages.
   FILE* Err() const { return err_; }
   // Log text written since the last call; it is copied as configured first.

@@ -489,6 +489,10 @@ int main(int argc, char** argv) {
   FeatureState_Init();
   *GetFeatureState_Slow("REDFISH") = 1;  // this program is the hosting process
   LibraryLog log(o.log, o.verbose);
+  if (!o.log.empty() && !log.CopyOpen()) {
+    std::fprintf(log.Err(), "redfishctl: cannot write the log to %s\n", o.log.c_str());
+    return 2;
+  }
   Session session(o, log);
   Watchdog watchdog(session.Deadline(), log.Err(), o.timeout + (o.wait ? o.waitSeconds : 0));
   if (o.command == "power-state") return PowerStateCommand(session);
