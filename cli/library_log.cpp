@@ -201,7 +201,10 @@ std::string ExplainFailure(int code, const std::string& log, const std::string& 
           }
         } else if (haveBody) {
           why = "answered by " + WhoAnswered(body);
-          if (code == 502 || code == 504) check = "the proxy cannot reach the BMC: is it up?";
+          if (code == 502 || code == 504)
+            check = "the proxy cannot reach the BMC" + (host.empty() ? "" : " at " + host) +
+                    ": is it up, and does the route document name it? (curl "
+                    "http://localhost:549/portico/config/json/bmcApi.json)";
         } else if (code == 502 || code == 504) {
           why = "answered by the proxy: it cannot reach the BMC";
         }
