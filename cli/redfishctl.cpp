@@ -451,16 +451,18 @@ int PowerCommand(Session& s) {
 // middle of a library call.
 class Watchdog {
  public:
-  Watchdog(Clock::time_point deadline, FILE* err, double seconds)
-      : thread_([this, deadline, err, seconds] {
+  Watchdog(Clock::time_point deadline, FILE* err, double seconds, bool json)
+      : thread_([this, deadline, err, seconds, json] {
           std::unique_lock<std::mutex> lock(mutex_);
           if (cv_.wait_until(lock, deadline, [this] { return done_; })) return;
-          std::fprintf(err,
-                       "redfishctl: timed out: the command's deadline of %gs passed "
-                       "(raise --timeout)\n",
-                       seconds);
-          std::fflush(err);
-          std::fflush(stdout);
+          // Straight to the descriptor: the main thread may hold a stdio lock.
+          dprintf(fileno(err),
+                  "redfishctl: timed out: the command's deadline of %gs passed "
+                  "(raise --timeout)\n",
+                  seconds);
+          if (json)
+            dprintf(STDOUT_FILENO, "{\"result\":%d,\"meaning\":\"deadline passed\"}\n",
+                    REDFISH_ERR_TIMEOUT);
           _exit(1);
         }) {}
   ~Watchdog() {
@@ -494,7 +496,8 @@ int main(int argc, char** argv) {
     return 2;
   }
   Session session(o, log);
-  Watchdog watchdog(session.Deadline(), log.Err(), o.timeout + (o.wait ? o.waitSeconds : 0));
+  Watchdog watchdog(session.Deadline(), log.Err(), o.timeout + (o.wait ? o.waitSeconds : 0),
+                    o.json);
   if (o.command == "power-state") return PowerStateCommand(session);
   if (o.command == "mac") return MacCommand(session);
   if (o.command == "sensors") return SensorsCommand(session);
