@@ -20,6 +20,7 @@
 #include "mac.h"
 #include "result_text.h"
 #include "sensors_table.h"
+#include "thermal_power.h"
 
 extern "C" void FeatureState_Init(void);
 extern "C" uint8_t* GetFeatureState_Slow(const char* name);
@@ -339,10 +340,26 @@ int MacCommand(Session& s) {
   return 0;
 }
 
+// Some BMCs have no Sensors collection and report readings under the chassis'
+// Thermal and Power resources only; the library reads Sensors alone.
+int ThermalAndPower(Session& s) {
+  std::string doc, why, table;
+  if (!ReadThermalAndPower(s.Opt().user, s.Opt().password, s.RequestMs(), doc, why) ||
+      !SensorsTable(doc, table)) {
+    int status = s.Fail(REDFISH_ERR_NO_MEMBER);
+    if (!why.empty()) s.Note("reading Thermal and Power instead failed: " + why);
+    return status;
+  }
+  s.Note("this BMC has no Sensors collection; these are its Thermal and Power readings");
+  std::fputs(table.c_str(), stdout);
+  return 0;
+}
+
 int SensorsCommand(Session& s) {
   unsigned int length = 0;
   int rc =
       Redfish_GetSensorsInfo(s.User(), s.Password(), s.Host(), s.RequestMs(), nullptr, &length);
+  if (rc == REDFISH_ERR_NO_MEMBER && !s.Opt().json) return ThermalAndPower(s);
   if (rc != 0) return s.Fail(rc);
   std::vector<char> buffer(static_cast<size_t>(length) + 1);
   length = static_cast<unsigned int>(buffer.size());
