@@ -1,69 +1,104 @@
 // redfishctl: the library's questions and power commands from a shell.
-#include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
+#include <cmath>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bmcredfish.h"
+#include "library_log.h"
+#include "mac.h"
 #include "result_text.h"
+#include "sensors_table.h"
+#include "thermal_power.h"
 
 extern "C" void FeatureState_Init(void);
 extern "C" uint8_t* GetFeatureState_Slow(const char* name);
 
+#ifndef REDFISHCTL_VERSION
+#define REDFISHCTL_VERSION "unknown"
+#endif
+
 namespace {
 
-const std::map<std::string, REDFISHCMD> kCommands = {
-    {"on", REDFISHCMD_ON},
-    {"force-off", REDFISHCMD_FORCE_OFF},
-    {"force-on", REDFISHCMD_FORCE_ON},
-    {"force-restart", REDFISHCMD_FORCE_RESTART},
-    {"graceful-restart", REDFISHCMD_GRACEFUL_RESTART},
-    {"graceful-shutdown", REDFISHCMD_GRACEFUL_SHUTDOWN},
-    {"push-power-button", REDFISHCMD_PUSH_POWER_BUTTON},
-    {"nmi", REDFISHCMD_NMI},
-    {"power-cycle", REDFISHCMD_POWER_CYCLE},
+using Clock = std::chrono::steady_clock;
+
+enum class Target { On, Off, Toggle, Same };
+
+struct Action {
+  REDFISHCMD command;
+  Target target;  // the power state --wait waits for
+};
+
+const std::map<std::string, Action> kActions = {
+    {"on", {REDFISHCMD_ON, Target::On}},
+    {"force-on", {REDFISHCMD_FORCE_ON, Target::On}},
+    {"force-off", {REDFISHCMD_FORCE_OFF, Target::Off}},
+    {"graceful-shutdown", {REDFISHCMD_GRACEFUL_SHUTDOWN, Target::Off}},
+    {"force-restart", {REDFISHCMD_FORCE_RESTART, Target::On}},
+    {"graceful-restart", {REDFISHCMD_GRACEFUL_RESTART, Target::On}},
+    {"power-cycle", {REDFISHCMD_POWER_CYCLE, Target::On}},
+    {"push-power-button", {REDFISHCMD_PUSH_POWER_BUTTON, Target::Toggle}},
+    {"nmi", {REDFISHCMD_NMI, Target::Same}},
 };
 
 const char kUsage[] =
     "usage: redfishctl [options] COMMAND\n"
     "\n"
+    "Talks to this host's own BMC through the local proxy. It works on a host with a\n"
+    "Redfish host interface (SMBIOS type 42), or inside tools/host-sim.\n"
+    "\n"
     "commands:\n"
     "  power-state                 is the host powered on?\n"
-    "  power ACTION --mac MAC      send a power command; refused unless MAC is the BMC's\n"
-    "                              ACTION: on force-off force-on force-restart graceful-restart\n"
-    "                                      graceful-shutdown push-power-button nmi power-cycle\n"
-    "  mac [--mac MAC]             the BMC's MAC address (or check that it has MAC)\n"
-    "  sensors                     the chassis sensors (Redfish JSON)\n"
+    "  power ACTION --mac MAC      send a power command, refused unless MAC is the BMC's\n"
+    "                              ACTION: on force-on force-off graceful-shutdown\n"
+    "                                      force-restart graceful-restart power-cycle\n"
+    "                                      push-power-button nmi\n"
+    "  mac [--mac MAC]             the BMC's MAC address (or: does the BMC have MAC?)\n"
+    "  sensors                     the chassis sensors as a table\n"
     "\n"
     "options:\n"
     "  --host HOST          the BMC (default: this host's own BMC, found through SMBIOS)\n"
     "  --user USER          BMC account (default: $BMC_USER, else admin)\n"
     "  --password-file F    read the password from F; otherwise from $BMC_PASSWORD\n"
-    "  --timeout-ms N       per-request time-out (default 5000)\n"
-    "  --json               machine-readable output\n"
-    "  --log FILE           write the library's log to FILE (default: discarded)\n"
+    "  --mac MAC            six hex pairs, any case, ':' or '-' separated\n"
+    "  --timeout SECONDS    deadline of the whole command (default 10; 0 is refused).\n"
+    "                       Each request may take what remains of it.\n"
+    "  --wait[=SECONDS]     power: after the BMC accepted, read the power state until\n"
+    "                       it is what the action implies (default 120 s)\n"
+    "  --json               machine-readable output (sensors: the BMC's document)\n"
+    "  --log FILE           append the library's log to FILE\n"
     "  --verbose            show the library's log on standard error\n"
+    "  --version            redfishctl's and the library's version\n"
     "  -h, --help           this text\n"
     "\n"
-    "exit status: 0 on success, 1 when the library returned a failure (one line names the\n"
-    "code and its meaning), 2 for a usage error.\n";
+    "exit status: 0 success (power: the BMC accepted, or no action was needed; with\n"
+    "--wait: the state was reached), 1 failure or time-out (the line names the cause),\n"
+    "2 usage error (nothing was sent).\n";
 
 struct Options {
   std::string command;
   std::string action;
   std::string host;
-  bool hasHost = false;
   std::string user;
   std::string password;
-  std::string mac;
+  bool havePassword = false;
+  std::string mac;  // canonical (lower case, ':')
+  std::string macAsGiven;
   bool hasMac = false;
-  unsigned int timeoutMs = 5000;
+  double timeout = 10;
+  bool wait = false;
+  double waitSeconds = 120;
   bool json = false;
   bool verbose = false;
   std::string log;
@@ -72,6 +107,14 @@ struct Options {
 int UsageError(const std::string& message) {
   std::fprintf(stderr, "redfishctl: %s\n(see redfishctl --help)\n", message.c_str());
   return 2;
+}
+
+bool ParseSeconds(const std::string& text, double& out) {
+  char* end = nullptr;
+  double v = std::strtod(text.c_str(), &end);
+  if (text.empty() || *end != '\0' || !std::isfinite(v) || v <= 0 || v > 86400) return false;
+  out = v;
+  return true;
 }
 
 std::string JsonEscape(const std::string& text) {
@@ -91,46 +134,30 @@ std::string JsonEscape(const std::string& text) {
   return out;
 }
 
-// The library logs to standard error; keep that out of the operator's way
-// unless asked for, and keep our own messages on the real standard error.
-int RouteLibraryLog(const Options& o) {
-  int saved = dup(STDERR_FILENO);
-  if (o.verbose) return saved;
-  int fd = o.log.empty() ? open("/dev/null", O_WRONLY)
-                         : open(o.log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-  if (fd >= 0) {
-    dup2(fd, STDERR_FILENO);
-    close(fd);
-  }
-  return saved;
-}
-
-int Fail(int errFd, const Options& o, int code) {
-  FILE* err = fdopen(errFd, "w");
-  if (o.json) {
-    std::printf("{\"result\":%d,\"meaning\":\"%s\"}\n", code, JsonEscape(ResultText(code)).c_str());
-  }
-  std::fprintf(err ? err : stderr, "redfishctl: %s failed: result %d: %s\n", o.command.c_str(),
-               code, ResultText(code));
-  if (err) std::fflush(err);
-  return 1;
-}
-
-}  // namespace
-
-int main(int argc, char** argv) {
-  Options o;
+// Returns -1 when the options are complete, else the exit status.
+int ParseOptions(int argc, char** argv, Options& o) {
   const char* envUser = std::getenv("BMC_USER");
   o.user = envUser ? envUser : "admin";
-  const char* envPassword = std::getenv("BMC_PASSWORD");
-  bool havePassword = envPassword != nullptr;
-  if (envPassword) o.password = envPassword;
-
+  if (const char* envPassword = std::getenv("BMC_PASSWORD")) {
+    o.password = envPassword;
+    o.havePassword = true;
+  }
   std::vector<std::string> args(argv + 1, argv + argc);
   std::vector<std::string> positional;
   for (size_t i = 0; i < args.size(); ++i) {
-    const std::string& a = args[i];
+    std::string a = args[i];
+    std::string inlineValue;
+    bool hasInline = false;
+    if (a.rfind("--", 0) == 0 && a.find('=') != std::string::npos) {
+      inlineValue = a.substr(a.find('=') + 1);
+      a = a.substr(0, a.find('='));
+      hasInline = true;
+    }
     auto value = [&](std::string& out) {
+      if (hasInline) {
+        out = inlineValue;
+        return true;
+      }
       if (i + 1 >= args.size()) return false;
       out = args[++i];
       return true;
@@ -138,9 +165,11 @@ int main(int argc, char** argv) {
     if (a == "-h" || a == "--help") {
       std::fputs(kUsage, stdout);
       return 0;
+    } else if (a == "--version") {
+      std::printf("redfishctl %s (libbmcredfish %s)\n", REDFISHCTL_VERSION, REDFISHCTL_VERSION);
+      return 0;
     } else if (a == "--host") {
-      if (!value(o.host)) return UsageError("--host needs a value");
-      o.hasHost = true;
+      if (!value(o.host) || o.host.empty()) return UsageError("--host needs a value");
     } else if (a == "--user") {
       if (!value(o.user)) return UsageError("--user needs a value");
     } else if (a == "--password") {
@@ -151,17 +180,22 @@ int main(int argc, char** argv) {
       if (!value(path)) return UsageError("--password-file needs a value");
       std::ifstream in(path);
       if (!in || !std::getline(in, o.password)) return UsageError("cannot read " + path);
-      havePassword = true;
+      o.havePassword = true;
     } else if (a == "--mac") {
-      if (!value(o.mac)) return UsageError("--mac needs a value");
+      if (!value(o.macAsGiven)) return UsageError("--mac needs a value");
+      if (!ParseMac(o.macAsGiven, o.mac))
+        return UsageError("malformed MAC address '" + o.macAsGiven +
+                          "' (want six hex pairs separated by ':' or '-')");
       o.hasMac = true;
-    } else if (a == "--timeout-ms") {
+    } else if (a == "--timeout") {
       std::string t;
-      if (!value(t)) return UsageError("--timeout-ms needs a value");
-      char* end = nullptr;
-      unsigned long v = std::strtoul(t.c_str(), &end, 10);
-      if (t.empty() || *end != '\0' || v > 0xffffffffUL) return UsageError("bad --timeout-ms " + t);
-      o.timeoutMs = static_cast<unsigned int>(v);
+      if (!value(t)) return UsageError("--timeout needs a value");
+      if (!ParseSeconds(t, o.timeout))
+        return UsageError("bad --timeout '" + t + "' (want seconds, more than 0)");
+    } else if (a == "--wait") {
+      o.wait = true;
+      if (hasInline && !ParseSeconds(inlineValue, o.waitSeconds))
+        return UsageError("bad --wait '" + inlineValue + "' (want seconds, more than 0)");
     } else if (a == "--json") {
       o.json = true;
     } else if (a == "--verbose") {
@@ -173,73 +207,316 @@ int main(int argc, char** argv) {
     } else {
       positional.push_back(a);
     }
+    if (hasInline && a != "--wait" && a != "--host" && a != "--user" && a != "--password-file" &&
+        a != "--mac" && a != "--timeout" && a != "--log")
+      return UsageError(a + " takes no value");
   }
   if (positional.empty()) return UsageError("no command");
   o.command = positional[0];
+  static const char* const kCommands[] = {"power-state", "power", "mac", "sensors"};
+  bool known = false;
+  for (const char* c : kCommands) known = known || o.command == c;
+  if (!known) return UsageError("unknown command " + o.command);
   const bool isPower = o.command == "power";
   if (positional.size() != (isPower ? 2u : 1u))
     return UsageError("wrong arguments for " + o.command);
   if (isPower) {
     o.action = positional[1];
-    if (kCommands.find(o.action) == kCommands.end())
+    if (kActions.find(o.action) == kActions.end())
       return UsageError("unknown power action " + o.action);
     if (!o.hasMac)
       return UsageError("power needs --mac MAC: the BMC's MAC guards every power command");
   }
-  if (!havePassword) return UsageError("no password: set $BMC_PASSWORD or use --password-file");
+  if (o.wait && !isPower) return UsageError("--wait goes with power");
+  if (!o.havePassword) return UsageError("no password: set $BMC_PASSWORD or use --password-file");
+  return -1;
+}
 
-  const char* host = o.hasHost ? o.host.c_str() : nullptr;
-  FeatureState_Init();
-  *GetFeatureState_Slow("REDFISH") = 1;  // this program is the hosting process
-  int errFd = RouteLibraryLog(o);
-  const char* user = o.user.c_str();
-  const char* password = o.password.c_str();
-  int rc = 0;
+// One run of a command against the library: the deadline, the log, the output.
+class Session {
+ public:
+  Session(const Options& o, LibraryLog& log) : o_(o), log_(log) {
+    deadline_ = Clock::now() + std::chrono::milliseconds(static_cast<long long>(o.timeout * 1000));
+    if (o.wait)
+      deadline_ += std::chrono::milliseconds(static_cast<long long>(o.waitSeconds * 1000));
+  }
 
-  if (o.command == "power-state") {
-    bool on = false;
-    rc = Redfish_GetPowerState(user, password, host, o.timeoutMs, &on);
-    if (rc != 0) return Fail(errFd, o, rc);
-    if (o.json) {
-      std::printf("{\"result\":0,\"powerOn\":%s}\n", on ? "true" : "false");
-    } else {
-      std::printf("power: %s\n", on ? "on" : "off");
+  const char* Host() const { return o_.host.empty() ? nullptr : o_.host.c_str(); }
+  const char* User() const { return o_.user.c_str(); }
+  const char* Password() const { return o_.password.c_str(); }
+  Clock::time_point Deadline() const { return deadline_; }
+
+  // The per-request time-out: what is left of the whole command's deadline.
+  unsigned int RequestMs() const {
+    auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - Clock::now()).count();
+    return static_cast<unsigned int>(std::max<long long>(1, std::min<long long>(left, 3600000)));
+  }
+
+  int Fail(int code) {
+    const std::string cause = ExplainFailure(code, log_.Drain(), o_.host, o_.command);
+    if (o_.json) {
+      std::printf("{\"result\":%d,\"meaning\":\"%s\"}\n", code,
+                  JsonEscape(ResultText(code)).c_str());
+      std::fflush(stdout);
     }
-  } else if (o.command == "mac") {
-    char buffer[256] = {};
-    unsigned int length = sizeof buffer;
-    rc = Redfish_GetMacAddress(user, password, host, o.hasMac ? o.mac.c_str() : nullptr,
-                               o.timeoutMs, buffer, &length);
-    if (rc != 0) return Fail(errFd, o, rc);
-    if (o.json) {
-      std::printf("{\"result\":0,\"mac\":\"%s\"}\n", JsonEscape(buffer).c_str());
-    } else {
-      std::printf("%s\n", buffer);
-    }
-  } else if (o.command == "sensors") {
-    unsigned int length = 0;
-    rc = Redfish_GetSensorsInfo(user, password, host, o.timeoutMs, nullptr, &length);
-    if (rc != 0) return Fail(errFd, o, rc);
-    std::vector<char> buffer(length + 1);
-    length = static_cast<unsigned int>(buffer.size());
-    rc = Redfish_GetSensorsInfo(user, password, host, o.timeoutMs, buffer.data(), &length);
-    if (rc != 0) return Fail(errFd, o, rc);
-    if (o.json) {
-      std::printf("{\"result\":0,\"sensors\":%s}\n", buffer.data());
-    } else {
-      std::printf("%s\n", buffer.data());
-    }
-  } else if (isPower) {
-    rc = Redfish_PowerOperation(user, password, host, o.mac.c_str(), kCommands.at(o.action),
-                                o.timeoutMs);
-    if (rc != 0) return Fail(errFd, o, rc);
-    if (o.json) {
-      std::printf("{\"result\":0,\"command\":\"%s\"}\n", o.action.c_str());
-    } else {
-      std::printf("power %s: accepted\n", o.action.c_str());
-    }
+    std::fprintf(log_.Err(), "redfishctl: %s failed: result %d: %s\n%s", o_.command.c_str(), code,
+                 ResultText(code), cause.c_str());
+    std::fflush(log_.Err());
+    return 1;
+  }
+
+  void Note(const std::string& text) {
+    std::fprintf(log_.Err(), "redfishctl: %s\n", text.c_str());
+    std::fflush(log_.Err());
+  }
+
+  void Drain() { log_.Drain(); }
+  const Options& Opt() const { return o_; }
+
+ private:
+  const Options& o_;
+  LibraryLog& log_;
+  Clock::time_point deadline_;
+};
+
+int PowerStateCommand(Session& s) {
+  bool on = false;
+  int rc = Redfish_GetPowerState(s.User(), s.Password(), s.Host(), s.RequestMs(), &on);
+  if (rc != 0) return s.Fail(rc);
+  if (s.Opt().json) {
+    std::printf("{\"result\":0,\"powerOn\":%s}\n", on ? "true" : "false");
   } else {
-    return UsageError("unknown command " + o.command);
+    std::printf("power: %s\n", on ? "on" : "off");
   }
   return 0;
+}
+
+// The BMC's own text for a MAC given in any notation: its default interface
+// first (one search), then each notation the BMC might use.
+int ResolveMac(Session& s, const std::string& canonical, std::string& bmcText) {
+  char buffer[64] = {};
+  unsigned int length = sizeof buffer;
+  int rc = Redfish_GetMacAddress(s.User(), s.Password(), s.Host(), nullptr, s.RequestMs(), buffer,
+                                 &length);
+  if (rc != 0) return rc;
+  const std::string first(buffer);
+  std::string firstCanonical;
+  if (ParseMac(first, firstCanonical) && firstCanonical == canonical) {
+    bmcText = first;
+    return 0;
+  }
+  for (const std::string& candidate : MacNotations(canonical, first)) {
+    length = sizeof buffer;
+    rc = Redfish_GetMacAddress(s.User(), s.Password(), s.Host(), candidate.c_str(), s.RequestMs(),
+                               buffer, &length);
+    if (rc == 0) {
+      bmcText = candidate;
+      return 0;
+    }
+    if (rc != REDFISH_ERR_NO_MEMBER) return rc;
+  }
+  return REDFISH_ERR_NO_MEMBER;
+}
+
+int MacCommand(Session& s) {
+  std::string text;
+  if (s.Opt().hasMac) {
+    int rc = ResolveMac(s, s.Opt().mac, text);
+    if (rc != 0) return s.Fail(rc);
+  } else {
+    char buffer[64] = {};
+    unsigned int length = sizeof buffer;
+    int rc = Redfish_GetMacAddress(s.User(), s.Password(), s.Host(), nullptr, s.RequestMs(), buffer,
+                                   &length);
+    if (rc != 0) return s.Fail(rc);
+    text = buffer;
+  }
+  if (s.Opt().json) {
+    std::printf("{\"result\":0,\"mac\":\"%s\"}\n", JsonEscape(text).c_str());
+  } else {
+    std::printf("%s\n", text.c_str());
+  }
+  return 0;
+}
+
+// Some BMCs have no Sensors collection and report readings under the chassis'
+// Thermal and Power resources only; the library reads Sensors alone.
+int ThermalAndPower(Session& s) {
+  std::string doc, why, table;
+  if (!ReadThermalAndPower(s.Opt().user, s.Opt().password, s.RequestMs(), doc, why) ||
+      !SensorsTable(doc, table)) {
+    int status = s.Fail(REDFISH_ERR_NO_MEMBER);
+    if (!why.empty()) s.Note("reading Thermal and Power instead failed: " + why);
+    return status;
+  }
+  s.Note("this BMC has no Sensors collection; these are its Thermal and Power readings");
+  std::fputs(table.c_str(), stdout);
+  return 0;
+}
+
+int SensorsCommand(Session& s) {
+  unsigned int length = 0;
+  int rc =
+      Redfish_GetSensorsInfo(s.User(), s.Password(), s.Host(), s.RequestMs(), nullptr, &length);
+  if (rc == REDFISH_ERR_NO_MEMBER && !s.Opt().json) return ThermalAndPower(s);
+  if (rc != 0) return s.Fail(rc);
+  std::vector<char> buffer(static_cast<size_t>(length) + 1);
+  length = static_cast<unsigned int>(buffer.size());
+  rc = Redfish_GetSensorsInfo(s.User(), s.Password(), s.Host(), s.RequestMs(), buffer.data(),
+                              &length);
+  if (rc != 0) return s.Fail(rc);
+  const std::string doc(buffer.data());
+  if (s.Opt().json) {
+    std::printf("%s\n", doc.c_str());
+    return 0;
+  }
+  std::string table;
+  if (!SensorsTable(doc, table)) {
+    s.Note("sensors: the BMC's document is not a sensor collection (see --json)");
+    return 1;
+  }
+  std::fputs(table.c_str(), stdout);
+  return 0;
+}
+
+// Reads the power state until it is the wanted one or the deadline passes.
+int WaitForState(Session& s, bool wantOn) {
+  const bool tty = isatty(STDOUT_FILENO) && !s.Opt().json;
+  const auto start = Clock::now();
+  const auto waitEnd =
+      start + std::chrono::milliseconds(static_cast<long long>(s.Opt().waitSeconds * 1000));
+  const char* want = wantOn ? "on" : "off";
+  std::string last = "unknown";
+  for (;;) {
+    bool on = false;
+    int rc = Redfish_GetPowerState(s.User(), s.Password(), s.Host(), s.RequestMs(), &on);
+    s.Drain();
+    if (rc == 0) {
+      last = on ? "on" : "off";
+      if (on == wantOn) break;
+    }
+    const auto now = Clock::now();
+    if (tty) {
+      std::printf("\rwaiting for power %s: %llds (now %s)   ", want,
+                  static_cast<long long>(
+                      std::chrono::duration_cast<std::chrono::seconds>(now - start).count()),
+                  last.c_str());
+      std::fflush(stdout);
+    }
+    if (now + std::chrono::seconds(1) > waitEnd) {
+      if (tty) std::printf("\n");
+      if (s.Opt().json) {
+        std::printf("{\"result\":%d,\"waited\":\"%s\",\"reached\":false}\n", REDFISH_ERR_TIMEOUT,
+                    want);
+      }
+      s.Note("power " + s.Opt().action + ": power still " + last + " after " +
+             std::to_string(static_cast<long long>(s.Opt().waitSeconds)) + "s of --wait");
+      return 1;
+    }
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+  }
+  if (tty) std::printf("\r%60s\r", "");
+  const double took = std::chrono::duration<double>(Clock::now() - start).count();
+  if (s.Opt().json) {
+    std::printf("{\"result\":0,\"waited\":\"%s\",\"reached\":true,\"seconds\":%.1f}\n", want, took);
+  } else {
+    std::printf("power: %s (after %.1fs)\n", want, took);
+  }
+  return 0;
+}
+
+int PowerCommand(Session& s) {
+  const Action& action = kActions.at(s.Opt().action);
+  std::string bmcMac;
+  int rc = ResolveMac(s, s.Opt().mac, bmcMac);
+  if (rc != 0) return s.Fail(rc);
+
+  // A power button toggles the state; an NMI leaves it as it is.
+  bool wantOn = action.target != Target::Off;
+  if (s.Opt().wait && (action.target == Target::Toggle || action.target == Target::Same)) {
+    bool on = false;
+    rc = Redfish_GetPowerState(s.User(), s.Password(), s.Host(), s.RequestMs(), &on);
+    if (rc != 0) return s.Fail(rc);
+    wantOn = action.target == Target::Toggle ? !on : on;
+  }
+  rc = Redfish_PowerOperation(s.User(), s.Password(), s.Host(), bmcMac.c_str(), action.command,
+                              s.RequestMs());
+  std::string answer;
+  if (rc == 0) {
+    answer = "accepted";
+  } else if (rc >= 200 && rc < 300) {
+    answer = "accepted (HTTP " + std::to_string(rc) + ")";
+  } else if (rc == REDFISH_ERR_NO_ACTION_NEEDED) {
+    answer = "no action needed";
+  } else {
+    return s.Fail(rc);
+  }
+  s.Drain();
+  if (s.Opt().json) {
+    std::printf("{\"result\":%d,\"command\":\"%s\",\"answer\":\"%s\"}\n", rc,
+                s.Opt().action.c_str(), answer.c_str());
+  } else {
+    std::printf("power %s: %s\n", s.Opt().action.c_str(), answer.c_str());
+  }
+  std::fflush(stdout);
+  if (!s.Opt().wait) return 0;
+  return WaitForState(s, wantOn);
+}
+
+// Ends the process when the whole command's deadline has passed, even in the
+// middle of a library call.
+class Watchdog {
+ public:
+  Watchdog(Clock::time_point deadline, FILE* err, double seconds, bool json)
+      : thread_([this, deadline, err, seconds, json] {
+          std::unique_lock<std::mutex> lock(mutex_);
+          if (cv_.wait_until(lock, deadline, [this] { return done_; })) return;
+          // Straight to the descriptor: the main thread may hold a stdio lock.
+          dprintf(fileno(err),
+                  "redfishctl: timed out: the command's deadline of %gs passed "
+                  "(raise --timeout)\n",
+                  seconds);
+          if (json)
+            dprintf(STDOUT_FILENO, "{\"result\":%d,\"meaning\":\"deadline passed\"}\n",
+                    REDFISH_ERR_TIMEOUT);
+          _exit(1);
+        }) {}
+  ~Watchdog() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      done_ = true;
+    }
+    cv_.notify_all();
+    thread_.join();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable cv_;
+  bool done_ = false;
+  std::thread thread_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options o;
+  int status = ParseOptions(argc, argv, o);
+  if (status >= 0) return status;
+
+  FeatureState_Init();
+  *GetFeatureState_Slow("REDFISH") = 1;  // this program is the hosting process
+  LibraryLog log(o.log, o.verbose);
+  if (!o.log.empty() && !log.CopyOpen()) {
+    std::fprintf(log.Err(), "redfishctl: cannot write the log to %s\n", o.log.c_str());
+    return 2;
+  }
+  Session session(o, log);
+  Watchdog watchdog(session.Deadline(), log.Err(), o.timeout + (o.wait ? o.waitSeconds : 0),
+                    o.json);
+  if (o.command == "power-state") return PowerStateCommand(session);
+  if (o.command == "mac") return MacCommand(session);
+  if (o.command == "sensors") return SensorsCommand(session);
+  return PowerCommand(session);
 }

@@ -29,6 +29,10 @@ def parse_args(argv):
                     help="PATHPATTERN:KIND[=ARG][@N]; may be repeated")
     ap.add_argument("--scale", metavar="KEY=N[,KEY=N]", action="append", default=[],
                     help="member counts: %s" % ", ".join(modellib.SCALE_KEYS))
+    ap.add_argument("--power-settle", metavar="SECONDS", type=float, default=0.0,
+                    help="seconds a reset takes to reach its power state; meanwhile PowerState "
+                    "is PoweringOn on the way up, the old state on the way down "
+                    "(default 0: at once)")
     ap.add_argument("--ready-file", metavar="PATH", help="created once the emulator accepts connections")
     ap.add_argument("--cert-dir", metavar="DIR", help="where cert.pem and key.pem are written (default: temp dir)")
     args = ap.parse_args(argv)
@@ -84,6 +88,7 @@ def main(argv=None):
     args = parse_args(sys.argv[1:] if argv is None else argv)
     try:
         model = modellib.Model(args.profile, args.scale)
+        model.power_settle = max(0.0, min(args.power_settle, 3600.0))
     except (OSError, ValueError, KeyError) as e:
         print("bmc-emulator: cannot load profile %s: %s" % (args.profile, e), file=sys.stderr)
         return 1

@@ -15,37 +15,26 @@ A fault is written PATHPATTERN:KIND[=ARG][@N]:
 
 import fnmatch
 import re
-import threading
+
+from faultset import FaultError, FaultSet, number, split_budget  # noqa: F401 (FaultSet re-exported)
 
 KINDS = ("delay", "status", "retry-after", "drop", "truncate", "bad-length",
          "sensors-404", "unknown-manufacturer")
 NO_ARG = ("drop", "sensors-404")
 
 _SPEC = re.compile(
-    r"^(?P<pattern>.+):(?P<kind>%s)(?:=(?P<arg>.*?))?(?:@(?P<count>\d+))?$"
+    r"^(?P<pattern>.+):(?P<kind>%s)(?:=(?P<arg>.*?))?$"
     % "|".join(re.escape(k) for k in sorted(KINDS, key=len, reverse=True)),
     re.S)
 
-
-class FaultSpecError(ValueError):
-    pass
-
-
-def _number(kind, text, conv, low, high):
-    try:
-        value = conv(text)
-    except (TypeError, ValueError):
-        raise FaultSpecError("%s needs a number, got %r" % (kind, text)) from None
-    if not low <= value <= high:
-        raise FaultSpecError("%s must be between %s and %s" % (kind, low, high))
-    return value
+FaultSpecError = FaultError
+_number = number
 
 
 class Fault:
     def __init__(self, spec):
-        if not isinstance(spec, str):
-            raise FaultSpecError("fault spec must be a string")
-        m = _SPEC.match(spec.strip())
+        text, self.remaining = split_budget(spec)
+        m = _SPEC.match(text)
         if not m:
             raise FaultSpecError("bad fault spec %r (want PATHPATTERN:KIND[=ARG][@N], KIND one of %s)"
                                  % (spec, ", ".join(KINDS)))
@@ -53,9 +42,6 @@ class Fault:
         self.pattern = m.group("pattern")
         self.kind = m.group("kind")
         arg = m.group("arg")
-        self.remaining = int(m.group("count")) if m.group("count") is not None else None
-        if self.remaining == 0:
-            raise FaultSpecError("@N must be at least 1")
         self.value = None
         self.body = None
         if self.kind in NO_ARG:
@@ -92,34 +78,6 @@ class Fault:
 
     def describe(self):
         return {"spec": self.spec, "kind": self.kind, "remaining": self.remaining}
-
-
-class FaultSet:
-    """A thread-safe list of faults whose @N budgets are spent as requests match."""
-
-    def __init__(self, faults=()):
-        self._lock = threading.Lock()
-        self._faults = list(faults)
-
-    def replace(self, faults):
-        with self._lock:
-            self._faults = list(faults)
-
-    def take(self, applies):
-        """Faults for which applies(fault) is true, charging each one request."""
-        hit = []
-        with self._lock:
-            for fault in self._faults:
-                if fault.remaining == 0 or not applies(fault):
-                    continue
-                if fault.remaining is not None:
-                    fault.remaining -= 1
-                hit.append(fault)
-        return hit
-
-    def describe(self):
-        with self._lock:
-            return [f.describe() for f in self._faults]
 
 
 def parse_all(specs):

@@ -10,6 +10,7 @@ import json
 import re
 import secrets
 import threading
+import time
 from pathlib import Path
 
 PROFILE_DIR = Path(__file__).resolve().parent / "profiles"
@@ -119,6 +120,10 @@ class Model:
         self.system_ids = []
         self.chassis_paths = set()
         self.power = []
+        # A real host takes a while to change state after a reset: index ->
+        # (monotonic time the change completes, final state).
+        self.power_settle = 0.0
+        self._settling = {}
         self.counts = dict.fromkeys(SCALE_KEYS, 0)
         self._lock = threading.Lock()
         self._sessions = {}         # token -> session body
@@ -390,7 +395,7 @@ class Model:
             return body
         if res.power_index is not None:
             body = dict(res.body)
-            body["PowerState"] = self.power[res.power_index]
+            body["PowerState"] = self.power_state(res.power_index)
             return body
         return res.body
 
@@ -426,22 +431,48 @@ class Model:
                     return i
         return None
 
-    def reset(self, index, reset_type):
-        """Apply a ResetType; returns (outcome, state_before) with outcome 'done' or 'no-op'."""
+    def _settle(self, index):
+        """Completes a state change whose time has come (lock held)."""
+        pending = self._settling.get(index)
+        if pending and time.monotonic() >= pending[0]:
+            self.power[index] = pending[1]
+            del self._settling[index]
+
+    def power_state(self, index):
         with self._lock:
+            self._settle(index)
+            return self.power[index]
+
+    def reset(self, index, reset_type):
+        """Apply a ResetType; returns (outcome, state_before) with outcome 'done' or 'no-op'.
+        With power_settle > 0 the new state is reached that many seconds later;
+        meanwhile the system reads PoweringOn on its way up, its old state on its
+        way down."""
+        with self._lock:
+            self._settle(index)
             before = self.power[index]
+            if index in self._settling:  # still changing: the target decides
+                before = self._settling[index][1]
             after = self.transitions.get(reset_type, {}).get(before, before)
             if after == "no-op":
                 return "no-op", before
-            self.power[index] = after
+            if self.power_settle > 0:
+                # A shutting-down host still reads On; one coming up is PoweringOn.
+                self.power[index] = "PoweringOn" if after == "On" else before
+                self._settling[index] = (time.monotonic() + self.power_settle, after)
+            else:
+                self.power[index] = after
             return "done", before
 
     def set_power(self, index, state):
         with self._lock:
+            self._settling.pop(index, None)
             self.power[index] = state
 
     def power_summary(self):
         with self._lock:
+            for i in list(self._settling):
+                self._settle(i)
             return [{"index": i, "Id": ident, "@odata.id": path, "PowerState": self.power[i]}
                     for i, (ident, path) in enumerate(zip(self.system_ids, self.system_paths))]
 

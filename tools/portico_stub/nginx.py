@@ -116,10 +116,11 @@ http {
        "listen": "[%s]" % listen if ":" in listen else listen, "port": http_port}
 
 
-def render_config_front(prefix, listen, config_port, backend_port):
-    """nginx.conf text of the configuration port: HTTP/2 cleartext, as the library
-    speaks it, in front of the document server. Never reloaded, so a PUT in
-    flight is not cut by the route's reload."""
+def render_config_front(prefix, socket_path, backend_port):
+    """nginx.conf text of the configuration port's HTTP/2 half: HTTP/2 cleartext
+    on a Unix socket, in front of the document server. The port itself hands it
+    the connections that open with the HTTP/2 preface. Never reloaded, so a PUT
+    in flight is not cut by the route's reload."""
     user = "user root root;\n" if os.geteuid() == 0 else ""
     return """# Written by tools/portico: the configuration port.
 %(user)sdaemon off;
@@ -141,7 +142,7 @@ http {
     access_log %(p)s/access.log;
 
     server {
-        listen %(listen)s:%(port)d http2;
+        listen unix:%(socket)s http2;
         client_max_body_size 1m;
         location / {
             proxy_pass http://127.0.0.1:%(backend)d;
@@ -149,8 +150,7 @@ http {
         }
     }
 }
-""" % {"user": user, "p": prefix, "listen": "[%s]" % listen if ":" in listen else listen,
-       "port": config_port, "backend": backend_port}
+""" % {"user": user, "p": prefix, "socket": socket_path, "backend": backend_port}
 
 
 class Nginx:

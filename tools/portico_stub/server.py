@@ -36,6 +36,10 @@ class Portico:
         if args.request_log:
             self.log = open(args.request_log, "w", buffering=1)
 
+    def fault(self, kind):
+        """The first fault of that kind still in force, its budget charged; or None."""
+        return self.faults.take(lambda f: f.kind == kind, first=True)
+
     def log_request(self, entry):
         if self.log is None:
             return
@@ -136,7 +140,7 @@ class Handler(BaseHTTPRequestHandler):
             return self._error(404, "no such path", body)
         if self.command not in ("GET", "PUT"):
             return self._error(405, "only GET and PUT", body, extra={"Allow": "GET, PUT"})
-        slow = self.portico.faults.take({"slow"})
+        slow = self.portico.fault("slow")
         if slow:
             time.sleep(slow.value)
         if self.command == "GET":
@@ -145,11 +149,11 @@ class Handler(BaseHTTPRequestHandler):
 
     def _get(self, body):
         p = self.portico
-        if p.faults.take({"get"}):
+        if p.fault("get"):
             return self._error(503, "get fault", body)
-        if p.faults.take({"garbage"}):
+        if p.fault("garbage"):
             return self._send(200, b"<html>this is not JSON", request_body=body)
-        if p.faults.take({"big"}):
+        if p.fault("big"):
             return self._send(200, p.big_document(), request_body=body)
         if p.document is None:
             return self._error(404, "no route document", body)
@@ -157,7 +161,7 @@ class Handler(BaseHTTPRequestHandler):
 
     def _put(self, body):
         p = self.portico
-        fault = p.faults.take({"put"})
+        fault = p.fault("put")
         if fault and fault.value == 503:
             return self._error(503, "put fault", body)
         try:
@@ -206,12 +210,73 @@ class Server(ThreadingHTTPServer):
         self.portico = portico
 
 
+H2_PREFACE = b"PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n"
+PREFACE_WAIT = 10.0
+
+
+def _opens_with_preface(sock):
+    """True when the client's first bytes are the HTTP/2 preface; reads nothing."""
+    sock.settimeout(PREFACE_WAIT)
+    try:
+        while True:
+            seen = sock.recv(len(H2_PREFACE), socket.MSG_PEEK)
+            if not seen or not H2_PREFACE.startswith(seen):
+                return False
+            if len(seen) == len(H2_PREFACE):
+                return True
+            time.sleep(0.01)  # a preface split across segments: wait for the rest
+    except OSError:
+        return False
+    finally:
+        sock.settimeout(None)
+
+
+def _pump(src, dst):
+    try:
+        while True:
+            data = src.recv(65536)
+            if not data:
+                break
+            dst.sendall(data)
+    except OSError:
+        pass
+    finally:
+        try:
+            dst.shutdown(socket.SHUT_WR)
+        except OSError:
+            pass
+
+
+class ConfigPort(Server):
+    """The configuration port, speaking both protocols as a real proxy's codec
+    detection does: HTTP/1.1 is answered here, and a connection that opens with
+    the HTTP/2 preface is handed whole to the HTTP/2 listener on h2_socket."""
+
+    def __init__(self, address, portico, h2_socket):
+        super().__init__(address, portico)
+        self.h2_socket = h2_socket
+
+    def finish_request(self, request, client_address):
+        if not _opens_with_preface(request):
+            return super().finish_request(request, client_address)
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as upstream:
+            try:
+                upstream.connect(self.h2_socket)
+            except OSError:
+                return None
+            back = threading.Thread(target=_pump, args=(upstream, request), daemon=True)
+            back.start()
+            _pump(request, upstream)
+            back.join()
+        return None
+
+
 def _parser():
     p = argparse.ArgumentParser(
         prog="portico",
         description="Stand-in for the local reverse proxy: HTTP/2 cleartext on the HTTP port "
         "routes /bmc/ to the endpoint of the route document; the configuration port serves "
-        "and accepts that document.")
+        "and accepts that document over HTTP/1.1 or HTTP/2 cleartext (prior knowledge).")
     p.add_argument("--listen", default="127.0.0.1", help="address of both listeners")
     p.add_argument("--http-port", type=int, default=80)
     p.add_argument("--config-port", type=int, default=549)
@@ -239,6 +304,17 @@ def _wait_accepting(host, port, deadline):
     return False
 
 
+def _wait_unix(path, deadline):
+    while time.monotonic() < deadline:
+        with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+            try:
+                s.connect(path)
+                return True
+            except OSError:
+                time.sleep(0.05)
+    return False
+
+
 def main(argv=None):
     args = _parser().parse_args(argv)
     try:
@@ -257,6 +333,7 @@ def main(argv=None):
     signal.signal(signal.SIGINT, lambda *_: stop.set())
     portico = None
     server = None
+    config_port = None
     front = None
     status = 0
     try:
@@ -274,22 +351,26 @@ def main(argv=None):
         if problem:
             print("portico: %s" % problem, file=sys.stderr)
             return 1
-        # The document server listens on an internal port; the configuration
-        # port itself is an HTTP/2 cleartext nginx in front of it.
+        # The document server answers HTTP/1.1 on an internal port, behind an
+        # HTTP/2 cleartext nginx on a Unix socket; the configuration port
+        # answers HTTP/1.1 itself and passes HTTP/2 connections to that nginx.
         server = Server(("127.0.0.1", 0), portico)
         threading.Thread(target=server.serve_forever, daemon=True).start()
         front = Nginx(args.nginx, os.path.join(args.dir, "config-front"), args.listen,
                       args.config_port)
-        problem = front.write(render_config_front(front.prefix, args.listen, args.config_port,
+        h2_socket = os.path.join(front.prefix, "h2.sock")
+        problem = front.write(render_config_front(front.prefix, h2_socket,
                                                   server.server_address[1]))
         if problem:
             print("portico: configuration port: %s" % problem, file=sys.stderr)
             return 1
         front.start()
+        config_port = ConfigPort((args.listen, args.config_port), portico, h2_socket)
+        threading.Thread(target=config_port.serve_forever, daemon=True).start()
         portico.nginx.start()
         deadline = time.monotonic() + 10
         if not (_wait_accepting(args.listen, args.http_port, deadline)
-                and _wait_accepting(args.listen, args.config_port, deadline)
+                and _wait_unix(h2_socket, deadline)
                 and portico.nginx.wait_generation(portico.generation, 10)):
             print("portico: nginx did not start; see %s/error.log" % args.dir, file=sys.stderr)
             return 1
@@ -305,6 +386,9 @@ def main(argv=None):
             front.stop()
         if portico is not None:
             portico.nginx.stop()
+        if config_port is not None:
+            config_port.shutdown()
+            config_port.server_close()
         if server is not None:
             server.shutdown()
             server.server_close()

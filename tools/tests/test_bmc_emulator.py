@@ -399,6 +399,36 @@ class FaultTest(unittest.TestCase):
                                        headers=["X-Auth-Token: " + token]).status, 401)
 
 
+class PowerSettleTest(unittest.TestCase):
+    """A reset that takes its time: the states on the way, judged by the target."""
+
+    @classmethod
+    def setUpClass(cls):
+        # Long enough that nothing settles while the test runs.
+        cls.emu = Emulator("dell", "--power-settle", "600").start()
+
+    @classmethod
+    def tearDownClass(cls):
+        assert cls.emu.stop() == 0
+
+    def reset(self, reset_type):
+        return self.emu.curl("/redfish/v1/Systems/System.Embedded.1" + RESET, method="POST",
+                             data={"ResetType": reset_type}).status
+
+    def state(self):
+        return self.emu.get_json("/redfish/v1/Systems/System.Embedded.1")[1]["PowerState"]
+
+    def test_states_on_the_way_and_a_second_reset_judged_by_the_target(self):
+        self.emu.control("POST", "power", {"system": 0, "PowerState": "On"})
+        self.assertEqual(self.reset("GracefulShutdown"), 204)
+        self.assertEqual(self.state(), "On")  # shutting down still reads On
+        self.assertEqual(self.reset("GracefulShutdown"), 409)  # already on its way off
+        self.assertEqual(self.reset("On"), 204)
+        self.assertEqual(self.state(), "PoweringOn")
+        self.emu.control("POST", "power", {"system": 0, "PowerState": "Off"})
+        self.assertEqual(self.state(), "Off")  # the control endpoint ends the change
+
+
 class ScaleTest(unittest.TestCase):
     @classmethod
     def setUpClass(cls):

@@ -67,11 +67,11 @@ class Portico:
         version, code = tail.split()
         return int(code) if version == "2" else None, body
 
-    def config(self, method, body=None, path=DOC_PATH):
+    def config(self, method, body=None, path=DOC_PATH, http2=True):
         """Status and body of a request to the configuration port, which speaks
-        HTTP/2 cleartext as the library does."""
-        args = ["curl", "-s", "--http2-prior-knowledge", "--max-time", "30", "-X", method,
-                "-w", "\n%{http_code}"]
+        HTTP/2 cleartext (prior knowledge) and HTTP/1.1."""
+        args = ["curl", "-s", "--http2-prior-knowledge" if http2 else "--http1.1",
+                "--max-time", "30", "-X", method, "-w", "\n%{http_code}"]
         if body is not None:
             args += ["--data-binary", "@-"]
         r = subprocess.run(args + ["http://127.0.0.1:%d%s" % (self.config_port, path)],
@@ -116,6 +116,22 @@ class PorticoTest(unittest.TestCase):
         self.assertEqual([(e["method"], e["path"], e["status"]) for e in log],
                          [("GET", DOC_PATH, 404), ("PUT", DOC_PATH, 204), ("GET", DOC_PATH, 200)])
         self.assertEqual(log[1]["body"], self.doc)
+
+    def test_configuration_port_speaks_http1_and_h2(self):
+        p = self.portico
+        self.assertEqual(p.config("PUT", self.doc, http2=False), (204, b""))
+        self.assertEqual(p.config("GET", http2=True), (200, self.doc.encode()))
+        self.assertEqual(p.config("GET", http2=False), (200, self.doc.encode()))
+        self.assertEqual(p.config("PUT", "{not json", http2=False)[0], 400)
+        # A client that sends a few bytes and closes must not stall the port.
+        with socket.create_connection(("127.0.0.1", p.config_port)) as s:
+            s.sendall(b"PRI * HT")
+        with socket.create_connection(("127.0.0.1", p.config_port)) as s:
+            s.sendall(b"GET " + DOC_PATH.encode() + b" HTTP/1.0\r\n\r\n")
+            reply = b"".join(iter(lambda: s.recv(4096), b""))
+        self.assertTrue(reply.startswith(b"HTTP/1.0 200") or reply.startswith(b"HTTP/1.1 200"),
+                        reply[:40])
+        self.assertEqual(p.h2("/bmc/redfish/v1")[0], 200)
 
     def test_each_put_is_in_effect_when_it_is_answered(self):
         p = self.portico
