@@ -134,8 +134,9 @@ BMCREDFISH_API int Redfish_GetMacAddress(const char* user, const char* password,
  * through host has an interface with exactly the MAC address mac (required).
  * Returns 0 when the BMC answered 200 or 201; 40001 for a MAC the BMC does
  * not have (an empty mac is searched like any other), 40002 for a null mac or
- * when the search ends on a manager without interfaces (nothing sent); 40003 for a command the system does not
- * advertise (nothing sent); 40006 for the vendor's "no action needed" answer;
+ * when the search ends on a manager without interfaces (nothing sent); 40003
+ * for a command the system does not advertise (nothing sent); 40006 for the
+ * vendor's "no action needed" answer;
  * otherwise the BMC's HTTP status or another result code. Never sends twice.
  */
 BMCREDFISH_API int Redfish_PowerOperation(const char* user, const char* password, const char* host,
