@@ -104,6 +104,9 @@ namespace {
 // Runs cleanup when the library is unloaded or the process exits. Defined
 // after the registry, so it is destroyed, and cleans up, before the registry.
 struct Finaliser {
-  ~Finaliser() { cleanup(); }
+  ~Finaliser() {
+    cleanup();
+    redfish::ReleaseBmcHttpConnection();
+  }
 } gFinaliser;
 }  // namespace
