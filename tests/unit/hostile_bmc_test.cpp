@@ -228,3 +228,15 @@ TEST_F(HostileBmc, MalformedAnswersGiveCodesNotExceptions) {
   EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, kMac, REDFISHCMD_ON, 100),
             redfish::RedfishStatusNoActionNeeded);
 }
+
+TEST_F(HostileBmc, DeeplyNestedErrorObjectIsLoggedWithoutRecursion) {
+  // Parsing is iterative; writing a value back out for the log is not.
+  const std::string deep(200000, '[');
+  bmc.Json("/bmc/redfish/v1/Systems/1/?$select=PowerState",
+           R"({"error":{"code":)" + deep + std::string(200000, ']') + "}}");
+  bmc.Install();
+  bool on = false;
+  EXPECT_EQ(Redfish_GetPowerState("u", "p", nullptr, 100, &on),
+            redfish::RedfishStatusUnexpectedJson);
+  EXPECT_TRUE(log.Has(3, "Redfish Error Detected: Code='(nested too deeply)'"));
+}
