@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "connection/bmc_redfish_connection.h"
@@ -102,8 +103,9 @@ int BmcRedfishConnection::MakeHttpRequestGet(const std::string& url, std::string
 
   uint64_t size = kDefaultGetBufferSize;
   if (auto length = answer->GetHeader("Content-Length")) {
-    if (Level() >= 5)
+    if (Level() >= 5) {
       Service::LogInternal(logger, 5, "[ClientResponse::Content-Length] %1", *length);
+    }
     size = BufferSizeFor(*length);
   }
   const auto capacity = static_cast<uint32_t>(size);
