@@ -36,11 +36,14 @@ struct BuiltInSink {
   Kind kind = Kind::Stderr;
   int fd = -1;
   bool mask = false;
-  ~BuiltInSink() { Close(); }
+  // At unload or exit: a message logged later goes to standard error.
+  ~BuiltInSink() {
+    Close();
+    kind = Kind::Stderr;
+  }
   void Close() {
     if (fd >= 0) ::close(fd);
     fd = -1;
-    configured = false;
   }
 };
 
@@ -134,31 +137,33 @@ int SyslogPriority(int level) {
 }
 
 void WriteBuiltIn(const Logger& logger, int level, const std::string& message) {
-  BuiltInSink::Kind kind;
-  int fd;
+  std::mutex& mutex = SinkMutex();  // first, so that it outlives the sink at exit
+  BuiltInSink& sink = Sink();
   bool mask;
   {
-    std::lock_guard<std::mutex> lock(SinkMutex());
-    BuiltInSink& sink = Sink();
+    std::lock_guard<std::mutex> lock(mutex);
     if (!sink.configured) Configure(sink);
-    kind = sink.kind;
-    fd = sink.fd;
+    if (sink.kind == BuiltInSink::Kind::None) return;
     mask = sink.mask;
   }
-  if (kind == BuiltInSink::Kind::None) return;
   const std::string record = LogRecordText(mask ? MaskCredentials(message) : message);
-  switch (kind) {
+  const std::string line = Stamped(logger, level, record);
+  // Written under the lock, so that the file is not closed meanwhile; one
+  // write per record keeps records from concurrent threads whole.
+  std::lock_guard<std::mutex> lock(mutex);
+  switch (sink.kind) {
     case BuiltInSink::Kind::Syslog:
       // No openlog: the host process owns the ident and facility.
       syslog(LOG_USER | SyslogPriority(level), "%s[%d] %s", logger.GetName().c_str(), level,
              record.c_str());
       break;
     case BuiltInSink::Kind::File:
-      // One write per record keeps records from concurrent threads whole.
-      WriteAll(fd, Stamped(logger, level, record));
+      WriteAll(sink.fd, line);
       break;
-    default:
-      WriteAll(STDERR_FILENO, Stamped(logger, level, record));
+    case BuiltInSink::Kind::Stderr:
+      WriteAll(STDERR_FILENO, line);
+      break;
+    case BuiltInSink::Kind::None:
       break;
   }
 }
@@ -205,6 +210,7 @@ void SetLogSink(LogSink sink) {
 void ReconfigureLogSink() {
   std::lock_guard<std::mutex> lock(SinkMutex());
   Sink().Close();
+  Sink().configured = false;
 }
 
 void WriteLog(const Logger& logger, int level, const std::string& message) noexcept {
