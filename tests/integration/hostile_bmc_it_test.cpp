@@ -71,8 +71,8 @@ void Serve(const std::string& pattern, const std::string& body) {
   rapidjson::StringBuffer text;
   rapidjson::Writer<rapidjson::StringBuffer> w(text);
   w.StartArray();
-  const std::string spec = pattern + ":status=200,body=" + file;
-  w.String(spec.c_str());
+  const std::string fault = pattern + ":status=200,body=" + file;
+  w.String(fault.c_str());
   w.EndArray();
   Control("/faults", text.GetString());
 }
