@@ -104,7 +104,10 @@ namespace {
 // Closes every connection when the library is unloaded or the process exits.
 // Defined after the registry, so it is destroyed, and cleans up, before it.
 struct Finaliser {
-  ~Finaliser() { CleanupAll(); }
+  ~Finaliser() {
+    CleanupAll();
+    ReleaseBmcHttpConnection();
+  }
 } gFinaliser;
 }  // namespace
 

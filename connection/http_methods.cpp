@@ -1,9 +1,11 @@
 #include <algorithm>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "connection/bmc_redfish_connection.h"
+#include "connection/request_target.h"
 #include "utils/redfish_status.h"
 
 namespace redfish {
@@ -17,6 +19,47 @@ namespace {
 // POST and DELETE answers are read once, into a buffer of this size.
 constexpr uint32_t kSingleReadSize = 2048;
 constexpr uint32_t kDefaultGetBufferSize = 2048;
+// A larger body is read in several passes rather than into one buffer sized
+// by whatever Content-Length the answer claims.
+constexpr uint64_t kMaxGetBufferSize = 1 << 20;
+
+const char* MethodName(Http::HttpMethod method) {
+  if (method == Http::Get) return "GET";
+  if (method == Http::Post) return "POST";
+  return "DELETE";
+}
+
+// Builds the request unless its target, made from ids the BMC chose, could
+// leave the proxy's BMC route; a refused target is never sent.
+int CreateRequest(Http::HttpMethod method, const std::string& url, Service::Logger* logger,
+                  Ref<Http::ClientRequest>& request) {
+  const char* problem = UnsafeRequestTarget(url);
+  if (problem == nullptr) {
+    try {
+      Http::CreateHttpRequest(method, url, request);
+      return RedfishStatusOk;
+    } catch (const Tessel::InvalidArgumentException& e) {
+      problem = e.what();
+    }
+  }
+  if (LogsAt(logger, 3)) {
+    Service::LogInternal(logger, 3, "%1: refused request target '%2': %3", MethodName(method), url,
+                         problem);
+  }
+  return RedfishStatusInvalidArgument;
+}
+
+// Content-Length as a buffer size: digits only, else the default size. The
+// platform has already received the whole body, so the value is only a hint.
+uint64_t BufferSizeFor(std::string_view length) {
+  if (length.empty() || length.size() > 19) return kDefaultGetBufferSize;
+  uint64_t size = 0;
+  for (char c : length) {
+    if (c < '0' || c > '9') return kDefaultGetBufferSize;
+    size = size * 10 + static_cast<uint64_t>(c - '0');
+  }
+  return std::min(size, kMaxGetBufferSize);
+}
 
 void SetAuthentication(Http::ClientRequest& request, const std::optional<std::string>& token,
                        const std::string& jwt) {
@@ -27,11 +70,11 @@ void SetAuthentication(Http::ClientRequest& request, const std::optional<std::st
   }
 }
 
-// One read of at most kSingleReadSize bytes. A read of -1 asks for an
-// impossible size, which std::string refuses with a length error.
+// One read of at most kSingleReadSize bytes; a read of -1 (no body) gives an
+// empty text.
 std::string ReadOnce(Http::ClientResponse& response, Service::Logger* logger, int32_t& count) {
   std::vector<char> buffer(kSingleReadSize, '\0');
-  count = response.ReadBody(buffer.data(), kSingleReadSize);
+  count = std::max<int32_t>(response.ReadBody(buffer.data(), kSingleReadSize), 0);
   if (LogsAt(logger, 5)) {
     Service::LogInternal(logger, 5, "[ClientResponse::Read] Read %1 bytes", count);
   }
@@ -46,7 +89,7 @@ int BmcRedfishConnection::MakeHttpRequestGet(const std::string& url, std::string
                                              std::chrono::milliseconds timeout) {
   std::lock_guard<std::mutex> lock(requestMutex);
   Ref<Http::ClientRequest> request;
-  Http::CreateHttpRequest(Http::Get, url, request);
+  if (int refused = CreateRequest(Http::Get, url, logger, request)) return refused;
   if (LogsAt(logger, 5)) {
     Service::LogInternal(logger, 5, "SESSION_TOKEN: %1 _jwt: %2",
                          sessionToken ? *sessionToken : std::string("no value"), _jwt);
@@ -60,14 +103,12 @@ int BmcRedfishConnection::MakeHttpRequestGet(const std::string& url, std::string
 
   uint64_t size = kDefaultGetBufferSize;
   if (auto length = answer->GetHeader("Content-Length")) {
-    const std::string text(*length);
-    if (LogsAt(logger, 5))
-      Service::LogInternal(logger, 5, "[ClientResponse::Content-Length] %1", text);
-    size = std::stoull(text);  // junk raises std::invalid_argument / std::out_of_range
+    if (LogsAt(logger, 5)) {
+      Service::LogInternal(logger, 5, "[ClientResponse::Content-Length] %1", *length);
+    }
+    size = BufferSizeFor(*length);
   }
-  // The platform has already held the whole body within its own size limit,
-  // so a length beyond what a read can take is capped rather than allocated.
-  const uint32_t capacity = static_cast<uint32_t>(std::min<uint64_t>(size, UINT32_MAX / 2));
+  const auto capacity = static_cast<uint32_t>(size);
   std::vector<char> buffer(capacity, '\0');
   for (;;) {
     int32_t n = answer->ReadBody(buffer.data(), capacity);
@@ -88,7 +129,7 @@ int BmcRedfishConnection::MakeHttpRequestPost(const std::string& url, const std:
                                               std::chrono::milliseconds timeout) {
   std::lock_guard<std::mutex> lock(requestMutex);
   Ref<Http::ClientRequest> request;
-  Http::CreateHttpRequest(Http::Post, url, request);
+  if (int refused = CreateRequest(Http::Post, url, logger, request)) return refused;
   if (!skipAuth) SetAuthentication(*request, sessionToken, _jwt);
   request->SetHeader("Content-Type", "application/json");
   request->SetBody(body.data(), static_cast<uint32_t>(body.size()));
@@ -122,7 +163,7 @@ int BmcRedfishConnection::MakeHttpRequestDelete(const std::string& url, std::str
                                                 std::chrono::milliseconds timeout) {
   std::lock_guard<std::mutex> lock(requestMutex);
   Ref<Http::ClientRequest> request;
-  Http::CreateHttpRequest(Http::Delete, url, request);
+  if (int refused = CreateRequest(Http::Delete, url, logger, request)) return refused;
   SetAuthentication(*request, sessionToken, _jwt);
 
   Ref<Http::ClientResponse> answer;

@@ -9,6 +9,21 @@
  *
  * The library must be enabled by its hosting process first:
  *   FeatureState_Init(); *GetFeatureState_Slow("REDFISH") = 1;
+ *
+ * Exceptions (C++ callers): nothing a BMC, the proxy or its configuration
+ * endpoint sends makes a function throw; a request target built from ids the
+ * BMC chose that could leave the proxy's BMC route is refused unsent (10002,
+ * with a level-3 log line). Only failures the caller or the process causes
+ * leave as exceptions, and only from the four query functions below, when
+ * their call creates the host's connection (the first for a host, or the next
+ * after a failed one):
+ *   - credentials too long to encode: 40004, thrown as the library's status
+ *     enumeration (an integral type: catch (int) does not catch it, catch
+ *     (...) does);
+ *   - a null user or password: std::logic_error;
+ * and from any function, std::bad_alloc when memory runs out, or
+ * std::system_error when a mutex cannot be locked. Redfish_Initialize,
+ * Redfish_CloseConnection and cleanup throw only the last two.
  */
 #ifndef BMCREDFISH_H
 #define BMCREDFISH_H
@@ -117,9 +132,11 @@ BMCREDFISH_API int Redfish_GetMacAddress(const char* user, const char* password,
 /*
  * Sends a power command to the first system, but only when the BMC reached
  * through host has an interface with exactly the MAC address mac (required).
- * Returns 0 when the BMC answered 200 or 201; 40002 or 40001 for a MAC the BMC
- * does not have (nothing sent); 40003 for a command the system does not
- * advertise (nothing sent); 40006 for the vendor's "no action needed" answer;
+ * Returns 0 when the BMC answered 200 or 201; 40001 for a MAC the BMC does
+ * not have (an empty mac is searched like any other), 40002 for a null mac or
+ * when the search ends on a manager without interfaces (nothing sent); 40003
+ * for a command the system does not advertise (nothing sent); 40006 for the
+ * vendor's "no action needed" answer;
  * otherwise the BMC's HTTP status or another result code. Never sends twice.
  */
 BMCREDFISH_API int Redfish_PowerOperation(const char* user, const char* password, const char* host,

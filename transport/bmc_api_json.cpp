@@ -24,6 +24,10 @@ constexpr char kAddressPointer[] =
     "/proxy_configuration/clusters/0/endpoints/0/socket_address/address";
 // The route file is small; a longer document is cut here and fails to parse.
 constexpr uint32_t kMaxDocumentBytes = 2048;
+// The configuration endpoint is a local service: one that hangs should cost a
+// first call (which holds the registry lock meanwhile) little, not the
+// platform's 10 s default.
+constexpr int64_t kConfigExchangeTimeoutUs = 2000000;
 
 // Used when the proxy has no route document yet: local clients only, "/bmc/"
 // rewritten to "/" and sent to the BMC on port 443.
@@ -75,6 +79,13 @@ const std::string kBmcApiJsonTemplate = R"({
       }
    })";
 
+void SendToConfigEndpoint(Http::HttpUserAgent& agent, Http::ClientRequest& request,
+                          Ref<Http::ClientResponse>& response) {
+  Ref<Http::PendingExchange> handle;
+  agent.AsyncSendRequest(&request, {}, handle);
+  agent.WaitForResponse(handle.Get(), kConfigExchangeTimeoutUs, response);
+}
+
 }  // namespace
 
 int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
@@ -95,7 +106,7 @@ int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
     Ref<Http::ClientRequest> request;
     Http::CreateHttpRequest(Http::Get, kBmcApiJsonPath, request);
     Ref<Http::ClientResponse> response;
-    agent->SendRequest(request.Get(), response);
+    SendToConfigEndpoint(*agent, *request, response);
     const Http::ClientResponse::Status status = response->GetStatus();
     if (status.code == Http::ResponseCode::Ok) {
       if (LogsAt(_logger.Get(), 5)) {
@@ -142,7 +153,15 @@ int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
                    json.GetAllocator());
   rapidjson::StringBuffer text;
   rapidjson::Writer<rapidjson::StringBuffer> writer(text);
-  json.Accept(writer);
+  // The writer stops at a value JSON cannot hold (a number that parsed to
+  // infinity); what it wrote by then is not a document to PUT.
+  if (!json.Accept(writer)) {
+    if (LogsAt(_logger.Get(), 3)) {
+      Service::LogInternal(_logger, 3, "Cannot serialise %1 after setting the address",
+                           kBmcApiJsonPath);
+    }
+    return RedfishStatusBadJson;
+  }
 
   try {
     Ref<Http::ConnectionSpec> spec;
@@ -153,7 +172,7 @@ int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
     request->SetBody(text.GetString(), static_cast<uint32_t>(text.GetSize()));
     request->SetHeader("Content-Type", "application/json");
     Ref<Http::ClientResponse> response;
-    agent->SendRequest(request.Get(), response);
+    SendToConfigEndpoint(*agent, *request, response);
     const Http::ClientResponse::Status status = response->GetStatus();
     if (status.code != Http::ResponseCode::NoContent) {
       if (LogsAt(_logger.Get(), 3))

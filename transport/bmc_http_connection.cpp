@@ -30,6 +30,11 @@ const char* MethodName(Http::HttpMethod method) {
 
 BmcHttpConnection::BmcHttpConnection() = default;
 
+void ReleaseBmcHttpConnection() noexcept {
+  std::lock_guard<std::mutex> lock(BmcHttpConnection::gMutex);
+  delete BmcHttpConnection::instance.exchange(nullptr, std::memory_order_acq_rel);
+}
+
 BmcHttpConnection* BmcHttpConnection::GetInstance(const Ref<Service::Logger>& logger) {
   BmcHttpConnection* existing = instance.load(std::memory_order_acquire);
   if (existing != nullptr) return existing;

@@ -16,7 +16,7 @@ namespace redfish {
 
 // The process-wide road to the BMC: an HTTP/2 pool to the local proxy, the
 // proxy's route to the BMC, and the BMC's address from SMBIOS. Created once,
-// never destroyed.
+// freed only when the library is unloaded (ReleaseBmcHttpConnection).
 class BMCREDFISH_EXPORT BmcHttpConnection {
  public:
   BmcHttpConnection();
@@ -51,5 +51,10 @@ class BMCREDFISH_EXPORT BmcHttpConnection {
   LazyRef<Tessel::Http::ConnectionSpec> spec_;
   LazyRef<Tessel::Http::HttpConnectionPool> pool_;
 };
+
+// Frees the singleton with its ConnectionSpec and pool. Only for the library's
+// finaliser, once no connection is left to use them; a later GetInstance
+// would create a new one.
+void ReleaseBmcHttpConnection() noexcept;
 
 }  // namespace redfish

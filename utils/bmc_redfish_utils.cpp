@@ -41,12 +41,6 @@ std::string Compact(const rapidjson::Value& value) {
   return std::string(buffer.GetString(), buffer.GetSize());
 }
 
-std::string AsText(const rapidjson::Value* value) {
-  if (value == nullptr || value->IsNull()) return {};
-  if (value->IsString()) return std::string(value->GetString(), value->GetStringLength());
-  return Compact(*value);
-}
-
 constexpr size_t kMaxWriteDepth = 1000;
 
 size_t NestingDepth(const rapidjson::Value& root) {
@@ -64,6 +58,14 @@ size_t NestingDepth(const rapidjson::Value& root) {
     }
   }
   return deepest;
+}
+
+// The writer recurses, so a pathologically deep value is not written out.
+std::string AsText(const rapidjson::Value* value) {
+  if (value == nullptr || value->IsNull()) return {};
+  if (value->IsString()) return std::string(value->GetString(), value->GetStringLength());
+  if (NestingDepth(*value) > kMaxWriteDepth) return "(nested too deeply)";
+  return Compact(*value);
 }
 
 }  // namespace

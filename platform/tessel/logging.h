@@ -3,6 +3,7 @@
 #include <atomic>
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "platform/tessel/format.h"
 #include "platform/tessel/ref.h"
@@ -25,10 +26,26 @@ class Logger : public RefCounted {
 
 Ref<Logger> CreateLogger(const char* name);
 
-// Where finished messages go. The default sink writes each message as one
-// line on standard error. Installing an empty function restores the default.
+// Where finished messages go. Installing an empty function restores the
+// built-in sink, which the environment chooses when it first writes:
+//   BMCREDFISH_LOG=stderr (default) | syslog | none | file:/path
+//     (the file is appended to, created with mode 0600; one that cannot be
+//     opened leaves the log on standard error)
+//   BMCREDFISH_LOG_MASK=1 writes "***" for the Base64 text after "_jwt: " and
+//     "Basic ", the credentials of the request traces.
+// The built-in sink writes each message as one record (LogRecordText).
 using LogSink = std::function<void(const Logger& logger, int level, const std::string& message)>;
 void SetLogSink(LogSink sink);
+// Makes the built-in sink read the environment again at its next message.
+void ReconfigureLogSink();
+
+// A record never carries more than this many bytes of message text.
+constexpr size_t kMaxLogRecordBytes = 4096;
+// A message as one line: without its own final line break, control bytes
+// escaped ("\n", "\r", "\t", "\xHH"), cut to kMaxLogRecordBytes with
+// " [cut N bytes]" naming how many message bytes were left out. Text a BMC
+// sent can thus neither forge a record nor make a huge one.
+std::string LogRecordText(std::string_view message);
 
 // Hands a finished message to the sink; swallows anything the sink throws.
 void WriteLog(const Logger& logger, int level, const std::string& message) noexcept;

@@ -16,6 +16,9 @@ struct FakeExchange : Tessel::Http::PendingExchange {
 namespace fake_http {
 namespace {
 
+// Only the latest requests are kept, so a long fuzzing run does not grow.
+constexpr size_t kMaxKeptRequests = 4096;
+
 std::mutex gMutex;
 Handler gHandler;
 std::vector<Request> gRequests;
@@ -25,6 +28,9 @@ Reply Answer(Request request) {
   Handler handler;
   {
     std::lock_guard<std::mutex> lock(gMutex);
+    if (gRequests.size() >= kMaxKeptRequests) {
+      gRequests.erase(gRequests.begin(), gRequests.begin() + kMaxKeptRequests / 2);
+    }
     gRequests.push_back(request);
     handler = gHandler;
   }

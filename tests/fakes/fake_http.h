@@ -37,6 +37,7 @@ using Handler = std::function<Reply(const Request&)>;
 // Replaces the script and forgets earlier requests. Without a handler every
 // request is answered 404.
 void SetHandler(Handler handler);
+// The requests since SetHandler; only the latest few thousand are kept.
 std::vector<Request> Requests();
 int PoolsCreated();
 

@@ -1,0 +1,205 @@
+// What a hostile BMC can make the library send, throw or skip.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "bmcredfish.h"
+#include "connection/request_target.h"
+#include "platform/feature_state.h"
+#include "tests/fakes/fake_sysinfo.h"
+#include "tests/unit/test_support.h"
+#include "transport/bmc_http_connection.h"
+#include "utils/redfish_status.h"
+
+using redfish::UnsafeRequestTarget;
+using test_support::LogCapture;
+using test_support::ScriptedBmc;
+namespace Http = Tessel::Http;
+
+TEST(RequestTarget, OnlyPlainPathsUnderTheBmcRoutePass) {
+  for (const char* safe :
+       {"/bmc/redfish/v1/Systems", "/bmc/redfish/v1/Systems/1/?$select=PowerState",
+        "/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)",
+        "/bmc/redfish/v1/Chassis/iDRAC.Embedded.1%23Cpu", "/bmc/a..b/.x/y./z", "/bmc/"}) {
+    EXPECT_EQ(UnsafeRequestTarget(safe), nullptr) << safe;
+  }
+  const std::vector<std::string> unsafe = {"/bmc",
+                                           "/bmcx/y",
+                                           "/portico/config/json/bmcApi.json",
+                                           "bmc/x",
+                                           "http://evil/bmc/",
+                                           "/bmc/System 1",
+                                           "/bmc/a\r\nX-Injected: 1",
+                                           "/bmc/a\tb",
+                                           std::string("/bmc/a\0b", 8),
+                                           "/bmc/a\x7f",
+                                           "/bmc/a#frag",
+                                           "/bmc/a\\..\\b",
+                                           "/bmc/../portico",
+                                           "/bmc/a/./b",
+                                           "/bmc/a/..",
+                                           "/bmc/a/.",
+                                           "/bmc/a/..?$select=x",
+                                           "/bmc/%2e%2e/portico",
+                                           "/bmc/%2E",
+                                           "/bmc/a%2fb",
+                                           "/bmc/a%2Fb",
+                                           "/bmc/a%5cb",
+                                           "/bmc/a%0d%0ab",
+                                           "/bmc/a%7F",
+                                           "/bmc/a%",
+                                           "/bmc/a%zz"};
+  for (const auto& target : unsafe) EXPECT_NE(UnsafeRequestTarget(target), nullptr) << target;
+}
+
+namespace {
+
+const char kMac[] = "AA:BB:CC:DD:EE:01";
+
+struct HostileBmc : testing::Test {
+  HostileBmc() {
+    FeatureState_Init();
+    *GetFeatureState_Slow("REDFISH") = 1;
+    fake_sysinfo::SetIpv4(127, 0, 42, 1);
+    redfish::BmcHttpConnection::_bmcJsonUpdated = true;
+    Members("/bmc/redfish/v1/Systems", "/redfish/v1/Systems/1");
+    Members("/bmc/redfish/v1/Managers", "/redfish/v1/Managers/1");
+    Members("/bmc/redfish/v1/Managers/1/EthernetInterfaces", "/redfish/v1/Managers/1/NIC/1");
+    Members("/bmc/redfish/v1/Chassis", "/redfish/v1/Chassis/1");
+    bmc.Json("/bmc/redfish/v1/Managers/1/NIC/1/?$select=MACAddress",
+             std::string(R"({"MACAddress":")") + kMac + "\"}")
+        .Json("/bmc/redfish/v1/Systems/1/?$select=Manufacturer", R"({"Manufacturer":"Dell"})")
+        .Json("/bmc/redfish/v1/Systems/1/?$select=PowerState", R"({"PowerState":"On"})")
+        .Json("/bmc/redfish/v1/Chassis/1/Sensors", "{}")
+        .Json("/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)", R"({"Members":[]})");
+    bmc.Json("/bmc/redfish/v1/Systems/1/?$select=Actions",
+             R"({"Actions":{"#ComputerSystem.Reset":{"target":"/r",)"
+             R"("ResetType@Redfish.AllowableValues":["On"]}}})");
+    bmc.Install();
+  }
+  ~HostileBmc() override { cleanup(); }
+  void Members(const std::string& collection, const std::string& id) {
+    bmc.Json(collection, R"({"Members":[{"@odata.id":)" + Quoted(id) + "}]}");
+  }
+  // A JSON string holding any bytes, control bytes as \u escapes.
+  static std::string Quoted(const std::string& text) {
+    std::string out = "\"";
+    for (unsigned char c : text) {
+      char escaped[8];
+      if (c < 0x20 || c == '"' || c == '\\' || c == 0x7f) {
+        std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
+        out += escaped;
+      } else {
+        out += static_cast<char>(c);
+      }
+    }
+    return out + "\"";
+  }
+  ScriptedBmc bmc;
+  LogCapture log;
+};
+
+const std::vector<std::string> kHostileIds = {"/redfish/v1/X 1",
+                                              "/redfish/v1/X\r\nX-Injected: 1",
+                                              "/redfish/v1/X\t1",
+                                              std::string("/redfish/v1/X\0", 14),
+                                              "/redfish/v1/X\x7f",
+                                              "/redfish/v1/../../portico",
+                                              "/redfish/v1/./X",
+                                              "/redfish/v1/X/..",
+                                              "/redfish/v1/%2e%2e/portico",
+                                              "/redfish/v1/%2E%2E",
+                                              "/redfish/v1/a%2fb",
+                                              "@evil/redfish"};
+
+}  // namespace
+
+TEST_F(HostileBmc, IdsThatCouldLeaveTheRouteAreRefusedBeforeSending) {
+  struct Place {
+    const char* collection;
+    const char* plainId;
+    int (*call)();
+  };
+  const Place places[] = {
+      {"/bmc/redfish/v1/Systems", "/redfish/v1/Systems/1",
+       [] {
+         bool on;
+         return Redfish_GetPowerState("u", "p", nullptr, 100, &on);
+       }},
+      {"/bmc/redfish/v1/Managers", "/redfish/v1/Managers/1",
+       [] { return Redfish_GetMacAddress("u", "p", nullptr, nullptr, 100, nullptr, nullptr); }},
+      {"/bmc/redfish/v1/Managers/1/EthernetInterfaces", "/redfish/v1/Managers/1/NIC/1",
+       [] { return Redfish_GetMacAddress("u", "p", nullptr, kMac, 100, nullptr, nullptr); }},
+      {"/bmc/redfish/v1/Chassis", "/redfish/v1/Chassis/1",
+       [] { return Redfish_GetSensorsInfo("u", "p", nullptr, 100, nullptr, nullptr); }},
+  };
+  for (const Place& place : places) {
+    for (const std::string& id : kHostileIds) {
+      Members(place.collection, id);
+      bmc.Install();
+      log.Clear();
+      EXPECT_EQ(place.call(), redfish::RedfishStatusInvalidArgument)
+          << place.collection << " " << Quoted(id);
+      EXPECT_TRUE(log.HasPrefix(3, "GET: refused request target '/bmc" + id.substr(0, 1)))
+          << place.collection << " " << Quoted(id);
+      for (const auto& target : ScriptedBmc::Targets()) {
+        EXPECT_EQ(UnsafeRequestTarget(target), nullptr) << "sent " << Quoted(target);
+      }
+      cleanup();
+    }
+    Members(place.collection, place.plainId);
+  }
+}
+
+TEST_F(HostileBmc, EmptyMacIsSearchedButAnEmptyAnswerNeverResets) {
+  log.Clear();
+  EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, "", REDFISHCMD_ON, 100),
+            redfish::RedfishStatusNoMember);
+  EXPECT_TRUE(log.Has(3, "No NIC found with MAC addr: "));
+
+  // A manager without interfaces ends the search as a success with no MAC.
+  cleanup();
+  bmc.Json("/bmc/redfish/v1/Managers/1/EthernetInterfaces", R"({"Members":[]})");
+  bmc.Install();
+  log.Clear();
+  for (const char* mac : {"", kMac}) {
+    EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, mac, REDFISHCMD_ON, 100),
+              redfish::RedfishStatusMacMismatch)
+        << mac;
+    EXPECT_TRUE(log.Has(3, std::string("Invalid MAC address (") + mac + "). Expected ()")) << mac;
+  }
+  for (const auto& r : fake_http::Requests()) EXPECT_NE(r.method, Http::Post);
+
+  fake_sysinfo::Current().record[4] = 0;  // no BMC address: the connection's failure comes back
+  cleanup();
+  redfish::BmcHttpConnection::_bmcJsonUpdated = false;
+  EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, "", REDFISHCMD_ON, 100),
+            redfish::RedfishStatusNoBmcAddress);
+}
+
+TEST_F(HostileBmc, RouteDocumentThatCannotBeWrittenBackFailsTheUpdate) {
+  redfish::BmcHttpConnection::_bmcJsonUpdated = false;
+  // Parses, but the number is infinity, which JSON cannot write.
+  bmc.Json("/portico/config/json/bmcApi.json",
+           R"({"proxy_configuration":{"clusters":[{"endpoints":[{"socket_address":)"
+           R"({"address":"","port_value":1.7976931348623158e308}}]}]}})");
+  bmc.Install();
+  bool on = false;
+  EXPECT_EQ(Redfish_GetPowerState("u", "p", nullptr, 100, &on), redfish::RedfishStatusBadJson);
+  EXPECT_TRUE(log.HasPrefix(3, "Cannot serialise /portico/config/json/bmcApi.json"));
+  for (const auto& r : fake_http::Requests()) EXPECT_NE(r.method, Http::Put);
+  EXPECT_FALSE(redfish::BmcHttpConnection::_bmcJsonUpdated.load());
+}
+
+TEST_F(HostileBmc, DeeplyNestedErrorObjectIsLoggedWithoutRecursion) {
+  // Parsing is iterative; writing a value back out for the log is not.
+  const std::string deep(200000, '[');
+  bmc.Json("/bmc/redfish/v1/Systems/1/?$select=PowerState",
+           R"({"error":{"code":)" + deep + std::string(200000, ']') + "}}");
+  bmc.Install();
+  bool on = false;
+  EXPECT_EQ(Redfish_GetPowerState("u", "p", nullptr, 100, &on),
+            redfish::RedfishStatusUnexpectedJson);
+  EXPECT_TRUE(log.Has(3, "Redfish Error Detected: Code='(nested too deeply)'"));
+}

@@ -1,0 +1,103 @@
+// The built-in log sink: one record per line whatever the message holds, a
+// bounded record, the destination and masking chosen by the environment.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "platform/tessel/logging.h"
+
+using Tessel::Service::kMaxLogRecordBytes;
+using Tessel::Service::LogRecordText;
+
+TEST(LogRecord, ControlBytesAreEscapedAndLongMessagesCut) {
+  EXPECT_EQ(LogRecordText("Bad JSON: 'x'\n"), "Bad JSON: 'x'") << "own final line break dropped";
+  EXPECT_EQ(LogRecordText("a\nb\r\tc"), "a\\nb\\r\\tc");
+  EXPECT_EQ(LogRecordText(std::string("n\0l\x1b[31m\x7f", 9)), "n\\x00l\\x1b[31m\\x7f");
+  EXPECT_EQ(LogRecordText("caf\xc3\xa9 \\n"), "caf\xc3\xa9 \\n") << "UTF-8 and backslashes kept";
+
+  const std::string huge(60 << 20, 'x');
+  const std::string cut = LogRecordText(huge);
+  EXPECT_EQ(cut, std::string(kMaxLogRecordBytes, 'x') + " [cut " +
+                     std::to_string(huge.size() - kMaxLogRecordBytes) + " bytes]");
+  // An escape is never split: the record stops before it.
+  const std::string lines(kMaxLogRecordBytes, '\n');
+  const std::string half = LogRecordText("x" + lines);
+  EXPECT_EQ(half.substr(0, 3), "x\\n");
+  EXPECT_EQ(half.find(" [cut "), 1 + 2 * ((kMaxLogRecordBytes - 1) / 2));
+  EXPECT_EQ(half.find('\n'), std::string::npos);
+}
+
+namespace {
+
+struct BuiltInSink : testing::Test {
+  BuiltInSink() : logger(Tessel::Service::CreateLogger("Redfish")) {
+    logger->SetLevel(6);
+    path = testing::TempDir() + "bmcredfish-log-" + std::to_string(getpid());
+    unlink(path.c_str());
+  }
+  ~BuiltInSink() override {
+    unsetenv("BMCREDFISH_LOG");
+    unsetenv("BMCREDFISH_LOG_MASK");
+    Tessel::Service::ReconfigureLogSink();
+    unlink(path.c_str());
+  }
+  void Use(const std::string& destination, bool mask = false) {
+    setenv("BMCREDFISH_LOG", destination.c_str(), 1);
+    if (mask) setenv("BMCREDFISH_LOG_MASK", "1", 1);
+    Tessel::Service::ReconfigureLogSink();
+  }
+  std::string File() const {
+    std::ifstream in(path);
+    std::stringstream text;
+    text << in.rdbuf();
+    return text.str();
+  }
+  Tessel::Ref<Tessel::Service::Logger> logger;
+  std::string path;
+};
+
+}  // namespace
+
+TEST_F(BuiltInSink, FileIsPrivateAndAForgedRecordStaysInsideItsLine) {
+  Use("file:" + path);
+  Tessel::Service::LogInternal(logger, 3, "Bad JSON: '%1'",
+                               "{}\n2026-01-01T00:00:00.000000Z Redfish[3] forged");
+  struct stat st {};
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600);
+  const std::string text = File();
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 1) << text;
+  EXPECT_NE(text.find(" Redfish[3] Bad JSON: '{}\\n2026-01-01T00:00:00.000000Z Redfish[3] forged'"),
+            std::string::npos)
+      << text;
+}
+
+TEST_F(BuiltInSink, MaskHidesOnlyTheCredentials) {
+  const char* trace = "SESSION_TOKEN: %1 _jwt: %2";
+  Use("file:" + path);
+  Tessel::Service::LogInternal(logger, 5, trace, "no value", "YWRtaW46c2VjcmV0");
+  Use("file:" + path, true);
+  Tessel::Service::LogInternal(logger, 5, trace, "no value", "YWRtaW46c2VjcmV0");
+  Tessel::Service::LogInternal(logger, 5, "Authorization: Basic %1 kept", "YWRtaW46c2VjcmV0");
+  const std::string text = File();
+  EXPECT_NE(text.find("SESSION_TOKEN: no value _jwt: YWRtaW46c2VjcmV0\n"), std::string::npos);
+  EXPECT_NE(text.find("SESSION_TOKEN: no value _jwt: ***\n"), std::string::npos) << text;
+  EXPECT_NE(text.find("Authorization: Basic *** kept\n"), std::string::npos) << text;
+}
+
+TEST_F(BuiltInSink, NoneWritesNothingAndAnUnopenableFileFallsBackToStderr) {
+  Use("none");
+  testing::internal::CaptureStderr();
+  Tessel::Service::LogInternal(logger, 3, "dropped");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+
+  Use("file:/nonexistent-dir/log");
+  testing::internal::CaptureStderr();
+  Tessel::Service::LogInternal(logger, 3, "kept");
+  EXPECT_NE(testing::internal::GetCapturedStderr().find("Redfish[3] kept\n"), std::string::npos);
+}
