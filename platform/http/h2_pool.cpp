@@ -17,6 +17,7 @@
 #include <chrono>
 #include <climits>
 #include <cstring>
+#include <type_traits>
 
 #include "platform/http/connection_pool.h"
 #include "platform/tessel/logging.h"
@@ -84,31 +85,33 @@ nghttp2_nv Nv(const std::string& name, const std::string& value) {
 }
 
 // Pools alive, for the finaliser; and helper threads that ended on their own
-// and wait to be joined. Heap-allocated and never freed: nothing here has a
-// destructor that could run before the finaliser.
+// and wait to be joined. Trivially destructible (std::mutex is, here), so no
+// destructor of it runs at exit before the finaliser or a late pool.
 struct Globals {
   std::mutex mutex;
   PoolCore* head = nullptr;
-  std::vector<std::thread> finished;
+  std::vector<std::thread>* finished = nullptr;  // allocated only while non-empty
   bool closed = false;
 };
-Globals& G() {
-  static Globals* g = new Globals;
-  return *g;
+static_assert(std::is_trivially_destructible<Globals>::value, "Globals must have no destructor");
+Globals g_globals;
+Globals& G() { return g_globals; }
+
+// Takes the parked threads that are not the calling one.
+std::vector<std::thread> TakeFinished() {
+  std::vector<std::thread> out, keep;
+  std::lock_guard<std::mutex> lock(G().mutex);
+  if (G().finished == nullptr) return out;
+  for (auto& t : *G().finished) {
+    (t.get_id() == std::this_thread::get_id() ? keep : out).push_back(std::move(t));
+  }
+  delete G().finished;
+  G().finished = keep.empty() ? nullptr : new std::vector<std::thread>(std::move(keep));
+  return out;
 }
 
 void JoinFinishedHelpers() {
-  std::vector<std::thread> done;
-  {
-    std::lock_guard<std::mutex> lock(G().mutex);
-    for (auto& t : G().finished) {
-      if (t.get_id() != std::this_thread::get_id()) done.push_back(std::move(t));
-    }
-    G().finished.erase(std::remove_if(G().finished.begin(), G().finished.end(),
-                                      [](const std::thread& t) { return !t.joinable(); }),
-                       G().finished.end());
-  }
-  for (auto& t : done) t.join();
+  for (auto& t : TakeFinished()) t.join();
 }
 
 void JoinOrPark(std::thread& t) {
@@ -116,7 +119,8 @@ void JoinOrPark(std::thread& t) {
   if (t.get_id() == std::this_thread::get_id()) {
     // A pool dropped in its own callback: the thread ends by itself.
     std::lock_guard<std::mutex> lock(G().mutex);
-    G().finished.push_back(std::move(t));
+    if (G().finished == nullptr) G().finished = new std::vector<std::thread>();
+    G().finished->push_back(std::move(t));
   } else {
     t.join();
   }
@@ -307,6 +311,8 @@ void PoolCore::Lead(Lock& lock, const std::function<bool()>& done, int64_t deadl
       cv.wait_for(lock, std::chrono::microseconds(deadline - now));
     }
   }
+  for (auto& w : toWake_) w->ended.notify_one();
+  toWake_.clear();
   if (!driving_) HandOver();
 }
 
@@ -365,7 +371,11 @@ void PoolCore::Finish(Exchange& ex, Ref<ClientResponse> response, Failure failur
   ex.state = Exchange::State::Done;
   ex.response = std::move(response);
   ex.failure = std::move(failure);
-  ex.ended.notify_one();
+  if (deferWake_) {
+    toWake_.push_back(Ref<Exchange>(&ex));
+  } else {
+    ex.ended.notify_one();
+  }
   if (ex.callback && !stopped_) {
     --callbacksPending_;
     callbacks_.push_back(Ref<Exchange>(&ex));
@@ -420,10 +430,19 @@ bool PoolCore::DriveOnce(Lock& lock, int64_t deadline) {
         std::min<int64_t>(INT_MAX, std::max<int64_t>(0, (until - Now() + 999) / 1000)));
   }
   const int fd = fd_;
+  std::vector<Ref<Exchange>> wake;
+  wake.swap(toWake_);
   lock.unlock();
+  for (auto& w : wake) w->ended.notify_one();
+  wake.clear();
   const int ready = poll(fds, n, timeoutMs);
   lock.lock();
   if (ready < 0) return false;
+  struct Defer {
+    bool& flag;
+    explicit Defer(bool& f) : flag(f) { flag = true; }
+    ~Defer() { flag = false; }
+  } defer(deferWake_);
   if (fds[0].revents != 0) {
     uint64_t v;
     (void)!read(wake_, &v, sizeof v);
@@ -518,18 +537,20 @@ void PoolCore::ConnectFailed(int error) {
 }
 
 void PoolCore::Connected() {
-  static nghttp2_session_callbacks* callbacks = [] {
-    nghttp2_session_callbacks* c = nullptr;
-    nghttp2_session_callbacks_new(&c);
-    nghttp2_session_callbacks_set_on_header_callback(c, &PoolCore::OnHeader);
-    nghttp2_session_callbacks_set_on_data_chunk_recv_callback(c, &PoolCore::OnData);
-    nghttp2_session_callbacks_set_on_frame_recv_callback(c, &PoolCore::OnFrameRecv);
-    nghttp2_session_callbacks_set_on_frame_send_callback(c, &PoolCore::OnFrameSend);
-    nghttp2_session_callbacks_set_on_stream_close_callback(c, &PoolCore::OnStreamClose);
-    return c;
-  }();
+  // The session copies the callbacks; nothing is kept that an unload would leak.
+  nghttp2_session_callbacks* callbacks = nullptr;
+  int rc = nghttp2_session_callbacks_new(&callbacks);
+  if (rc == 0) {
+    nghttp2_session_callbacks_set_on_header_callback(callbacks, &PoolCore::OnHeader);
+    nghttp2_session_callbacks_set_on_data_chunk_recv_callback(callbacks, &PoolCore::OnData);
+    nghttp2_session_callbacks_set_on_frame_recv_callback(callbacks, &PoolCore::OnFrameRecv);
+    nghttp2_session_callbacks_set_on_frame_send_callback(callbacks, &PoolCore::OnFrameSend);
+    nghttp2_session_callbacks_set_on_stream_close_callback(callbacks, &PoolCore::OnStreamClose);
+    rc = nghttp2_session_client_new(&session_, callbacks, this);
+    nghttp2_session_callbacks_del(callbacks);
+  }
   addressIndex_ = 0;
-  if (callbacks == nullptr || nghttp2_session_client_new(&session_, callbacks, this) != 0) {
+  if (rc != 0) {
     session_ = nullptr;
     return ConnectFailed(ENOMEM);
   }
@@ -818,8 +839,11 @@ void PoolCore::StopAll() noexcept {
     G().closed = true;
     // A pool whose destructor waits for this mutex is still whole here.
     for (PoolCore* c = G().head; c != nullptr; c = c->next_) c->StopNoJoin(later);
-    for (auto& t : G().finished) later.push_back(std::move(t));
-    G().finished.clear();
+    if (G().finished != nullptr) {
+      for (auto& t : *G().finished) later.push_back(std::move(t));
+      delete G().finished;
+      G().finished = nullptr;
+    }
   }
   for (auto& t : later) {
     if (t.get_id() == std::this_thread::get_id()) {

@@ -175,6 +175,10 @@ class PoolCore : public RefCounted {
   std::unordered_map<int32_t, Ref<Exchange>> streams_;
   std::vector<Exchange*> waiters_;
   std::vector<Ref<Exchange>> callbacks_;
+  // Waiters whose exchange the leader ended while reading: woken once it
+  // lets go of the mutex, so they do not wake only to block on it.
+  std::vector<Ref<Exchange>> toWake_;
+  bool deferWake_ = false;
 
   // The helper thread for exchanges with callbacks.
   std::thread helper_;
