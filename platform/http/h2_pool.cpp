@@ -301,7 +301,7 @@ void PoolCore::Lead(Lock& lock, const std::function<bool()>& done, int64_t deadl
     if (now >= deadline) break;
     if (!driving_) {
       driving_ = true;
-      DriveOnce(lock, deadline);
+      DriveOnce(lock, deadline, done);
       driving_ = false;
       if (stopped_) driverGone_.notify_all();
       RunCallbacks(lock);
@@ -400,7 +400,7 @@ void PoolCore::Requeue(const Ref<Exchange>& ex) {
   queue_.push_front(ex);
 }
 
-bool PoolCore::DriveOnce(Lock& lock, int64_t deadline) {
+bool PoolCore::DriveOnce(Lock& lock, int64_t deadline, const std::function<bool()>& done) {
   if (conn_ == Conn::None && !queue_.empty()) StartConnect();
   if (conn_ == Conn::Up) SubmitQueued();
   if (session_ != nullptr) Flush();
@@ -410,6 +410,7 @@ bool PoolCore::DriveOnce(Lock& lock, int64_t deadline) {
     return true;  // the next round opens a new one for what is queued
   }
   if (conn_ == Conn::None && !queue_.empty()) return true;
+  if (done()) return true;  // e.g. a connect that failed at once ended it
 
   pollfd fds[2] = {{wake_, POLLIN, 0}, {fd_, 0, 0}};
   nfds_t n = 1;

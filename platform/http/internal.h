@@ -119,7 +119,7 @@ class PoolCore : public RefCounted {
   enum class Conn { None, Connecting, Up, Draining };
   using Lock = std::unique_lock<std::mutex>;
 
-  bool DriveOnce(Lock& lock, int64_t deadlineUs);
+  bool DriveOnce(Lock& lock, int64_t deadlineUs, const std::function<bool()>& done);
   void Lead(Lock& lock, const std::function<bool()>& done, int64_t deadlineUs,
             std::condition_variable& cv);
   void HandOver();

@@ -43,7 +43,7 @@ Ref<ClientRequest> MakeGet(const char* target) {
 }  // namespace
 
 // Leaves a request to /hang on the wire. With exitInCallback, a second one
-// calls exit() from its completion callback, on the I/O thread.
+// calls exit() from its completion callback, on the pool's callback thread.
 extern "C" __attribute__((visibility("default"))) int StartExchangeInFlight(int port,
                                                                             int exitInCallback) {
   try {

@@ -1,5 +1,5 @@
 // Unloading the library, or exiting, with an exchange in flight neither
-// crashes nor hangs: the I/O thread is stopped and joined first.
+// crashes nor hangs: pools are stopped and their callback threads joined first.
 #include <dlfcn.h>
 #include <signal.h>
 #include <spawn.h>
@@ -48,7 +48,7 @@ int RunHelper(std::vector<std::string> args) {
 TEST(Unload, ExitWithAnExchangeInFlight) {
   const std::string helper = Env("HTTP_EXIT_HELPER");
   EXPECT_EQ(RunHelper({helper, "80"}), 0);
-  EXPECT_EQ(RunHelper({helper, "80", "callback"}), 0) << "exit() on the I/O thread";
+  EXPECT_EQ(RunHelper({helper, "80", "callback"}), 0) << "exit() on the callback thread";
 }
 
 }  // namespace
