@@ -236,30 +236,6 @@ TEST(Errors, NoAnswerTimesOutCancelsAndIsNeverErrno110) {
   EXPECT_GE(SecondsSince(start), 0.4);
 }
 
-TEST(Errors, InvalidArguments) {
-  Endpoint ep(80);
-  Ref<PendingExchange> handle;
-  Ref<ClientResponse> response;
-  EXPECT_THROW(ep.agent->AsyncSendRequest(nullptr, nullptr, handle), InvalidArgumentException);
-  for (auto bad : {MakeRef<ClientRequest>(static_cast<HttpMethod>(99), "/x"),
-                   MakeRef<ClientRequest>(Get, "x y")}) {
-    EXPECT_THROW(ep.agent->AsyncSendRequest(bad.Get(), nullptr, handle), InvalidArgumentException);
-  }
-  EXPECT_THROW(ep.agent->WaitForResponse(nullptr, 1, response), InvalidArgumentException);
-  ep.agent->AsyncSendRequest(Request(Get, "/hello").Get(), nullptr, handle);
-  EXPECT_THROW(ep.agent->WaitForResponse(handle.Get(), -1, response), InvalidArgumentException);
-  EXPECT_THROW(CreateHttp2ConnectionPool(nullptr, nullptr), InvalidArgumentException);
-  auto config = GetDefaultHttp2SvcCfg();
-  config->maxConcurrentStreams = 0;
-  EXPECT_THROW(CreateHttp2ConnectionPool(ep.spec.Get(), config.Get()), InvalidArgumentException);
-  Ref<ConnectionSpec> other;
-  CreateTCPConnectionSpec("127.0.0.1", 81, false, nullptr, other);
-  EXPECT_THROW(CreateHttpUserAgent(other.Get(), nullptr, ep.pool.Get()), InvalidArgumentException);
-}
-
-// An agent without a pool speaks HTTP/1.1, on the calling thread: it works
-// against an HTTP/1.1-only endpoint and one that detects the protocol (the
-// scripted peer, in resend_test), and says so against an h2c-only one.
 TEST(Agent, WithoutAPoolSpeaksHttp1) {
   std::thread([] {}).join();  // a sanitizer's helper thread, if any, starts now
   const int baseline = ThreadCount();
@@ -302,7 +278,7 @@ TEST(Agent, WithoutAPoolSpeaksHttp1) {
   }
 }
 
-TEST(Targets, OnlySafeOriginFormPathsAreSent) {
+TEST(Arguments, OnlySafeTargetsCleartextAndTheRightPool) {
   for (const char* good : {"/", "/redfish/v1/Systems/1", "//redfish//v1", "/a.b/c..d/.e",
                            "/Sensors?$expand=.($levels=1)", "/a%20b", "/x%41"}) {
     EXPECT_TRUE(IsOriginFormTarget(good)) << good;
@@ -321,9 +297,12 @@ TEST(Targets, OnlySafeOriginFormPathsAreSent) {
   EXPECT_THROW(
       ep.agent->AsyncSendRequest(MakeRef<ClientRequest>(Get, "/a/../b").Get(), nullptr, handle),
       InvalidArgumentException);
-  Ref<ConnectionSpec> tls;
+  Ref<ConnectionSpec> tls, other;
   CreateTCPConnectionSpec("localhost", 443, true, nullptr, tls);
   EXPECT_THROW(CreateHttp2ConnectionPool(tls.Get(), nullptr), InvalidArgumentException);
+  // An agent may not claim another endpoint than its pool's.
+  CreateTCPConnectionSpec("127.0.0.1", 81, false, nullptr, other);
+  EXPECT_THROW(CreateHttpUserAgent(other.Get(), nullptr, ep.pool.Get()), InvalidArgumentException);
 }
 
 }  // namespace
