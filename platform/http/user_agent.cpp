@@ -1,8 +1,5 @@
 // Pools, user agents and the synchronous and asynchronous sends.
-#include <mutex>
-
 #include "platform/http/connection_pool.h"
-#include "platform/http/pool_worker.h"
 
 namespace Tessel::Http {
 namespace {
@@ -19,10 +16,10 @@ Http2ConnectionPool* AsHttp2Pool(HttpConnectionPool* pool) {
   return http2;
 }
 
-// Guards the private pools of agents made without one; taken only by such agents.
-std::mutex& OwnPoolMutex() {
-  static std::mutex m;
-  return m;
+void CheckCleartext(const ConnectionSpec& spec) {
+  // Every endpoint of this library is local and cleartext; no TLS stack is
+  // linked, so a TLS spec is refused rather than sent in the clear.
+  if (spec.IsTls()) throw InvalidArgumentException("TLS is not supported: " + spec.ToString());
 }
 
 }  // namespace
@@ -30,24 +27,13 @@ std::mutex& OwnPoolMutex() {
 Ref<Http2SvcConfig> GetDefaultHttp2SvcCfg() { return MakeRef<Http2SvcConfig>(); }
 
 Http2ConnectionPool::Http2ConnectionPool(Ref<ConnectionSpec> spec, const Http2SvcConfig& config)
-    : spec_(std::move(spec)), config_(MakeRef<Http2SvcConfig>()) {
-  config_->connectTimeoutUs = config.connectTimeoutUs;
-  config_->syncSendTimeoutUs = config.syncSendTimeoutUs;
-  config_->maxResponseBodyBytes = config.maxResponseBodyBytes;
-  config_->maxConcurrentStreams = config.maxConcurrentStreams;
-  worker_ = MakeRef<PoolWorker>(spec_, *config_);
-}
+    : core_(MakeRef<PoolCore>(std::move(spec), config)) {}
 
-Http2ConnectionPool::~Http2ConnectionPool() {
-  if (worker_) worker_->Stop();
-}
-
-size_t Http2ConnectionPool::GetActiveExchangeCount() const noexcept {
-  return worker_->GetActiveCount();
-}
+Http2ConnectionPool::~Http2ConnectionPool() { core_->Stop(); }
 
 Ref<HttpConnectionPool> CreateHttp2ConnectionPool(ConnectionSpec* spec, Http2SvcConfig* config) {
   if (spec == nullptr) throw InvalidArgumentException("connection pool without a connection spec");
+  CheckCleartext(*spec);
   Ref<Http2SvcConfig> defaults;
   if (config == nullptr) {
     defaults = GetDefaultHttp2SvcCfg();
@@ -63,6 +49,7 @@ Ref<HttpConnectionPool> CreateHttp2ConnectionPool(ConnectionSpec* spec, Http2Svc
 Ref<HttpUserAgent> CreateHttpUserAgent(ConnectionSpec* spec, CookieStore* cookies,
                                        HttpConnectionPool* pool) {
   if (spec == nullptr) throw InvalidArgumentException("user agent without a connection spec");
+  CheckCleartext(*spec);
   // The pool decides where requests go; an agent claiming another endpoint
   // would send them somewhere its owner does not expect.
   if (pool != nullptr && !SameEndpoint(*spec, *AsHttp2Pool(pool)->GetConnectionSpec())) {
@@ -78,55 +65,57 @@ Ref<HttpUserAgent> CreateHttpUserAgent(ConnectionSpec* spec) {
   return CreateHttpUserAgent(spec, nullptr, nullptr);
 }
 
-// Dropping ownPool_ stops the private pool's thread (never from that thread
-// itself: the pool handles that case).
 HttpUserAgent::~HttpUserAgent() = default;
 
-HttpConnectionPool* HttpUserAgent::PoolForSend() {
-  if (pool_) return pool_.Get();
-  std::lock_guard<std::mutex> lock(OwnPoolMutex());
-  if (!ownPool_) ownPool_ = CreateHttp2ConnectionPool(spec_.Get(), nullptr);
-  return ownPool_.Get();
-}
+// Agents without a pool speak HTTP/1.1 and need none.
+HttpConnectionPool* HttpUserAgent::PoolForSend() { return pool_.Get(); }
 
 void HttpUserAgent::AsyncSendRequest(ClientRequest* request, CompletionCallback callback,
                                      Ref<PendingExchange>& handle) {
   if (request == nullptr) throw InvalidArgumentException("no request to send");
-  Http2ConnectionPool* pool = AsHttp2Pool(PoolForSend());
-  PoolWorker* worker = pool->GetWorker();
-  auto exchange = MakeRef<Exchange>(Ref<PoolWorker>(worker), std::move(callback));
-  exchange->Prepare(*request, worker->GetOrigin(), pool->GetConfig(),
-                    pool->GetConnectionSpec()->IsTls());
-  // The handle is set before the handover: on a stopped pool the exchange
-  // fails (and its callback runs) inside Submit.
+  if (request->GetMethod() < Get || request->GetMethod() > Patch) {
+    throw InvalidArgumentException("unknown HTTP method " +
+                                   std::to_string(static_cast<int>(request->GetMethod())));
+  }
+  if (!IsOriginFormTarget(request->GetTarget())) {
+    throw InvalidArgumentException("unsafe request target '" + request->GetTarget() + "'");
+  }
+  if (HttpConnectionPool* pool = PoolForSend()) {
+    Http2ConnectionPool* http2 = AsHttp2Pool(pool);
+    auto exchange =
+        MakeRef<Exchange>(Ref<PoolCore>(http2->GetCore()), *request, std::move(callback));
+    handle = Ref<PendingExchange>(exchange.Get());
+    http2->GetCore()->Submit(exchange);
+    return;
+  }
+  auto exchange = MakeRef<Exchange>(Ref<PoolCore>(), *request, std::move(callback));
+  const auto defaults = GetDefaultHttp2SvcCfg();
+  exchange->h1Spec = spec_;
+  exchange->h1ConnectTimeoutUs = defaults->connectTimeoutUs;
+  exchange->maxBodyBytes = defaults->maxResponseBodyBytes;
   handle = Ref<PendingExchange>(exchange.Get());
-  worker->Submit(std::move(exchange));
 }
 
 void HttpUserAgent::WaitForResponse(PendingExchange* pending, int64_t limitUs,
                                     Ref<ClientResponse>& response) {
   if (pending == nullptr) throw InvalidArgumentException("no exchange to wait for");
-  auto* handle = dynamic_cast<Exchange*>(pending);
-  if (handle == nullptr) throw InvalidArgumentException("exchange not made by AsyncSendRequest");
+  auto* exchange = dynamic_cast<Exchange*>(pending);
+  if (exchange == nullptr) throw InvalidArgumentException("exchange not made by AsyncSendRequest");
   if (limitUs < 0) throw InvalidArgumentException("negative wait limit");
-  if (handle->GetWorker()->OnIoThread()) {
-    // A completion callback waiting for its own pool would wait forever.
-    if (!handle->Wait(0))
-      throw Exception("cannot wait for an exchange on its pool's own I/O thread");
-  } else if (!handle->Wait(limitUs) && handle->MarkCancelled()) {
-    // The I/O thread takes the transfer out of the multi handle; its
-    // reference keeps the exchange alive until then.
-    handle->GetWorker()->Cancel(handle);
-    throw TimeoutException("no response within " + std::to_string(limitUs / 1000) + " ms");
+  if (PoolCore* core = exchange->Core()) {
+    core->Wait(*exchange, limitUs);
+  } else {
+    RunHttp1(*exchange, limitUs);
   }
-  handle->GetResult(response);
+  exchange->GetResult(response);
 }
 
 void HttpUserAgent::SendRequest(ClientRequest* request, Ref<ClientResponse>& response) {
   Ref<PendingExchange> handle;
   AsyncSendRequest(request, nullptr, handle);
-  WaitForResponse(handle.Get(), AsHttp2Pool(PoolForSend())->GetConfig().syncSendTimeoutUs,
-                  response);
+  const int64_t limit = pool_ ? AsHttp2Pool(pool_.Get())->GetConfig().syncSendTimeoutUs
+                              : GetDefaultHttp2SvcCfg()->syncSendTimeoutUs;
+  WaitForResponse(handle.Get(), limit, response);
 }
 
 }  // namespace Tessel::Http

@@ -13,8 +13,9 @@
 #include "platform/tessel/ref.h"
 #include "platform/tessel/system.h"
 
-// HTTP client of the host platform. Plain specs speak HTTP/2 with prior
-// knowledge over cleartext TCP; TLS specs speak HTTPS.
+// HTTP client of the host platform. A pool speaks HTTP/2 with prior knowledge
+// over cleartext TCP; an agent without a pool speaks HTTP/1.1. TLS specs are
+// refused (InvalidArgumentException): every endpoint here is local.
 //
 // Failures are thrown as Tessel exceptions:
 //   SystemException(111)       connection refused
@@ -128,8 +129,13 @@ class ClientRequest : public RefCounted {
   std::string body_;
 };
 
-// Throws InvalidArgumentException unless the target is an origin-form path
-// ("/..." without spaces or control characters) and the method is known.
+// Whether a target is a safe origin-form path: starts with "/", has no byte
+// <= 0x20 or 0x7F, no '#', no "." or ".." path segment, and no percent-encoded
+// '.', '/', control character or NUL (nor a malformed '%').
+bool IsOriginFormTarget(std::string_view target) noexcept;
+
+// Throws InvalidArgumentException unless IsOriginFormTarget(target) and the
+// method is known.
 void CreateHttpRequest(HttpMethod method, std::string_view target, Ref<ClientRequest>& request);
 
 class ClientResponse : public RefCounted {
@@ -174,8 +180,13 @@ class HttpUserAgent : public RefCounted {
   CookieStore* GetCookieStore() const noexcept { return cookies_.Get(); }
   HttpConnectionPool* GetConnectionPool() const noexcept { return pool_.Get(); }
 
-  // Starts sending; the callback (may be empty) runs on the I/O thread when the
-  // exchange ends. The request is copied, so it may be sent again later.
+  // Starts sending (on a pool, the request is written at once if its
+  // connection is up). The callback (may be empty) runs when the exchange
+  // ends, on the thread that completed it: a waiting caller's, or the pool's
+  // callback thread; for an agent without a pool, in WaitForResponse. It
+  // must not wait for an exchange of its own pool. The request is copied, so
+  // it may be sent again later. Throws InvalidArgumentException for an unsafe
+  // target (see IsOriginFormTarget) or an unknown method.
   void AsyncSendRequest(ClientRequest* request, CompletionCallback callback,
                         Ref<PendingExchange>& handle);
   // Waits up to limitUs microseconds. On time-out the exchange is cancelled
@@ -188,8 +199,6 @@ class HttpUserAgent : public RefCounted {
   Ref<ConnectionSpec> spec_;
   Ref<CookieStore> cookies_;
   Ref<HttpConnectionPool> pool_;
-  // Agents made without a pool own a private one, created on first send.
-  Ref<HttpConnectionPool> ownPool_;
   HttpConnectionPool* PoolForSend();
 };
 

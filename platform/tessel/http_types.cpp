@@ -14,12 +14,11 @@ bool SameName(std::string_view a, std::string_view b) {
   return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
 }
 
-bool IsValidTarget(std::string_view t) {
-  if (t.empty() || t[0] != '/') return false;
-  return std::none_of(t.begin(), t.end(), [](char c) {
-    auto u = static_cast<unsigned char>(c);
-    return u <= 0x20 || u == 0x7f;
-  });
+int HexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
 }
 
 bool IsValidHeaderName(const std::string& name) {
@@ -31,6 +30,32 @@ bool IsValidHeaderName(const std::string& name) {
 }
 
 }  // namespace
+
+// The last line of defence against a target that would reach another
+// resource than the one named: a proxy or BMC may normalise dot segments or
+// decode an encoded slash after routing on the raw path.
+bool IsOriginFormTarget(std::string_view t) noexcept {
+  if (t.empty() || t[0] != '/') return false;
+  const size_t pathEnd = std::min(t.find('?'), t.size());
+  size_t segment = 1;
+  for (size_t i = 0; i < t.size(); ++i) {
+    const auto u = static_cast<unsigned char>(t[i]);
+    if (u <= 0x20 || u == 0x7f || u == '#') return false;
+    if (u == '%') {
+      const int hi = i + 2 < t.size() ? HexValue(t[i + 1]) : -1;
+      const int lo = hi >= 0 ? HexValue(t[i + 2]) : -1;
+      if (lo < 0) return false;
+      const int decoded = hi * 16 + lo;
+      if (decoded < 0x20 || decoded == 0x7f || decoded == '.' || decoded == '/') return false;
+    }
+    if (i < pathEnd && (i + 1 == pathEnd || t[i + 1] == '/')) {
+      const std::string_view seg = t.substr(segment, i + 1 - segment);
+      if (seg == "." || seg == "..") return false;
+      segment = i + 2;
+    }
+  }
+  return true;
+}
 
 const char* ReasonPhrase(int code) noexcept {
   switch (code) {
@@ -163,7 +188,7 @@ void CreateHttpRequest(HttpMethod method, std::string_view target, Ref<ClientReq
     throw InvalidArgumentException("unknown HTTP method " +
                                    std::to_string(static_cast<int>(method)));
   }
-  if (!IsValidTarget(target)) {
+  if (!IsOriginFormTarget(target)) {
     throw InvalidArgumentException("invalid request target '" + std::string(target) + "'");
   }
   request = MakeRef<ClientRequest>(method, std::string(target));

@@ -28,8 +28,12 @@ TEST(RoundTrip, HeadersBodiesMethodsAndStatus) {
   EXPECT_EQ(Body(*response), "{\"ResetType\":\"On\"}");
   unsetenv("http_proxy");
 
-  for (auto [method, name] : {std::pair{Get, "GET"}, {Head, "HEAD"}, {Post, "POST"}, {Put, "PUT"},
-                              {Patch, "PATCH"}, {Delete, "DELETE"}}) {
+  for (auto [method, name] : {std::pair{Get, "GET"},
+                              {Head, "HEAD"},
+                              {Post, "POST"},
+                              {Put, "PUT"},
+                              {Patch, "PATCH"},
+                              {Delete, "DELETE"}}) {
     auto r = Send(*ep.agent, method, "/echo", method == Delete ? "" : "x");
     EXPECT_EQ(r->GetHeader("X-Echo-Method").value_or(""), name);
     EXPECT_EQ(Body(*r), method == Head || method == Get || method == Delete ? "" : "x") << name;
@@ -57,7 +61,7 @@ TEST(RoundTrip, EightMiBBodiesAndTheBodyLimit) {
   Endpoint limited(80, false, "127.0.0.1", exact);
   // Announced length (rejected up front) and streamed length (cut off).
   for (auto [method, target, body] : {std::tuple{Get, "/big.bin", std::string()},
-                                       std::tuple{Post, "/echo", std::string(2 << 20, 'b')}}) {
+                                      std::tuple{Post, "/echo", std::string(2 << 20, 'b')}}) {
     try {
       Send(*limited.agent, method, target, body);
       ADD_FAILURE() << target << " was accepted";
@@ -68,17 +72,21 @@ TEST(RoundTrip, EightMiBBodiesAndTheBodyLimit) {
   EXPECT_EQ(Body(*Send(*limited.agent, Get, "/hello")), "hello");
 }
 
-TEST(RoundTrip, TlsIsVerified) {
-  if (Env("HTTP_TEST_TLS") != "1") GTEST_SKIP() << "the run's CA could not be installed";
-  Endpoint good(443, true, "localhost");
-  EXPECT_EQ(Body(*Send(*good.agent, Get, "/")), "secure");
-  Endpoint rogue(444, true, "localhost");
-  EXPECT_THROW(Send(*rogue.agent, Get, "/"), Ssl::SSLVerifyException);
+// A sensor collection of a large BMC, over and over on one connection, each
+// well inside a time-out far longer than the transfer needs.
+TEST(RoundTrip, LargeResponsesNeverStall) {
+  const std::string file = ReadFile(Env("HTTP_TEST_DIR") + "/www/sensors-258k.bin");
+  ASSERT_EQ(file.size(), 264192u);
+  Endpoint ep(80);
+  for (int i = 0; i < 200; ++i) {
+    ASSERT_TRUE(Body(*Send(*ep.agent, Get, "/sensors-258k.bin", {}, 500000)) == file) << i;
+  }
+  EXPECT_EQ(ep.sockets.load(), 1);
 }
-
 // Each of `threads` threads puts `each` requests in flight, then waits for
 // them all; returns the failures, with the first one's text.
-std::pair<int, std::string> Blast(HttpUserAgent& agent, int threads, int each, const std::string& prefix) {
+std::pair<int, std::string> Blast(HttpUserAgent& agent, int threads, int each,
+                                  const std::string& prefix) {
   std::atomic<int> failures{0}, ready{0};
   std::string first;
   std::vector<std::thread> pool;
@@ -87,13 +95,15 @@ std::pair<int, std::string> Blast(HttpUserAgent& agent, int threads, int each, c
       for (++ready; ready < threads;) std::this_thread::yield();
       std::vector<Ref<PendingExchange>> handles(each);
       for (int i = 0; i < each; ++i) {
-        agent.AsyncSendRequest(Request(Get, prefix + std::to_string(t * each + i)).Get(), nullptr, handles[i]);
+        agent.AsyncSendRequest(Request(Get, prefix + std::to_string(t * each + i)).Get(), nullptr,
+                               handles[i]);
       }
       for (auto& h : handles) {
         try {
           Ref<ClientResponse> r;
           agent.WaitForResponse(h.Get(), 20000000, r);
-          if (r->GetStatus().code != 200) throw Exception("status " + std::to_string(r->GetStatus().code));
+          if (r->GetStatus().code != 200)
+            throw Exception("status " + std::to_string(r->GetStatus().code));
         } catch (const std::exception& e) {
           if (failures++ == 0) first = e.what();
         }
@@ -124,7 +134,8 @@ TEST(Multiplexing, CrossingTheServersRequestLimitLosesAndRepeatsNothing) {
   std::map<std::string, int> seen;
   for (auto& l : lines) ++seen[l.substr(l.find("id="))];
   EXPECT_EQ(seen.size(), 1008u);
-  for (auto& [id, count] : seen) EXPECT_EQ(count, 1) << id << " was processed " << count << " times";
+  for (auto& [id, count] : seen)
+    EXPECT_EQ(count, 1) << id << " was processed " << count << " times";
 }
 
 TEST(Reconnect, AfterIdleCloseReloadsAndRestarts) {
@@ -144,15 +155,18 @@ TEST(Reconnect, AfterIdleCloseReloadsAndRestarts) {
       EXPECT_EQ(std::system((nginx + " -s reload").c_str()), 0);
     }
   });
-  for (int i = 0; i < 300; ++i) EXPECT_EQ(Send(*ep.agent, Get, "/json")->GetStatus().code, 200) << i;
+  for (int i = 0; i < 300; ++i)
+    EXPECT_EQ(Send(*ep.agent, Get, "/json")->GetStatus().code, 200) << i;
   reloader.join();
 
   // A full restart while idle: refused while down, fine once back.
   const std::string pid = std::to_string(std::stoi(ReadFile(Env("HTTP_TEST_DIR") + "/nginx.pid")));
   ASSERT_EQ(std::system((nginx + " -s stop").c_str()), 0);
   // Not our child: gone once it is a zombie or reaped.
-  ASSERT_TRUE(Eventually([&] { return ReadFile("/proc/" + pid + "/stat").find(") Z ") != std::string::npos ||
-                                      ReadFile("/proc/" + pid + "/stat").empty(); }));
+  ASSERT_TRUE(Eventually([&] {
+    return ReadFile("/proc/" + pid + "/stat").find(") Z ") != std::string::npos ||
+           ReadFile("/proc/" + pid + "/stat").empty();
+  }));
   try {
     Send(*ep.agent, Get, "/json");
     ADD_FAILURE() << "sent with the server down";
@@ -178,7 +192,8 @@ TEST(Errors, RefusedAndUnreachable) {
   auto start = std::chrono::steady_clock::now();
   // Requests queued behind the connect time out with it: nothing was sent.
   std::vector<Ref<PendingExchange>> handles(3);
-  for (auto& h : handles) blackhole.agent->AsyncSendRequest(Request(Post, "/x", "on").Get(), nullptr, h);
+  for (auto& h : handles)
+    blackhole.agent->AsyncSendRequest(Request(Post, "/x", "on").Get(), nullptr, h);
   for (auto& h : handles) {
     try {
       Ref<ClientResponse> r;
@@ -188,8 +203,7 @@ TEST(Errors, RefusedAndUnreachable) {
       EXPECT_EQ(e.GetError(), 110) << e.what();
     }
   }
-  // libcurl's own clock rounds to milliseconds: allow it a little.
-  EXPECT_GE(SecondsSince(start), 0.25);
+  EXPECT_GE(SecondsSince(start), 0.3);
   EXPECT_GE(blackhole.sockets.load(), 1);
 }
 
@@ -222,45 +236,73 @@ TEST(Errors, NoAnswerTimesOutCancelsAndIsNeverErrno110) {
   EXPECT_GE(SecondsSince(start), 0.4);
 }
 
-TEST(Errors, InvalidArguments) {
-  Endpoint ep(80);
-  Ref<PendingExchange> handle;
-  Ref<ClientResponse> response;
-  EXPECT_THROW(ep.agent->AsyncSendRequest(nullptr, nullptr, handle), InvalidArgumentException);
-  for (auto bad : {MakeRef<ClientRequest>(static_cast<HttpMethod>(99), "/x"), MakeRef<ClientRequest>(Get, "x y")}) {
-    EXPECT_THROW(ep.agent->AsyncSendRequest(bad.Get(), nullptr, handle), InvalidArgumentException);
-  }
-  EXPECT_THROW(ep.agent->WaitForResponse(nullptr, 1, response), InvalidArgumentException);
-  ep.agent->AsyncSendRequest(Request(Get, "/hello").Get(), nullptr, handle);
-  EXPECT_THROW(ep.agent->WaitForResponse(handle.Get(), -1, response), InvalidArgumentException);
-  EXPECT_THROW(CreateHttp2ConnectionPool(nullptr, nullptr), InvalidArgumentException);
-  auto config = GetDefaultHttp2SvcCfg();
-  config->maxConcurrentStreams = 0;
-  EXPECT_THROW(CreateHttp2ConnectionPool(ep.spec.Get(), config.Get()), InvalidArgumentException);
-  Ref<ConnectionSpec> other;
-  CreateTCPConnectionSpec("127.0.0.1", 81, false, nullptr, other);
-  EXPECT_THROW(CreateHttpUserAgent(other.Get(), nullptr, ep.pool.Get()), InvalidArgumentException);
-}
-
-TEST(Agent, PrivatePoolSendsAndGoesWithTheAgent) {
+TEST(Agent, WithoutAPoolSpeaksHttp1) {
   std::thread([] {}).join();  // a sanitizer's helper thread, if any, starts now
   const int baseline = ThreadCount();
   std::atomic<int> noDelay{0};
   Ref<ConnectionSpec> spec;
-  CreateTCPConnectionSpec("localhost", 80, false, [&](System::TCPClientSocket* s) {
-    int v = 0;
-    socklen_t len = sizeof v;
-    getsockopt(s->GetFd(), IPPROTO_TCP, TCP_NODELAY, &v, &len);
-    noDelay = v;
-  }, spec);
+  CreateTCPConnectionSpec(
+      "localhost", 84, false,
+      [&](System::TCPClientSocket* s) {
+        int v = 0;
+        socklen_t len = sizeof v;
+        getsockopt(s->GetFd(), IPPROTO_TCP, TCP_NODELAY, &v, &len);
+        noDelay = v;
+      },
+      spec);
   auto agent = CreateHttpUserAgent(spec.Get());
   Ref<ClientResponse> response;
   agent->SendRequest(Request(Get, "/json").Get(), response);
-  EXPECT_NE(Body(*response).find("\"PowerState\":\"On\""), std::string::npos);
+  EXPECT_EQ(Body(*response), "{\"PowerState\":\"On\"}");
   EXPECT_EQ(noDelay.load(), 1);
-  EXPECT_EQ(ThreadCount(), baseline + 1);
-  agent = nullptr;  // joins the private pool's thread
+  EXPECT_EQ(Body(*Send(*agent, Put, "/echo", "{\"BMC\":1}")), "{\"BMC\":1}");
   EXPECT_EQ(ThreadCount(), baseline);
+
+  Ref<ConnectionSpec> h2only;
+  CreateTCPConnectionSpec("127.0.0.1", 80, false, nullptr, h2only);
+  try {
+    Send(*CreateHttpUserAgent(h2only.Get()), Get, "/json");
+    ADD_FAILURE() << "an h2c-only endpoint answered HTTP/1.1";
+  } catch (const SystemException& e) {
+    ADD_FAILURE() << e.what();
+  } catch (const Exception& e) {
+    EXPECT_NE(std::string(e.what()).find("HTTP/2"), std::string::npos) << e.what();
+  }
+  Ref<ConnectionSpec> refused;
+  CreateTCPConnectionSpec("127.0.0.1", 9, false, nullptr, refused);
+  try {
+    Send(*CreateHttpUserAgent(refused.Get()), Get, "/json");
+    ADD_FAILURE();
+  } catch (const SystemException& e) {
+    EXPECT_EQ(e.GetError(), 111);
+  }
+}
+
+TEST(Arguments, OnlySafeTargetsCleartextAndTheRightPool) {
+  for (const char* good : {"/", "/redfish/v1/Systems/1", "//redfish//v1", "/a.b/c..d/.e",
+                           "/Sensors?$expand=.($levels=1)", "/a%20b", "/x%41"}) {
+    EXPECT_TRUE(IsOriginFormTarget(good)) << good;
+  }
+  for (const char* bad :
+       {"",        "redfish", "http://h/x", "/a b",  "/a\tb", "/a\x7f",     "/a#frag", "/a/./b",
+        "/a/../b", "/a/.",    "/a/..",      "/..",   "/.?x",  "/a%2e%2e/b", "/a%2E/b", "/a%2fb",
+        "/a%2Fb",  "/a%00",   "/a%0d%0a",   "/a%7f", "/a%",   "/a%4",       "/a%zz"}) {
+    EXPECT_FALSE(IsOriginFormTarget(bad)) << bad;
+    Ref<ClientRequest> r;
+    EXPECT_THROW(CreateHttpRequest(Get, bad, r), InvalidArgumentException) << bad;
+  }
+  // Also refused at send time, for a request built around CreateHttpRequest.
+  Endpoint ep(80);
+  Ref<PendingExchange> handle;
+  EXPECT_THROW(
+      ep.agent->AsyncSendRequest(MakeRef<ClientRequest>(Get, "/a/../b").Get(), nullptr, handle),
+      InvalidArgumentException);
+  Ref<ConnectionSpec> tls, other;
+  CreateTCPConnectionSpec("localhost", 443, true, nullptr, tls);
+  EXPECT_THROW(CreateHttp2ConnectionPool(tls.Get(), nullptr), InvalidArgumentException);
+  // An agent may not claim another endpoint than its pool's.
+  CreateTCPConnectionSpec("127.0.0.1", 81, false, nullptr, other);
+  EXPECT_THROW(CreateHttpUserAgent(other.Get(), nullptr, ep.pool.Get()), InvalidArgumentException);
 }
 
 }  // namespace

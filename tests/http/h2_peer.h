@@ -2,20 +2,25 @@
 
 // A scripted h2c server for the faults nginx does not produce on demand: a
 // connection reset or closed with a request outstanding, GOAWAY, refused and
-// reset streams. It reads frames without decoding headers and answers with a
-// bare ":status: 200".
+// reset streams. It records each request's header fields and answers with a
+// bare ":status: 200". A connection that does not start as HTTP/2 gets an
+// HTTP/1.1 answer, as an endpoint that detects the protocol would give.
 #include <netinet/in.h>
+#include <nghttp2/nghttp2.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <strings.h>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <mutex>
 #include <set>
 #include <stdexcept>
+#include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace http_test {
@@ -23,7 +28,11 @@ namespace http_test {
 class H2Peer {
  public:
   enum Action {
-    Respond, ResetConnection, CloseConnection, RefuseStream, ResetStream,
+    Respond,
+    ResetConnection,
+    CloseConnection,
+    RefuseStream,
+    ResetStream,
     GoawayAndClose,           // GOAWAY that leaves the stream out, as unprocessed
     GoawayIncludingAndClose,  // GOAWAY that takes the stream in, then no answer
   };
@@ -60,6 +69,12 @@ class H2Peer {
     std::lock_guard<std::mutex> lock(mutex_);
     return headers_;
   }
+  using Fields = std::vector<std::pair<std::string, std::string>>;
+  // The header fields of every request received, in order.
+  std::vector<Fields> Received() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return received_;
+  }
 
  private:
   void Accept() {
@@ -79,9 +94,9 @@ class H2Peer {
   static void Frame(int fd, uint8_t type, uint8_t flags, uint32_t stream,
                     std::vector<uint8_t> payload = {}) {
     const size_t n = payload.size();
-    std::vector<uint8_t> f = {uint8_t(n >> 16), uint8_t(n >> 8), uint8_t(n), type, flags,
-                              uint8_t(stream >> 24), uint8_t(stream >> 16), uint8_t(stream >> 8),
-                              uint8_t(stream)};
+    std::vector<uint8_t> f = {
+        uint8_t(n >> 16),      uint8_t(n >> 8),       uint8_t(n),           type,           flags,
+        uint8_t(stream >> 24), uint8_t(stream >> 16), uint8_t(stream >> 8), uint8_t(stream)};
     f.insert(f.end(), payload.begin(), payload.end());
     (void)!write(fd, f.data(), f.size());
   }
@@ -94,14 +109,14 @@ class H2Peer {
     uint8_t preface[24];
     uint32_t lastDone = 0;
     bool writing = true;  // false once our side is closed: frames are only counted
-    Frame(fd, 4, 0, 0);   // our SETTINGS
     bool open = ReadAll(fd, preface, sizeof preface);
     if (open && std::memcmp(preface, "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", 24) != 0) {
-      // Not HTTP/2: counted as a request that reached the server.
-      std::lock_guard<std::mutex> lock(mutex_);
-      ++headers_;
+      ServeHttp1(fd, std::string(reinterpret_cast<char*>(preface), sizeof preface));
       open = false;
     }
+    if (open) Frame(fd, 4, 0, 0);  // our SETTINGS
+    nghttp2_hd_inflater* inflater = nullptr;
+    nghttp2_hd_inflate_new(&inflater);
     while (open) {
       uint8_t h[9];
       if (!ReadAll(fd, h, 9)) break;
@@ -110,13 +125,15 @@ class H2Peer {
       const uint8_t type = h[3], flags = h[4];
       const uint32_t stream = ((h[5] & 0x7fu) << 24) | (h[6] << 16) | (h[7] << 8) | h[8];
       if (type == 1) {
+        Fields fields = Decode(inflater, payload);
         std::lock_guard<std::mutex> lock(mutex_);
         ++headers_;
+        received_.push_back(std::move(fields));
       }
       if (!writing) continue;
       if (type == 4 && !(flags & 1)) Frame(fd, 4, 1, 0);           // SETTINGS: ack
       if (type == 6 && !(flags & 1)) Frame(fd, 6, 1, 0, payload);  // PING: answer
-      if ((type != 0 && type != 1) || !(flags & 1)) continue;       // until END_STREAM
+      if ((type != 0 && type != 1) || !(flags & 1)) continue;      // until END_STREAM
       int index;
       {
         std::lock_guard<std::mutex> lock(mutex_);
@@ -144,13 +161,81 @@ class H2Peer {
           shutdown(fd, SHUT_WR);
           writing = false;
           break;
-        case RefuseStream: Frame(fd, 3, 0, stream, {0, 0, 0, 7}); break;
-        case ResetStream: Frame(fd, 3, 0, stream, {0, 0, 0, 2}); break;  // INTERNAL_ERROR
+        case RefuseStream:
+          Frame(fd, 3, 0, stream, {0, 0, 0, 7});
+          break;
+        case ResetStream:
+          Frame(fd, 3, 0, stream, {0, 0, 0, 2});
+          break;  // INTERNAL_ERROR
       }
     }
+    nghttp2_hd_inflate_del(inflater);
     std::lock_guard<std::mutex> lock(mutex_);
     open_.erase(fd);
     close(fd);
+  }
+
+  // Our client sends HEADERS without padding or priority, in one frame.
+  static Fields Decode(nghttp2_hd_inflater* inflater, std::vector<uint8_t>& block) {
+    Fields out;
+    uint8_t* in = block.data();
+    size_t left = block.size();
+    for (;;) {
+      nghttp2_nv nv;
+      int flags = 0;
+      ssize_t n = nghttp2_hd_inflate_hd2(inflater, &nv, &flags, in, left, 1);
+      if (n < 0) break;
+      in += n;
+      left -= static_cast<size_t>(n);
+      if (flags & NGHTTP2_HD_INFLATE_EMIT) {
+        out.emplace_back(std::string(reinterpret_cast<char*>(nv.name), nv.namelen),
+                         std::string(reinterpret_cast<char*>(nv.value), nv.valuelen));
+      }
+      if (flags & NGHTTP2_HD_INFLATE_FINAL) {
+        nghttp2_hd_inflate_end_headers(inflater);
+        break;
+      }
+      if (n == 0 && left == 0) break;
+    }
+    return out;
+  }
+
+  // Reads an HTTP/1.1 request head (and a Content-Length body), records its
+  // fields (the request line as ":request") and answers "ok".
+  void ServeHttp1(int fd, std::string in) {
+    char buf[4096];
+    size_t end;
+    while ((end = in.find("\r\n\r\n")) == std::string::npos) {
+      ssize_t r = read(fd, buf, sizeof buf);
+      if (r <= 0) return;
+      in.append(buf, static_cast<size_t>(r));
+    }
+    Fields fields;
+    size_t length = 0;
+    size_t pos = in.find("\r\n");
+    fields.emplace_back(":request", in.substr(0, pos));
+    while (pos < end) {
+      size_t next = in.find("\r\n", pos + 2);
+      std::string line = in.substr(pos + 2, next - pos - 2);
+      size_t colon = line.find(':');
+      std::string name = line.substr(0, colon), value = line.substr(colon + 2);
+      if (strcasecmp(name.c_str(), "Content-Length") == 0) length = std::stoul(value);
+      fields.emplace_back(name, value);
+      pos = next;
+    }
+    while (in.size() < end + 4 + length) {
+      ssize_t r = read(fd, buf, sizeof buf);
+      if (r <= 0) return;
+      in.append(buf, static_cast<size_t>(r));
+    }
+    fields.emplace_back(":body", in.substr(end + 4, length));
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      ++headers_;
+      received_.push_back(std::move(fields));
+    }
+    const char answer[] = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nok";
+    (void)!write(fd, answer, sizeof answer - 1);
   }
 
   Script script_;
@@ -162,6 +247,7 @@ class H2Peer {
   std::vector<std::thread> connections_;
   int headers_ = 0;
   int requests_ = 0;
+  std::vector<Fields> received_;
 };
 
 }  // namespace http_test

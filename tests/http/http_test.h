@@ -62,10 +62,13 @@ bool Eventually(F condition, double seconds = 10) {
 struct Endpoint {
   explicit Endpoint(int port, bool tls = false, const std::string& host = "127.0.0.1",
                     Ref<Http2SvcConfig> config = GetDefaultHttp2SvcCfg()) {
-    CreateTCPConnectionSpec(host, port, tls, [this](System::TCPClientSocket* s) {
-      lastFd = s->GetFd();
-      ++sockets;
-    }, spec);
+    CreateTCPConnectionSpec(
+        host, port, tls,
+        [this](System::TCPClientSocket* s) {
+          lastFd = s->GetFd();
+          ++sockets;
+        },
+        spec);
     pool = CreateHttp2ConnectionPool(spec.Get(), config.Get());
     agent = CreateHttpUserAgent(spec.Get(), nullptr, pool.Get());
   }
@@ -89,7 +92,8 @@ inline Ref<ClientRequest> Request(HttpMethod method, const std::string& target,
 inline std::string Body(ClientResponse& response) {
   std::string out;
   char buf[65536];
-  for (int32_t n; (n = response.ReadBody(buf, sizeof buf)) >= 0;) out.append(buf, static_cast<size_t>(n));
+  for (int32_t n; (n = response.ReadBody(buf, sizeof buf)) >= 0;)
+    out.append(buf, static_cast<size_t>(n));
   return out;
 }
 

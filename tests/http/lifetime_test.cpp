@@ -40,7 +40,8 @@ TEST(Lifetime, DroppingAPoolFailsWhatIsInFlight) {
   Endpoint other(80);
   Ref<PendingExchange> handle;
   {
-    auto agent = CreateHttpUserAgent(other.spec.Get());  // with a private pool
+    auto pool = CreateHttp2ConnectionPool(other.spec.Get(), nullptr);
+    auto agent = CreateHttpUserAgent(other.spec.Get(), nullptr, pool.Get());
     agent->AsyncSendRequest(Request(Get, "/hang").Get(), nullptr, handle);
     EXPECT_EQ(Body(*Send(*agent, Get, "/hello")), "hello");  // /hang is on the wire
   }
@@ -60,21 +61,26 @@ TEST(Lifetime, ACallbackMayDropItsPoolButNotWaitOnIt) {
   const int baseline = ThreadCount();
   Endpoint other(80);
   std::promise<void> go, called;
-  auto agent = CreateHttpUserAgent(other.spec.Get());
+  auto pool = CreateHttp2ConnectionPool(other.spec.Get(), nullptr);
+  auto agent = CreateHttpUserAgent(other.spec.Get(), nullptr, pool.Get());
+  pool = nullptr;
   auto* last = new Ref<HttpUserAgent>(agent);
   Ref<PendingExchange> handle;
   bool waitRefused = false;
-  agent->AsyncSendRequest(Request(Get, "/hello").Get(), [&, last] {
-    go.get_future().wait();
-    try {
-      Ref<ClientResponse> r;
-      (*last)->SendRequest(Request(Get, "/hello").Get(), r);  // would wait for itself
-    } catch (const Exception&) {
-      waitRefused = true;
-    }
-    delete last;  // stops the pool on its own I/O thread
-    called.set_value();
-  }, handle);
+  agent->AsyncSendRequest(
+      Request(Get, "/hello").Get(),
+      [&, last] {
+        go.get_future().wait();
+        try {
+          Ref<ClientResponse> r;
+          (*last)->SendRequest(Request(Get, "/hello").Get(), r);  // would wait for itself
+        } catch (const Exception&) {
+          waitRefused = true;
+        }
+        delete last;  // stops the pool on its own callback thread
+        called.set_value();
+      },
+      handle);
   agent = nullptr;
   go.set_value();
   called.get_future().wait();
@@ -82,7 +88,7 @@ TEST(Lifetime, ACallbackMayDropItsPoolButNotWaitOnIt) {
   Ref<ClientResponse> response;
   other.agent->WaitForResponse(handle.Get(), 1000000, response);
   EXPECT_EQ(Body(*response), "hello");
-  // The stopped pool's thread ends by itself; the next send joins it.
+  // The stopped pool's callback thread ends by itself.
   EXPECT_TRUE(Eventually([&] { return ThreadCount() == baseline; }));
   EXPECT_EQ(Body(*Send(*other.agent, Get, "/hello")), "hello");
 }

@@ -1,5 +1,8 @@
 // A request that may have been processed is never sent twice; one the server
-// declared unprocessed is sent again. Against the scripted peer.
+// declared unprocessed is sent again. And the client sends exactly the
+// header fields it was given plus the protocol's own. Against the scripted peer.
+#include <algorithm>
+
 #include "h2_peer.h"
 #include "http_test.h"
 
@@ -12,12 +15,9 @@ H2Peer::Script SecondRequestMeets(H2Peer::Action fault) {
   return [fault](int request) { return request == 1 ? fault : H2Peer::Respond; };
 }
 
-// RST_STREAM(REFUSED_STREAM) alone is in this list too: libcurl 7.88 retries
-// it exactly as it retries a session it tore down after a protocol error, so
-// it cannot be told apart from a request the server may have processed.
-TEST(Resend, NeverWithoutAGoawayThatLeavesTheStreamOut) {
+TEST(Resend, NeverWhenTheServerMayHaveProcessedIt) {
   for (auto fault : {H2Peer::ResetConnection, H2Peer::CloseConnection, H2Peer::ResetStream,
-                     H2Peer::RefuseStream, H2Peer::GoawayIncludingAndClose}) {
+                     H2Peer::GoawayIncludingAndClose}) {
     SCOPED_TRACE(fault);
     H2Peer peer(SecondRequestMeets(fault));
     Endpoint ep(peer.Port());
@@ -36,13 +36,63 @@ TEST(Resend, NeverWithoutAGoawayThatLeavesTheStreamOut) {
   }
 }
 
-TEST(Resend, WhenAGoawayLeavesTheStreamOut) {
-  H2Peer peer(SecondRequestMeets(H2Peer::GoawayAndClose));
+// A GOAWAY whose last stream id is below the request's, and REFUSED_STREAM,
+// both say the server did not act on it.
+TEST(Resend, WhenTheServerDeclaresItUnprocessed) {
+  for (auto [fault, sockets] : {std::pair{H2Peer::GoawayAndClose, 2}, {H2Peer::RefuseStream, 1}}) {
+    SCOPED_TRACE(fault);
+    H2Peer peer(SecondRequestMeets(fault));
+    Endpoint ep(peer.Port());
+    EXPECT_EQ(Send(*ep.agent, Get, "/redfish/v1")->GetStatus().code, 200);
+    EXPECT_EQ(Send(*ep.agent, Post, "/power", "{}")->GetStatus().code, 200);
+    EXPECT_EQ(peer.Requests(), 3);
+    EXPECT_EQ(ep.sockets.load(), sockets);
+  }
+  // A server that refuses every time gets the request a bounded number of times.
+  H2Peer refuser([](int) { return H2Peer::RefuseStream; });
+  Endpoint ep(refuser.Port());
+  EXPECT_THROW(Send(*ep.agent, Post, "/power", "{}"), Exception);
+  EXPECT_EQ(refuser.Requests(), 6);
+}
+
+std::vector<std::string> Names(const H2Peer::Fields& fields) {
+  std::vector<std::string> names;
+  for (auto& [name, value] : fields) names.push_back(name);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+using Names_ = std::vector<std::string>;
+
+TEST(Headers, ExactlyTheGivenOnesAndTheProtocols) {
+  H2Peer peer([](int) { return H2Peer::Respond; });
   Endpoint ep(peer.Port());
-  EXPECT_EQ(Send(*ep.agent, Get, "/redfish/v1")->GetStatus().code, 200);
-  EXPECT_EQ(Send(*ep.agent, Post, "/power", "{}")->GetStatus().code, 200);
-  EXPECT_EQ(peer.Requests(), 3);
-  EXPECT_EQ(ep.sockets.load(), 2);
+  auto post = Request(Post, "/redfish/v1/Systems/1/Actions/ComputerSystem.Reset", "{}");
+  post->SetHeader("Content-Type", "application/json");
+  post->SetHeader("Authorization", "Basic YTpi");
+  Ref<ClientResponse> response;
+  ep.agent->SendRequest(post.Get(), response);
+  Send(*ep.agent, Get, "/redfish/v1");
+  auto got = peer.Received();
+  ASSERT_EQ(got.size(), 2u);
+  EXPECT_EQ(Names(got[0]), (Names_{":authority", ":method", ":path", ":scheme", "authorization",
+                                   "content-length", "content-type"}));
+  EXPECT_EQ(Names(got[1]), (Names_{":authority", ":method", ":path", ":scheme"}));
+
+  // An agent without a pool speaks HTTP/1.1: Host, Content-Length and
+  // Connection are its protocol's own.
+  Ref<ConnectionSpec> spec;
+  CreateTCPConnectionSpec("127.0.0.1", peer.Port(), false, nullptr, spec);
+  auto put = Request(Put, "/portico/config/json/bmcApi.json", "{\"a\":1}");
+  put->SetHeader("Content-Type", "application/json");
+  CreateHttpUserAgent(spec.Get())->SendRequest(put.Get(), response);
+  EXPECT_EQ(Body(*response), "ok");
+  got = peer.Received();
+  ASSERT_EQ(got.size(), 3u);
+  EXPECT_EQ(Names(got[2]),
+            (Names_{":body", ":request", "Connection", "Content-Length", "Content-Type", "Host"}));
+  EXPECT_EQ(got[2][0].second, "PUT /portico/config/json/bmcApi.json HTTP/1.1");
+  EXPECT_EQ(got[2].back().second, "{\"a\":1}");
 }
 
 }  // namespace

@@ -43,9 +43,9 @@ Ref<ClientRequest> MakeGet(const char* target) {
 }  // namespace
 
 // Leaves a request to /hang on the wire. With exitInCallback, a second one
-// calls exit() from its completion callback, on the I/O thread.
+// calls exit() from its completion callback, on the pool's callback thread.
 extern "C" __attribute__((visibility("default"))) int StartExchangeInFlight(int port,
-                                                                           int exitInCallback) {
+                                                                            int exitInCallback) {
   try {
     auto agent = Agent(port);
     static Ref<PendingExchange> hanging;
@@ -54,7 +54,8 @@ extern "C" __attribute__((visibility("default"))) int StartExchangeInFlight(int 
     agent->SendRequest(MakeGet("/hello").Get(), response);  // /hang was handed over first
     if (exitInCallback) {
       Ref<PendingExchange> last;
-      agent->AsyncSendRequest(MakeGet("/hello").Get(), [] { std::exit(0); }, last);
+      agent->AsyncSendRequest(
+          MakeGet("/hello").Get(), [] { std::exit(0); }, last);
     }
     return 0;
   } catch (const std::exception&) {
