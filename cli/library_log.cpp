@@ -6,6 +6,7 @@
 
 #include <rapidjson/document.h>
 
+#include <cctype>
 #include <cstdlib>
 
 #include "bmcredfish.h"
@@ -76,20 +77,45 @@ std::string Clip(std::string s, size_t max = 200) {
   return s;
 }
 
+// The log writes one record per line with control bytes escaped as \n, \r,
+// \t and \xHH (backslashes not doubled). Each becomes a space: whitespace
+// between JSON tokens, and inside a JSON string (where the two characters may
+// have been the body's own escape) a space that keeps the string valid.
+std::string Unescape(const std::string& s) {
+  std::string out;
+  out.reserve(s.size());
+  for (size_t i = 0; i < s.size(); ++i) {
+    if (s[i] == '\\' && i + 1 < s.size()) {
+      char c = s[i + 1];
+      if (c == 'n' || c == 'r' || c == 't') {
+        out += ' ';
+        ++i;
+        continue;
+      }
+      if (c == 'x' && i + 3 < s.size() && std::isxdigit(static_cast<unsigned char>(s[i + 2])) &&
+          std::isxdigit(static_cast<unsigned char>(s[i + 3]))) {
+        out += ' ';
+        i += 3;
+        continue;
+      }
+    }
+    out += s[i];
+  }
+  return out;
+}
+
 // The body of the last error response the library logged, and whether there was one.
 bool LastErrorBody(const std::string& log, std::string& body) {
-  const std::string marker = " bytes\n'";
+  const std::string marker = " bytes\\n'";
   size_t at = log.rfind(marker);
   if (at == std::string::npos) return false;
   size_t start = at + marker.size();
-  size_t end = log.find("'\n", start);
-  // A body may hold "'\n" itself: the closing quote is the one before the next log line.
-  for (size_t next = end; next != std::string::npos; next = log.find("'\n", next + 1)) {
-    end = next;
-    if (next + 2 >= log.size() || (log[next + 2] >= '0' && log[next + 2] <= '9')) break;
-  }
+  size_t end = log.find('\n', start);
   if (end == std::string::npos) end = log.size();
-  body = log.substr(start, end - start);
+  // The record ends with the body's closing quote (or a cut marker after it).
+  size_t quote = log.rfind('\'', end);
+  if (quote != std::string::npos && quote >= start) end = quote;
+  body = Unescape(log.substr(start, end - start));
   return true;
 }
 

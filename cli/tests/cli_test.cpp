@@ -47,14 +47,14 @@ TEST(SensorsTable, AlignsColumnsAndNeverPassesControlBytes) {
 TEST(ExplainFailure, NamesWhoAnsweredFromTheLoggedBody) {
   const std::string bmc =
       "2026-01-01T00:00:00Z Redfish[3] GET: Error getting from /bmc/x: 503 (Service Unavailable)\n"
-      "2026-01-01T00:00:00Z Redfish[5] [ClientResponse::Read] Read 99 bytes\n"
+      "2026-01-01T00:00:00Z Redfish[5] [ClientResponse::Read] Read 99 bytes\\n"
       "'{\"error\":{\"message\":\"see info\",\"@Message.ExtendedInfo\":[{\"Message\":\"It's "
       "busy'\\n\"}]}}'\n"
       "2026-01-01T00:00:00Z Redfish[3] next line\n";
   EXPECT_NE(ExplainFailure(503, bmc, "", "mac").find("the BMC (Redfish error): It's busy"),
             std::string::npos);
   const std::string proxy =
-      "x Redfish[5] [ClientResponse::Read] Read 9 bytes\n'<html><head><title>502 Bad "
+      "x Redfish[5] [ClientResponse::Read] Read 9 bytes\\n'<html><head><title>502 Bad "
       "Gateway</title></head><center>nginx</center></html>'\n";
   EXPECT_NE(ExplainFailure(502, proxy, "", "mac").find("the proxy (error page: 502 Bad Gateway)"),
             std::string::npos);
@@ -63,6 +63,6 @@ TEST(ExplainFailure, NamesWhoAnsweredFromTheLoggedBody) {
   EXPECT_NE(ExplainFailure(REDFISH_ERR_NO_MEMBER, "", "", "sensors").find("no Sensors collection"),
             std::string::npos);
   // A log cut in the middle of a body, or none at all, still gives an answer.
-  EXPECT_NO_THROW(ExplainFailure(500, "Read 3 bytes\n'{\"err", "", "mac"));
+  EXPECT_NO_THROW(ExplainFailure(500, "Read 3 bytes\\n'{\"err", "", "mac"));
   EXPECT_EQ(ExplainFailure(418, "", "", "mac"), "");
 }
