@@ -178,19 +178,20 @@ std::string LogRecordText(std::string_view message) {
   size_t i = 0;
   for (; i < message.size(); ++i) {
     const auto u = static_cast<unsigned char>(message[i]);
-    char escaped[5] = {static_cast<char>(u), 0, 0, 0, 0};
+    char hex[5];
+    std::string_view piece = message.substr(i, 1);
     if (u == '\n') {
-      std::memcpy(escaped, "\\n", 2);
+      piece = "\\n";
     } else if (u == '\r') {
-      std::memcpy(escaped, "\\r", 2);
+      piece = "\\r";
     } else if (u == '\t') {
-      std::memcpy(escaped, "\\t", 2);
+      piece = "\\t";
     } else if (u < 0x20 || u == 0x7f) {
-      std::snprintf(escaped, sizeof escaped, "\\x%02x", u);
+      std::snprintf(hex, sizeof hex, "\\x%02x", u);
+      piece = std::string_view(hex, 4);
     }
-    const size_t length = std::strlen(escaped);
-    if (out.size() + length > kMaxLogRecordBytes) break;
-    out.append(escaped, length);
+    if (out.size() + piece.size() > kMaxLogRecordBytes) break;
+    out.append(piece);
   }
   if (i < message.size()) {
     out.append(" [cut ").append(std::to_string(message.size() - i)).append(" bytes]");
