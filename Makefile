@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 PROFILE ?= dell
 
-.PHONY: all deps build test test-asan test-tsan demo format clean
+.PHONY: all deps build test test-asan test-tsan demo format clean install
 
 all: build
 
@@ -34,3 +34,9 @@ format:
 
 clean:
 	rm -rf build build-asan build-tsan
+
+# Installs the library, headers, pkg-config and CMake files, redfishctl, man
+# pages and licence; DESTDIR stages it elsewhere.
+PREFIX ?= /usr/local
+install: build
+	cmake --install build --prefix $(PREFIX)

@@ -1,4 +1,6 @@
 // redfishctl: the library's questions and power commands from a shell.
+#include <dlfcn.h>
+#include <limits.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -22,14 +24,22 @@
 #include "sensors_table.h"
 #include "thermal_power.h"
 
-extern "C" void FeatureState_Init(void);
-extern "C" uint8_t* GetFeatureState_Slow(const char* name);
-
-#ifndef REDFISHCTL_VERSION
-#define REDFISHCTL_VERSION "unknown"
-#endif
-
 namespace {
+
+// The version of the library actually loaded, read from its file name
+// (libbmcredfish.so.MAJOR.MINOR.PATCH); the header's when that fails.
+std::string LoadedLibraryVersion() {
+  Dl_info info{};
+  if (dladdr(reinterpret_cast<void*>(&Redfish_Initialize), &info) != 0 && info.dli_fname) {
+    char resolved[PATH_MAX];
+    if (realpath(info.dli_fname, resolved)) {
+      const std::string path(resolved);
+      const size_t at = path.rfind(".so.");
+      if (at != std::string::npos) return path.substr(at + 4);
+    }
+  }
+  return BMCREDFISH_VERSION_STRING;
+}
 
 using Clock = std::chrono::steady_clock;
 
@@ -166,7 +176,8 @@ int ParseOptions(int argc, char** argv, Options& o) {
       std::fputs(kUsage, stdout);
       return 0;
     } else if (a == "--version") {
-      std::printf("redfishctl %s (libbmcredfish %s)\n", REDFISHCTL_VERSION, REDFISHCTL_VERSION);
+      std::printf("redfishctl %s (libbmcredfish %s)\n", BMCREDFISH_VERSION_STRING,
+                  LoadedLibraryVersion().c_str());
       return 0;
     } else if (a == "--host") {
       if (!value(o.host) || o.host.empty()) return UsageError("--host needs a value");

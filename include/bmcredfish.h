@@ -24,12 +24,19 @@
  * and from any function, std::bad_alloc when memory runs out, or
  * std::system_error when a mutex cannot be locked. Redfish_Initialize,
  * Redfish_CloseConnection and cleanup throw only the last two.
+ *
+ * Only what this header declares is supported API. The library also exports
+ * the C++ classes redfish::BmcHttpConnection, BmcRedfishConnection and
+ * BmcRedfishUtils because its design requires it; they are unsupported, their
+ * headers are not installed, and they may change without a SONAME change.
  */
 #ifndef BMCREDFISH_H
 #define BMCREDFISH_H
 
 #include <stdbool.h>
 #include <stdint.h>
+
+#include "bmcredfish_version.h"
 
 #if defined(__GNUC__)
 #define BMCREDFISH_API __attribute__((visibility("default")))
@@ -87,6 +94,15 @@ enum {
   BMCREDFISH_RESULT_CODES(BMCREDFISH_RESULT_ENUM_)
 #undef BMCREDFISH_RESULT_ENUM_
 };
+
+/*
+ * The host's named on/off switches, carried by the library for its hosting
+ * process. FeatureState_Init builds the switch table once (safe to repeat, from
+ * any thread). GetFeatureState_Slow returns the one-byte state of a switch
+ * (non-zero = on), or null for an unknown name or before FeatureState_Init.
+ */
+BMCREDFISH_API void FeatureState_Init(void);
+BMCREDFISH_API uint8_t* GetFeatureState_Slow(const char* name);
 
 /*
  * Checks the "REDFISH" switch and creates the library's logger once.
