@@ -16,7 +16,9 @@ A fault is written PATHPATTERN:KIND[=ARG][@N]:
 import fnmatch
 import re
 
-from faultset import FaultError, FaultSet, number, split_budget  # noqa: F401 (FaultSet re-exported)
+from faultset import FaultError, FaultSet, number, split_budget
+
+__all__ = ["FaultError", "FaultSet", "Fault", "KINDS", "parse_all"]  # FaultSet is re-exported for the servers
 
 KINDS = ("delay", "status", "retry-after", "drop", "truncate", "bad-length",
          "sensors-404", "unknown-manufacturer")

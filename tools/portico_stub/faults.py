@@ -2,7 +2,9 @@
 
 import re
 
-from faultset import FaultError, FaultSet, split_budget  # noqa: F401 (re-exported)
+from faultset import FaultError, FaultSet, split_budget
+
+__all__ = ["FaultError", "FaultSet", "Fault", "KINDS"]  # FaultSet is re-exported for the servers
 
 # kind -> (takes an argument, what it does)
 KINDS = {
