@@ -71,10 +71,6 @@ class BMCREDFISH_EXPORT BmcRedfishConnection {
   static PublishedPtr<BmcHttpConnection> _bmc_con;
 
  private:
-  // One discovery walk of a collection under populateMutex, unless populated
-  // is already set; sets it when the walk succeeds. See resources/inventory.cpp.
-  int PopulateOnce(bool& populated, const char* path, std::chrono::milliseconds timeout,
-                   const std::function<int(const std::string& id)>& visit);
   // Discovers the systems, then checks that the index names one of them.
   int PopulatedSystem(std::chrono::milliseconds timeout, uint8_t systemIndex);
 
