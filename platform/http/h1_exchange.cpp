@@ -85,8 +85,9 @@ class Http1 {
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICSERV;
     addrinfo* found = nullptr;
-    if (int rc = getaddrinfo(spec.GetHost().c_str(), std::to_string(spec.GetPort()).c_str(), &hints,
-                             &found)) {
+    const std::vector<const char*> loopback = LoopbackLiterals(spec.GetHost());
+    const char* name = loopback.empty() ? spec.GetHost().c_str() : loopback.front();
+    if (int rc = getaddrinfo(name, std::to_string(spec.GetPort()).c_str(), &hints, &found)) {
       throw Exception("cannot resolve " + spec.GetHost() + ": " + gai_strerror(rc));
     }
     sockaddr_storage address{};

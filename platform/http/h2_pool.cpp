@@ -477,9 +477,21 @@ void PoolCore::StartConnect() {
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = AI_NUMERICSERV;
-    addrinfo* found = nullptr;
-    const int rc = getaddrinfo(spec_->GetHost().c_str(), std::to_string(spec_->GetPort()).c_str(),
-                               &hints, &found);
+    std::vector<const char*> names = LoopbackLiterals(spec_->GetHost());
+    if (names.empty()) names.push_back(spec_->GetHost().c_str());
+    const std::string port = std::to_string(spec_->GetPort());
+    int rc = EAI_NONAME;
+    std::vector<addrinfo*> lists;
+    for (const char* name : names) {
+      addrinfo* list = nullptr;
+      const int one = getaddrinfo(name, port.c_str(), &hints, &list);
+      if (one == 0) {
+        lists.push_back(list);
+        rc = 0;
+      } else if (lists.empty()) {
+        rc = one;
+      }
+    }
     if (rc != 0) {
       Failure f{Failure::Other, 0, "cannot resolve " + spec_->GetHost() + ": " + gai_strerror(rc)};
       while (!queue_.empty()) {
@@ -490,11 +502,13 @@ void PoolCore::StartConnect() {
       return;
     }
     std::vector<std::string> v6;
-    for (addrinfo* a = found; a != nullptr; a = a->ai_next) {
-      std::string raw(reinterpret_cast<const char*>(a->ai_addr), a->ai_addrlen);
-      (a->ai_family == AF_INET ? addresses_ : v6).push_back(std::move(raw));
+    for (addrinfo* list : lists) {
+      for (addrinfo* a = list; a != nullptr; a = a->ai_next) {
+        std::string raw(reinterpret_cast<const char*>(a->ai_addr), a->ai_addrlen);
+        (a->ai_family == AF_INET ? addresses_ : v6).push_back(std::move(raw));
+      }
+      freeaddrinfo(list);
     }
-    freeaddrinfo(found);
     // IPv4 first: local proxies commonly listen on 127.0.0.1 only.
     addresses_.insert(addresses_.end(), v6.begin(), v6.end());
     connectDeadline_ = Now() + config_->connectTimeoutUs;

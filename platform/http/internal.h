@@ -20,6 +20,20 @@
 
 namespace Tessel::Http {
 
+// "localhost" and names under it are this machine's loopback whatever the
+// resolver says: a minimal root may have no /etc/hosts at all. Gives the
+// loopback literals to connect to (IPv4 first), or none for any other name.
+inline std::vector<const char*> LoopbackLiterals(const std::string& host) {
+  std::string lower;
+  for (char c : host) lower += static_cast<char>(c >= 'A' && c <= 'Z' ? c - 'A' + 'a' : c);
+  const std::string suffix = ".localhost";
+  const bool local = lower == "localhost" ||
+                     (lower.size() > suffix.size() &&
+                      lower.compare(lower.size() - suffix.size(), suffix.size(), suffix) == 0);
+  if (!local) return {};
+  return {"127.0.0.1", "::1"};
+}
+
 class PoolCore;
 
 // Why an exchange failed; turned into an exception each time a waiter asks.
