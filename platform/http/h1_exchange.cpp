@@ -21,24 +21,6 @@
 namespace Tessel::Http {
 namespace {
 
-const char* MethodName(HttpMethod m) {
-  switch (m) {
-    case Get:
-      return "GET";
-    case Head:
-      return "HEAD";
-    case Post:
-      return "POST";
-    case Put:
-      return "PUT";
-    case Delete:
-      return "DELETE";
-    case Patch:
-      return "PATCH";
-  }
-  return "GET";
-}
-
 struct Fd {
   int fd = -1;
   ~Fd() {

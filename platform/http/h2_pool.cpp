@@ -55,24 +55,6 @@ std::string Authority(const ConnectionSpec& spec) {
   return a + ":" + std::to_string(spec.GetPort());
 }
 
-const char* MethodName(HttpMethod m) {
-  switch (m) {
-    case Get:
-      return "GET";
-    case Head:
-      return "HEAD";
-    case Post:
-      return "POST";
-    case Put:
-      return "PUT";
-    case Delete:
-      return "DELETE";
-    case Patch:
-      return "PATCH";
-  }
-  return "GET";
-}
-
 bool HasBody(const Exchange& e) {
   return e.method == Post || e.method == Put || e.method == Patch ||
          (e.method == Delete && !e.body.empty());
@@ -878,6 +860,24 @@ __attribute__((destructor)) static void StopHttpClientsOnUnload() {
   g_unloaded.store(true, std::memory_order_release);
   PoolCore::StopAll();
   if (Service::Logger* logger = g_logger.exchange(nullptr)) logger->Release();
+}
+
+const char* MethodName(HttpMethod m) {
+  switch (m) {
+    case Get:
+      return "GET";
+    case Head:
+      return "HEAD";
+    case Post:
+      return "POST";
+    case Put:
+      return "PUT";
+    case Delete:
+      return "DELETE";
+    case Patch:
+      return "PATCH";
+  }
+  return "GET";
 }
 
 }  // namespace Tessel::Http

@@ -20,6 +20,9 @@
 
 namespace Tessel::Http {
 
+// The request line's method token, shared by the HTTP/1.1 and HTTP/2 paths.
+const char* MethodName(HttpMethod m);
+
 // "localhost" and names under it are this machine's loopback whatever the
 // resolver says: a minimal root may have no /etc/hosts at all. Gives the
 // loopback literals to connect to (IPv4 first), or none for any other name.
