@@ -199,10 +199,13 @@ size_t PoolCore::ActiveCount() {
 
 bool PoolCore::InOwnCallback() const noexcept { return t_callbackCore == this; }
 
+// Only the leader polls, and it only lets go of the mutex to poll: holding
+// the mutex with driving_ set means the leader is in (or about to enter)
+// poll. One write per poll is enough; the leader drains it under the mutex.
 void PoolCore::Wake() {
-  if (!driving_) return;
+  if (!driving_ || wakePending_) return;
   uint64_t one = 1;
-  (void)!write(wake_, &one, sizeof one);
+  if (write(wake_, &one, sizeof one) == static_cast<ssize_t>(sizeof one)) wakePending_ = true;
 }
 
 void PoolCore::Submit(const Ref<Exchange>& ex) {
@@ -231,7 +234,9 @@ void PoolCore::Submit(const Ref<Exchange>& ex) {
   }
   if (conn_ == Conn::Up) {
     SubmitQueued();
-    if (!Flush() || brokenErrno_ != 0) Wake();
+    // A leader polls: it sends this with everything else submitted while it
+    // waited, in one send, instead of one send per caller.
+    if (driving_ || !Flush() || brokenErrno_ != 0) Wake();
   } else {
     Wake();  // a leader may have to connect
   }
@@ -429,6 +434,7 @@ bool PoolCore::DriveOnce(Lock& lock, int64_t deadline, const std::function<bool(
   if (fds[0].revents != 0) {
     uint64_t v;
     (void)!read(wake_, &v, sizeof v);
+    wakePending_ = false;
   }
   if (stopped_ || fd_ != fd || fd < 0) return ready > 0;
   if (conn_ == Conn::Connecting) {

@@ -173,7 +173,8 @@ class PoolCore : public RefCounted {
   bool stopped_ = false;
   bool driving_ = false;
   std::condition_variable driverGone_;
-  int wake_ = -1;  // eventfd: interrupts the leader's poll
+  int wake_ = -1;             // eventfd: interrupts the leader's poll
+  bool wakePending_ = false;  // wake_ was written and not yet drained
 
   Conn conn_ = Conn::None;
   int fd_ = -1;
