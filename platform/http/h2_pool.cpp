@@ -869,21 +869,8 @@ __attribute__((destructor)) static void StopHttpClientsOnUnload() {
 }
 
 const char* MethodName(HttpMethod m) {
-  switch (m) {
-    case Get:
-      return "GET";
-    case Head:
-      return "HEAD";
-    case Post:
-      return "POST";
-    case Put:
-      return "PUT";
-    case Delete:
-      return "DELETE";
-    case Patch:
-      return "PATCH";
-  }
-  return "GET";
+  static constexpr const char* kNames[] = {"GET", "HEAD", "POST", "PUT", "DELETE", "PATCH"};
+  return m >= Get && m <= Patch ? kNames[m - Get] : "GET";
 }
 
 }  // namespace Tessel::Http
