@@ -23,17 +23,25 @@ int Connect(const char* user, const char* password, const char* host,
   return GetOrCreateConnection(user, password, host, connection);
 }
 
+// A query that reads one text of the first system or chassis.
+using TextReader = int (BmcRedfishConnection::*)(std::string&, milliseconds, uint8_t);
+
+int ReadText(const char* user, const char* password, const char* host, unsigned int timeoutMs,
+             TextReader read, std::string& text) {
+  std::shared_ptr<BmcRedfishConnection> connection;
+  const int result = Connect(user, password, host, connection);
+  if (result != 0) return result;
+  return ((*connection).*read)(text, milliseconds(timeoutMs), 0);
+}
+
 }  // namespace
 
 extern "C" BMCREDFISH_API int Redfish_GetSensorsInfo(const char* user, const char* password,
                                                      const char* host, unsigned int timeoutMs,
                                                      char* buffer, unsigned int* length) {
-  std::shared_ptr<BmcRedfishConnection> connection;
-  int result = Connect(user, password, host, connection);
-  if (result != 0) return result;
-
   std::string info;
-  result = connection->GetChassisSensorInfo(info, milliseconds(timeoutMs), 0);
+  const int result =
+      ReadText(user, password, host, timeoutMs, &BmcRedfishConnection::GetChassisSensorInfo, info);
   if (result != 0) return result;
   Service::LogInternal(redfish::LibraryLogger(), 5, "Sensors Info '%1'", info);
   if (buffer != nullptr && length != nullptr) std::snprintf(buffer, *length, "%s", info.c_str());
@@ -45,12 +53,9 @@ extern "C" BMCREDFISH_API int Redfish_GetSensorsInfo(const char* user, const cha
 extern "C" BMCREDFISH_API int Redfish_GetPowerState(const char* user, const char* password,
                                                     const char* host, unsigned int timeoutMs,
                                                     bool* isOn) {
-  std::shared_ptr<BmcRedfishConnection> connection;
-  int result = Connect(user, password, host, connection);
-  if (result != 0) return result;
-
   std::string state;
-  result = connection->GetSystemPowerState(state, milliseconds(timeoutMs), 0);
+  const int result =
+      ReadText(user, password, host, timeoutMs, &BmcRedfishConnection::GetSystemPowerState, state);
   if (result != 0) return result;
   Service::LogInternal(redfish::LibraryLogger(), 5, "PowerOn State: %1", state);
   if (isOn != nullptr) *isOn = state == "On";
