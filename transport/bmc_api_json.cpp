@@ -79,11 +79,22 @@ const std::string kBmcApiJsonTemplate = R"({
       }
    })";
 
-void SendToConfigEndpoint(Http::HttpUserAgent& agent, Http::ClientRequest& request,
-                          Ref<Http::ClientResponse>& response) {
+// One exchange with the configuration endpoint, on an agent of its own.
+Ref<Http::ClientResponse> ConfigExchange(Http::HttpMethod method, const std::string* body) {
+  Ref<Http::ConnectionSpec> spec;
+  Http::CreateTCPConnectionSpec(kConfigHost, kConfigPort, false, {}, spec);
+  Ref<Http::HttpUserAgent> agent = Http::CreateHttpUserAgent(spec.Get());
+  Ref<Http::ClientRequest> request;
+  Http::CreateHttpRequest(method, kBmcApiJsonPath, request);
+  if (body != nullptr) {
+    request->SetBody(body->data(), static_cast<uint32_t>(body->size()));
+    request->SetHeader("Content-Type", "application/json");
+  }
   Ref<Http::PendingExchange> handle;
-  agent.AsyncSendRequest(&request, {}, handle);
-  agent.WaitForResponse(handle.Get(), kConfigExchangeTimeoutUs, response);
+  agent->AsyncSendRequest(request.Get(), {}, handle);
+  Ref<Http::ClientResponse> response;
+  agent->WaitForResponse(handle.Get(), kConfigExchangeTimeoutUs, response);
+  return response;
 }
 
 }  // namespace
@@ -100,31 +111,21 @@ int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
 
   std::string document;
   try {
-    Ref<Http::ConnectionSpec> spec;
-    Http::CreateTCPConnectionSpec(kConfigHost, kConfigPort, false, {}, spec);
-    Ref<Http::HttpUserAgent> agent = Http::CreateHttpUserAgent(spec.Get());
-    Ref<Http::ClientRequest> request;
-    Http::CreateHttpRequest(Http::Get, kBmcApiJsonPath, request);
-    Ref<Http::ClientResponse> response;
-    SendToConfigEndpoint(*agent, *request, response);
+    const Ref<Http::ClientResponse> response = ConfigExchange(Http::Get, nullptr);
     const Http::ClientResponse::Status status = response->GetStatus();
     if (status.code == Http::ResponseCode::Ok) {
-      if (LogsAt(_logger.Get(), 5)) {
-        Service::LogInternal(_logger, 5, "GET of %1 was successful (%2)", kBmcApiJsonPath,
-                             status.reason);
-      }
+      Service::LogInternal(_logger, 5, "GET of %1 was successful (%2)", kBmcApiJsonPath,
+                           status.reason);
       std::vector<char> buffer(kMaxDocumentBytes);
       int32_t n = response->ReadBody(buffer.data(), kMaxDocumentBytes);
       if (n > 0) document.assign(buffer.data(), static_cast<size_t>(n));
     } else {
-      if (LogsAt(_logger.Get(), 3))
-        Service::LogInternal(_logger, 3, "GET request failed: %1", status.reason);
+      Service::LogInternal(_logger, 3, "GET request failed: %1", status.reason);
       if (status.code != Http::ResponseCode::NotFound) return status.code;
       document = kBmcApiJsonTemplate;
     }
   } catch (const Tessel::Exception& e) {
-    if (LogsAt(_logger.Get(), 3))
-      Service::LogInternal(_logger, 3, "GET request error: %1", e.what());
+    Service::LogInternal(_logger, 3, "GET request error: %1", e.what());
     return RedfishStatusSystemError;
   }
 
@@ -137,14 +138,10 @@ int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
   // A value that is not a string is treated as a mismatch and overwritten.
   const std::string current =
       value->IsString() ? std::string(value->GetString(), value->GetStringLength()) : std::string();
-  if (LogsAt(_logger.Get(), 5)) {
-    Service::LogInternal(_logger, 5, "[UpdateBmcApiJson::UpdatedJson] address: %1", current);
-  }
+  Service::LogInternal(_logger, 5, "[UpdateBmcApiJson::UpdatedJson] address: %1", current);
   if (value->IsString() && current == address) {
-    if (LogsAt(_logger.Get(), 5)) {
-      Service::LogInternal(_logger, 5,
-                           "[UpdateBmcApiJson::UpdatedJson] address matches ZIRN redfishInfo");
-    }
+    Service::LogInternal(_logger, 5,
+                         "[UpdateBmcApiJson::UpdatedJson] address matches ZIRN redfishInfo");
     _bmcJsonUpdated.store(true);
     return RedfishStatusOk;
   }
@@ -156,36 +153,23 @@ int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
   // The writer stops at a value JSON cannot hold (a number that parsed to
   // infinity); what it wrote by then is not a document to PUT.
   if (!json.Accept(writer)) {
-    if (LogsAt(_logger.Get(), 3)) {
-      Service::LogInternal(_logger, 3, "Cannot serialise %1 after setting the address",
-                           kBmcApiJsonPath);
-    }
+    Service::LogInternal(_logger, 3, "Cannot serialise %1 after setting the address",
+                         kBmcApiJsonPath);
     return RedfishStatusBadJson;
   }
 
   try {
-    Ref<Http::ConnectionSpec> spec;
-    Http::CreateTCPConnectionSpec(kConfigHost, kConfigPort, false, {}, spec);
-    Ref<Http::HttpUserAgent> agent = Http::CreateHttpUserAgent(spec.Get());
-    Ref<Http::ClientRequest> request;
-    Http::CreateHttpRequest(Http::Put, kBmcApiJsonPath, request);
-    request->SetBody(text.GetString(), static_cast<uint32_t>(text.GetSize()));
-    request->SetHeader("Content-Type", "application/json");
-    Ref<Http::ClientResponse> response;
-    SendToConfigEndpoint(*agent, *request, response);
+    const std::string body(text.GetString(), text.GetSize());
+    const Ref<Http::ClientResponse> response = ConfigExchange(Http::Put, &body);
     const Http::ClientResponse::Status status = response->GetStatus();
     if (status.code != Http::ResponseCode::NoContent) {
-      if (LogsAt(_logger.Get(), 3))
-        Service::LogInternal(_logger, 3, "PUT request failed: %1", status.reason);
+      Service::LogInternal(_logger, 3, "PUT request failed: %1", status.reason);
       return status.code;
     }
-    if (LogsAt(_logger.Get(), 5)) {
-      Service::LogInternal(_logger, 5, "POST of %1 was successful (%2)", kBmcApiJsonPath,
-                           status.reason);
-    }
+    Service::LogInternal(_logger, 5, "POST of %1 was successful (%2)", kBmcApiJsonPath,
+                         status.reason);
   } catch (const Tessel::Exception& e) {
-    if (LogsAt(_logger.Get(), 3))
-      Service::LogInternal(_logger, 3, "PUT request error: %1", e.what());
+    Service::LogInternal(_logger, 3, "PUT request error: %1", e.what());
     return RedfishStatusSystemError;
   }
   _bmcJsonUpdated.store(true);
