@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "connection/bmc_redfish_connection.h"
+#include "resources/inventory.h"
 #include "utils/bmc_redfish_utils.h"
 #include "utils/redfish_status.h"
 
@@ -36,6 +37,28 @@ bool IsNoActionStatus(RedfishOem oem, int result) {
 
 }  // namespace
 
+int BmcRedfishConnection::PopulateSystems(std::chrono::milliseconds timeout) {
+  return PopulateOnce(*this, populateMutex, systemsPopulated, logger,
+                      baseUrl + "/redfish/v1/Systems", timeout, [&](const std::string& id) -> int {
+                        RedfishSystem system;
+                        system.uri = id;
+                        system.powerStateUri = baseUrl + id + "/?$select=PowerState";
+                        system.manufacturerUri = baseUrl + id + "/?$select=Manufacturer";
+                        int status = ParseManufacturer(system, timeout);
+                        if (status != RedfishStatusOk) return status;
+
+                        std::string actions;
+                        status = FetchLogged(*this, logger, "Embedded: %1",
+                                             baseUrl + id + "/?$select=Actions", actions, timeout);
+                        if (status != RedfishStatusOk) return status;
+                        system.resetUri = baseUrl;
+                        status = ParseRedfishPowerActions(actions, system, system.oem);
+                        if (status != RedfishStatusOk) return status;
+                        systems.push_back(system);
+                        return RedfishStatusOk;
+                      });
+}
+
 int BmcRedfishConnection::ParseRedfishPowerActions(const std::string& json, RedfishSystem& system,
                                                    RedfishOem oem) {
   rapidjson::Document document;
@@ -52,7 +75,7 @@ int BmcRedfishConnection::ParseRedfishPowerActions(const std::string& json, Redf
     return RedfishStatusUnexpectedJson;
   }
   system.resetUri += target;
-  if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "Target: %1", system.resetUri);
+  Service::LogInternal(logger, 5, "Target: %1", system.resetUri);
 
   rapidjson::Document actionInfoDocument;
   const rapidjson::Value* allowable = nullptr;
@@ -64,11 +87,11 @@ int BmcRedfishConnection::ParseRedfishPowerActions(const std::string& json, Redf
       break;
     case RedfishOemLenovo: {
       const std::string actionInfoUri = baseUrl + actionInfo;
-      if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "actionInfoUri: %1", actionInfoUri);
+      Service::LogInternal(logger, 5, "actionInfoUri: %1", actionInfoUri);
       std::string body;
       result = MakeHttpRequestGet(actionInfoUri, body, kPowerRequestTimeout);
       if (result != RedfishStatusOk) return result;
-      if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "actionInfoJson: %1", body);
+      Service::LogInternal(logger, 5, "actionInfoJson: %1", body);
       result = BmcRedfishUtils::VerifyJson(logger, body, actionInfoDocument, false);
       if (result != RedfishStatusOk) return result;
       if (!actionInfoDocument.IsObject()) return RedfishStatusUnexpectedJson;
@@ -84,7 +107,7 @@ int BmcRedfishConnection::ParseRedfishPowerActions(const std::string& json, Redf
   for (const rapidjson::Value& value : allowable->GetArray()) {
     if (!value.IsString()) return RedfishStatusUnexpectedJson;
     const std::string directive(value.GetString(), value.GetStringLength());
-    if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "Power Directive: %1", directive);
+    Service::LogInternal(logger, 5, "Power Directive: %1", directive);
     for (int i = 0; i < kResetTypeCount; ++i) {
       if (directive == kResetTypes[i]) {
         system.powerActions[directive] = static_cast<REDFISHCMD>(i);
@@ -105,11 +128,9 @@ int BmcRedfishConnection::GetSystemPowerState(std::string& powerState, milliseco
                                               uint8_t systemIndex) {
   int result = PopulatedSystem(timeout, systemIndex);
   if (result != RedfishStatusOk) return result;
-  const std::string uri = systems[systemIndex].powerStateUri;
-  if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "PowerState URI: %1", uri);
-
   std::string body;
-  result = MakeHttpRequestGet(uri, body, timeout);
+  result = FetchLogged(*this, logger, "PowerState URI: %1", systems[systemIndex].powerStateUri,
+                       body, timeout);
   if (result != RedfishStatusOk) return result;
   rapidjson::Document document;
   result = BmcRedfishUtils::VerifyJson(logger, body, document, false);
@@ -140,8 +161,8 @@ int BmcRedfishConnection::PowerOperation(REDFISHCMD command, milliseconds timeou
   if (resetType == nullptr) return RedfishStatusCommandNotAllowed;
 
   const std::string body = "{\n      \"ResetType\" : \"" + *resetType + "\"\n   }";
-  if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "Power Command JSON: %1", body);
-  if (LogsAt(logger, 5)) Service::LogInternal(logger, 5, "Power Command URI: %1", system.resetUri);
+  Service::LogInternal(logger, 5, "Power Command JSON: %1", body);
+  Service::LogInternal(logger, 5, "Power Command URI: %1", system.resetUri);
 
   std::string response;
   result = MakeHttpRequestPost(system.resetUri, body, response, false, kPowerRequestTimeout);
