@@ -72,8 +72,7 @@ typedef enum REDFISHCMD {
   X(REDFISH_FEATURE_DISABLED, 1, "the host switch \"REDFISH\" is off; nothing was done")          \
   X(REDFISH_UNKNOWN_VENDOR, 2, "the BMC's manufacturer is none of Dell, HPE, Lenovo")             \
   X(REDFISH_ERR_TLS_VERIFY, 10001, "TLS verification of the server failed")                       \
-  X(REDFISH_ERR_INVALID_ARGUMENT, 10002,                                                          \
-    "the HTTP client refused the request (unsafe target, bad argument or method)")                \
+  X(REDFISH_ERR_INVALID_ARGUMENT, 10002, "the HTTP client refused an unsafe target or argument")  \
   X(REDFISH_ERR_TIMEOUT, 10003, "no answer within the time-out")                                  \
   X(REDFISH_ERR_SYSTEM, 10004, "a system error reaching the local proxy (connection refused...)") \
   X(REDFISH_ERR_TRANSPORT, 10005, "any other transport failure")                                  \
