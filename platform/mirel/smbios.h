@@ -16,15 +16,6 @@ constexpr uint8_t SMBIOS_PROTOCOL_REDFISH_OVER_IP = 0x04;
 constexpr uint8_t SMBIOS_ADDRESS_FORMAT_IPV4 = 1;
 constexpr uint8_t SMBIOS_ADDRESS_FORMAT_IPV6 = 2;
 
-// Redfish service discovery types (shared with the host IP assignment types).
-enum SMBIOS_DiscoveryType : uint8_t {
-  SMBIOS_DISCOVERY_UNKNOWN = 0,
-  SMBIOS_DISCOVERY_STATIC = 1,
-  SMBIOS_DISCOVERY_DHCP = 2,
-  SMBIOS_DISCOVERY_AUTO = 3,
-  SMBIOS_DISCOVERY_HOST_SELECTED = 4,
-};
-
 // One decoded Redfish-over-IP protocol record and the structure holding it.
 // Addresses are in network order; an IPv4 address fills the first 4 bytes.
 // Multi-byte integers are converted from the table's little-endian.
@@ -37,7 +28,7 @@ struct SMBIOS_RedfishOverIp {
   uint8_t hostIpAddressFormat;
   uint8_t hostIpAddress[16];
   uint8_t hostIpMask[16];
-  uint8_t discoveryType;  // SMBIOS_DiscoveryType
+  uint8_t discoveryType;  // 0 unknown, 1 static, 2 DHCP, 3 auto, 4 host-selected
   uint8_t addressFormat;  // SMBIOS_ADDRESS_FORMAT_*, other values kept as found
   uint8_t address[16];
   uint8_t mask[16];
