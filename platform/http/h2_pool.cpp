@@ -203,9 +203,18 @@ bool PoolCore::InOwnCallback() const noexcept { return t_callbackCore == this; }
 // the mutex with driving_ set means the leader is in (or about to enter)
 // poll. One write per poll is enough; the leader drains it under the mutex.
 void PoolCore::Wake() {
-  if (!driving_ || wakePending_) return;
+  if (driving_ && ClaimWake()) SignalWake();
+}
+
+bool PoolCore::ClaimWake() {
+  if (wakePending_) return false;
+  wakePending_ = true;
+  return true;
+}
+
+void PoolCore::SignalWake() {
   uint64_t one = 1;
-  if (write(wake_, &one, sizeof one) == static_cast<ssize_t>(sizeof one)) wakePending_ = true;
+  (void)!write(wake_, &one, sizeof one);
 }
 
 void PoolCore::Submit(const Ref<Exchange>& ex) {
@@ -232,14 +241,22 @@ void PoolCore::Submit(const Ref<Exchange>& ex) {
     }
     helperCv_.notify_one();
   }
+  bool wakeLeader = false;
   if (conn_ == Conn::Up) {
     SubmitQueued();
     // A leader polls: it sends this with everything else submitted while it
-    // waited, in one send, instead of one send per caller.
-    if (driving_ || !Flush() || brokenErrno_ != 0) Wake();
+    // waited, in one send, instead of one send per caller. It is woken after
+    // the mutex is let go, so that it does not wake only to wait for it.
+    if (driving_) {
+      wakeLeader = ClaimWake();
+    } else if (!Flush() || brokenErrno_ != 0) {
+      Wake();
+    }
   } else {
     Wake();  // a leader may have to connect
   }
+  lock.unlock();
+  if (wakeLeader) SignalWake();
 }
 
 // A connection nobody read from for a while may have been closed by the

@@ -154,6 +154,8 @@ class PoolCore : public RefCounted {
   void Requeue(const Ref<Exchange>& exchange);
   void Finish(Exchange& exchange, Ref<ClientResponse> response, Failure failure);
   void Wake();
+  bool ClaimWake();
+  void SignalWake();
   void CheckIdleConnection();
 
   static int OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8_t* name,
@@ -174,7 +176,7 @@ class PoolCore : public RefCounted {
   bool driving_ = false;
   std::condition_variable driverGone_;
   int wake_ = -1;             // eventfd: interrupts the leader's poll
-  bool wakePending_ = false;  // wake_ was written and not yet drained
+  bool wakePending_ = false;  // wake_ is (or is about to be) written and not yet drained
 
   Conn conn_ = Conn::None;
   int fd_ = -1;
