@@ -32,9 +32,10 @@ enum RedfishStatus : int32_t {
 constexpr int kRedfishStatusCount = 19;
 
 // A code added to the public table needs its status here too.
-#define REDFISH_STATUS_COUNT_(name, value, text) +1
-static_assert(0 BMCREDFISH_RESULT_CODES(REDFISH_STATUS_COUNT_) == kRedfishStatusCount,
+#define REDFISH_STATUS_PUBLIC_(name, value, text) name,
+constexpr int kPublicResultCodes[] = {BMCREDFISH_RESULT_CODES(REDFISH_STATUS_PUBLIC_)};
+#undef REDFISH_STATUS_PUBLIC_
+static_assert(sizeof kPublicResultCodes / sizeof kPublicResultCodes[0] == kRedfishStatusCount,
               "every public result code has a RedfishStatus");
-#undef REDFISH_STATUS_COUNT_
 
 }  // namespace redfish
