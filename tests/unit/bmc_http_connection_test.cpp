@@ -40,19 +40,6 @@ struct Transport : testing::Test {
 
 }  // namespace
 
-TEST_F(Transport, SingletonIsCreatedOnceAndKeepsTheFirstLogger) {
-  std::vector<BmcHttpConnection*> seen(8);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([&, i] {
-      seen[i] = BmcHttpConnection::GetInstance(Tessel::Service::CreateLogger("other"));
-    });
-  }
-  for (auto& t : threads) t.join();
-  for (auto* p : seen) EXPECT_EQ(p, bmc);
-  EXPECT_EQ(BmcHttpConnection::_logger->GetName(), "Redfish");
-}
-
 TEST_F(Transport, EveryRequestGetsAFreshAgentOnOnePoolToTheProxy) {
   auto a = bmc->CreateUserAgent();
   auto b = bmc->CreateUserAgent();
