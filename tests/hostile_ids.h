@@ -8,12 +8,17 @@
 
 namespace hostile {
 
-inline const std::vector<std::string> kIds = {
-    "/redfish/v1/Systems/System 1",      "/redfish/v1/Systems/1\r\nX-Injected: 1",
-    "/redfish/v1/Systems/1\t2",          std::string("/redfish/v1/Systems/1\0", 22),
-    "/redfish/v1/Systems/1\x7f",         "/redfish/v1/Systems/../../__portico/generation",
-    "/redfish/v1/Systems/./1",           "/redfish/v1/Systems/1/..",
-    "/redfish/v1/%2e%2e/%2e%2e/portico", "/redfish/v1/Systems/%2E%2E",
-    "/redfish/v1/Systems%2f1",           "@evil/redfish"};
+inline const std::vector<std::string> kIds = [] {
+  std::vector<std::string> ids;
+  for (const char* id :
+       {"/redfish/v1/Systems/System 1", "/redfish/v1/Systems/1\r\nX-Injected: 1",
+        "/redfish/v1/Systems/1\t2", "/redfish/v1/Systems/1\x7f",
+        "/redfish/v1/Systems/../../__portico/generation", "/redfish/v1/Systems/./1",
+        "/redfish/v1/Systems/1/..", "/redfish/v1/%2e%2e/%2e%2e/portico",
+        "/redfish/v1/Systems/%2E%2E", "/redfish/v1/Systems%2f1", "@evil/redfish"})
+    ids.emplace_back(id);
+  ids.emplace_back("/redfish/v1/Systems/1\0", 22);
+  return ids;
+}();
 
 }  // namespace hostile

@@ -60,6 +60,16 @@ TEST_F(Proxy, MissingDocumentIsWrittenFromTheTemplate) {
   EXPECT_EQ(log[0].status, 404);
   EXPECT_EQ(log[1]["method"], "PUT");
   EXPECT_EQ(log[1].Header("Content-Type"), "application/json");
+  // HTTP/1.1 without a pool: the headers given, and Host, Content-Length and
+  // Connection, the protocol's own; no Accept.
+  auto names = [](const it::Logged& l) {
+    std::vector<std::string> out;
+    for (const auto& header : l.headers) out.push_back(header.first);
+    return out;
+  };
+  EXPECT_EQ(names(log[0]), (std::vector<std::string>{"connection", "host"}));
+  EXPECT_EQ(names(log[1]),
+            (std::vector<std::string>{"connection", "content-length", "content-type", "host"}));
   EXPECT_EQ(log[1]["body"].compare(0, kCompactTemplatePrefix.size(), kCompactTemplatePrefix), 0)
       << log[1]["body"];
   EXPECT_NE(log[1]["body"].find(R"({"address":")" + Env("BMC_ADDR") + R"(","port_value":443})"),
