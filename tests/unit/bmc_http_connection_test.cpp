@@ -52,68 +52,63 @@ TEST_F(Transport, EveryRequestGetsAFreshAgentOnOnePoolToTheProxy) {
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "Creating SideCar HTTP2 ConnectionPool"), 2);
 }
 
-TEST_F(Transport, StatusesAndMethodsMapToResults) {
-  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Json(200, "{}"); });
-  EXPECT_EQ(Send(Http::Get), 0);
-  EXPECT_TRUE(log.Has(5, "Successfully called portico config file GET from /bmc/redfish/v1"));
-
-  for (int status : {201, 204}) {
-    fake_http::SetHandler([=](const fake_http::Request&) { return fake_http::Json(status, ""); });
-    EXPECT_EQ(Send(Http::Post), status);
-    EXPECT_EQ(Send(Http::Delete), status);
-  }
-  EXPECT_TRUE(log.Has(3, "POST: Error getting from /bmc/redfish/v1: 204 (No Content)"));
-  EXPECT_TRUE(log.Has(3, "DELETE: Error getting from /bmc/redfish/v1: 201 (Created)"));
-
-  log.Clear();
-  EXPECT_EQ(Send(Http::Head), 10002);  // sent and answered, then refused
-  EXPECT_TRUE(log.Has(3, "Invalid HTTP method request"));
-  EXPECT_EQ(fake_http::Requests().back().method, Http::Head);
-}
-
-TEST_F(Transport, RedirectIsReportedWithItsLocationNeverFollowed) {
-  fake_http::SetHandler([](const fake_http::Request&) {
-    auto r = fake_http::Json(302, "");
-    r.headers.push_back({"location", "/elsewhere"});
-    return r;
-  });
-  EXPECT_EQ(Send(Http::Get), 302);
-  EXPECT_TRUE(log.Has(5, "[ClientResponse::LOCATION] /elsewhere"));
-  EXPECT_TRUE(log.Has(3, "GET: Error getting from /bmc/redfish/v1: 302 (Found)"));
-  EXPECT_EQ(fake_http::Requests().size(), 1u);
-
-  log.Clear();
-  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Json(302, ""); });
-  EXPECT_EQ(Send(Http::Get), 302);
-  EXPECT_FALSE(log.HasPrefix(5, "[ClientResponse::LOCATION]"));
-}
-
-TEST_F(Transport, PlatformExceptionsBecomeCodesWithTheirLogLines) {
+// Only 200 is 0 (POST and DELETE too); a redirect is reported, with its
+// location, and never followed; HEAD is sent, then refused; exceptions of the
+// platform become transport codes.
+TEST_F(Transport, AnswersAndExceptionsBecomeResultsWithTheirLogLines) {
+  auto redirect = fake_http::Json(302, "");
+  redirect.headers.push_back({"location", "/elsewhere"});
+  const std::string timedOut = "GET: Response from http://localhost:80 timed out after 1000 ";
   const struct {
     fake_http::Reply reply;
+    int method;
     int code;
-    std::string line;
+    int level;
+    std::string line;  // "": none but the pool's trace
   } cases[] = {
-      {fake_http::Throw<Tessel::Ssl::SSLVerifyException>("bad cert"), 10001,
+      {fake_http::Json(200, "{}"), Http::Get, 0, 5,
+       "Successfully called portico config file GET from /bmc/redfish/v1"},
+      {fake_http::Json(204, ""), Http::Post, 204, 3,
+       "POST: Error getting from /bmc/redfish/v1: 204 (No Content)"},
+      {fake_http::Json(201, ""), Http::Delete, 201, 3,
+       "DELETE: Error getting from /bmc/redfish/v1: 201 (Created)"},
+      {redirect, Http::Get, 302, 5, "[ClientResponse::LOCATION] /elsewhere"},
+      {redirect, Http::Get, 302, 3, "GET: Error getting from /bmc/redfish/v1: 302 (Found)"},
+      {fake_http::Json(200, "{}"), Http::Head, 10002, 3, "Invalid HTTP method request"},
+      {fake_http::Throw<Tessel::Ssl::SSLVerifyException>("bad cert"), Http::Get, 10001, 3,
        "GET: Failed SSL verification of server with hostname 'http://localhost:80': bad cert"},
-      {fake_http::Throw<Tessel::InvalidArgumentException>("bad arg"), 10002,
-       "GET: Response from http://localhost:80 timed out after 1000 milliseconds: bad arg"},
-      {fake_http::Throw<Tessel::TimeoutException>("slow"), 10003,
-       "GET: Response from http://localhost:80 timed out after 1000 milliseconds: slow"},
-      {fake_http::Throw<Tessel::SystemException>(111, "refused"), 10004, ""},
-      {fake_http::Throw<Tessel::Exception>("reset"), 10005,
+      {fake_http::Throw<Tessel::InvalidArgumentException>("bad arg"), Http::Get, 10002, 3,
+       timedOut + "milliseconds: bad arg"},
+      {fake_http::Throw<Tessel::TimeoutException>("slow"), Http::Get, 10003, 3,
+       timedOut + "milliseconds: slow"},
+      {fake_http::Throw<Tessel::SystemException>(111, "refused"), Http::Get, 10004, 3, ""},
+      {fake_http::Throw<Tessel::Exception>("reset"), Http::Get, 10005, 3,
        "GET: AsyncSendRequest to http://localhost:80 failed : reset"},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
     log.Clear();
     fake_http::SetHandler([&](const fake_http::Request&) { return c.reply; });
-    EXPECT_EQ(Send(Http::Get), c.code);
+    EXPECT_EQ(Send(c.method), c.code);
+    EXPECT_EQ(fake_http::Requests().size(), 1u);
+    EXPECT_EQ(fake_http::Requests().back().method, c.method);
     if (c.line.empty()) {
-      EXPECT_TRUE(log.Lines().size() <= 1u) << "only the pool trace line";
+      EXPECT_LE(log.Lines().size(), 1u);
     } else {
-      EXPECT_TRUE(log.Has(3, c.line)) << c.line;
+      EXPECT_TRUE(log.Has(c.level, c.line));
     }
   }
+  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Json(302, ""); });
+  EXPECT_EQ(Send(Http::Get), 302);
+  EXPECT_FALSE(log.HasPrefix(5, "[ClientResponse::LOCATION]")) << "only when there is one";
+
+  log.Clear();
+  BmcHttpConnection::_logger->SetLevel(2);
+  EXPECT_EQ(Send(Http::Get), 302);
+  fake_http::SetHandler(
+      [](const fake_http::Request&) { return fake_http::Throw<Tessel::Exception>("x"); });
+  EXPECT_EQ(Send(Http::Get), 10005);
+  EXPECT_TRUE(log.Lines().empty()) << "quiet below level 3";
 }
 
 TEST_F(Transport, ConnectTimeoutIsRetriedWhileTimeIsLeftOnly) {
@@ -139,16 +134,6 @@ TEST_F(Transport, ConnectTimeoutIsRetriedWhileTimeIsLeftOnly) {
   });
   EXPECT_EQ(Send(Http::Get, 1ms), 10004);
   EXPECT_EQ(attempts, 1);
-}
-
-TEST_F(Transport, QuietBelowLevelThree) {
-  BmcHttpConnection::_logger->SetLevel(2);
-  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Json(404, ""); });
-  EXPECT_EQ(Send(Http::Get), 404);
-  fake_http::SetHandler(
-      [](const fake_http::Request&) { return fake_http::Throw<Tessel::Exception>("x"); });
-  EXPECT_EQ(Send(Http::Get), 10005);
-  EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST_F(Transport, GlobalMutexIsFreeWhileARequestIsInFlight) {
