@@ -11,15 +11,15 @@ import unittest
 from emulator_harness import EMULATOR, Emulator
 
 RESET = "/Actions/ComputerSystem.Reset"
-EXPAND_FORMS = (".($levels=1)", "*", ".")
 
 
 class ProfileChecks:
-    """What a client of each vendor's controller depends on; filled in per profile below."""
+    """What a client of each vendor's controller depends on; filled in per profile below.
+    The shapes the library reads ($select, the expanded Sensors) are the end-to-end
+    tests', per profile."""
 
-    PROFILE = SYSTEM = CHASSIS = MANUFACTURER = None
+    PROFILE = SYSTEM = None
     RESET_OK = NO_OP = None   # statuses for a real transition and for an unnecessary one
-    SENSORS = ()              # sensor Ids of CHASSIS; empty: no Sensors collection
 
     @classmethod
     def setUpClass(cls):
@@ -80,60 +80,16 @@ class ProfileChecks:
         self.assertEqual(restart.returncode, 0, restart.stderr)
         self.assertEqual(self.power_state(), "On")
 
-    def test_bad_reset_requests_are_rejected_without_touching_power(self):
-        cases = [("{not json", "MalformedJSON"), ("[]", "MalformedJSON"), ("{}", "ActionParameterMissing"),
-                 ('{"ResetType": 1}', "ActionParameterValueTypeError"),
-                 ('{"ResetType": "Warp"}', "ActionParameterValueNotInList")]
-        for body, message in cases:
-            with self.subTest(body=body):
-                reply = self.emu.curl(self.system_path() + RESET, method="POST", data=body)
-                self.assertEqual(reply.status, 400)
-                self.assertTrue(reply.json()["error"]["code"].endswith("." + message))
-        self.assertEqual(self.emu.curl(self.system_path() + RESET).status, 405)
-        self.assertEqual(self.power_state(), "On")
-
     def check_no_op_body(self, reply, state):
         pass
 
     def check_success_body(self, reply):
         self.assertEqual(reply.body, b"")
 
-    def test_select_with_and_without_trailing_slash_and_percent_encoding(self):
-        path = self.system_path()
-        bodies = [self.emu.get_json(path + q)
-                  for q in ("?$select=PowerState", "/?$select=PowerState", "/?%24select=PowerState")]
-        for status, body in bodies:
-            self.assertEqual(status, 200)
-            self.assertEqual(body, bodies[0][1])
-        body = bodies[0][1]
-        self.assertEqual(body["PowerState"], "On")
-        self.assertEqual(body["@odata.id"], path)
-        self.assertLessEqual(set(body), {"@odata.id", "@odata.type", "@odata.context", "PowerState"})
-        two = self.emu.get_json(path + "?$select=Manufacturer,Status/Health")[1]
-        self.assertEqual(two["Manufacturer"], self.MANUFACTURER)
-        self.assertEqual(set(two["Status"]), {"Health"})
-
-    def test_sensors_expand_inlines_every_member(self):
-        sensors = "/redfish/v1/Chassis/%s/Sensors" % self.CHASSIS
-        if not self.SENSORS:
-            self.skipTest("no Sensors collection")
-        for form in EXPAND_FORMS:
-            with self.subTest(expand=form):
-                status, coll = self.emu.get_json(sensors + "/?$expand=" + form)
-                self.assertEqual(status, 200)
-                self.assertEqual(coll["Members@odata.count"], len(self.SENSORS))
-                self.assertEqual(sorted(m["Id"] for m in coll["Members"]), sorted(self.SENSORS))
-                for member in coll["Members"]:
-                    self.assertIsInstance(member["Reading"], (int, float))
-                    self.assertIn("ReadingUnits", member)
-                    self.assertEqual(member["@odata.id"], sensors + "/" + member["Id"])
-        plain = self.emu.get_json(sensors)[1]
-        self.assertEqual(set(plain["Members"][0]), {"@odata.id"})
 
 class DellTest(ProfileChecks, unittest.TestCase):
-    PROFILE, SYSTEM, CHASSIS, MANUFACTURER = "dell", "System.Embedded.1", "System.Embedded.1", "Dell Inc."
+    PROFILE, SYSTEM = "dell", "System.Embedded.1"
     RESET_OK, NO_OP = 204, 409
-    SENSORS = ("CPU1Temp", "SystemBoardInletTemp", "Fan.Embedded.1A", "PS1Voltage", "SystemBoardPwrConsumption")
 
     def check_no_op_body(self, reply, state):
         info = reply.json()["error"]["@Message.ExtendedInfo"][0]
@@ -141,7 +97,7 @@ class DellTest(ProfileChecks, unittest.TestCase):
 
 
 class HpeTest(ProfileChecks, unittest.TestCase):
-    PROFILE, SYSTEM, CHASSIS, MANUFACTURER = "hpe", "1", "1", "HPE"
+    PROFILE, SYSTEM = "hpe", "1"
     RESET_OK, NO_OP = 200, 400
 
     def message_ids(self, reply):
@@ -155,15 +111,13 @@ class HpeTest(ProfileChecks, unittest.TestCase):
 
 
 class LenovoTest(ProfileChecks, unittest.TestCase):
-    PROFILE, SYSTEM, CHASSIS, MANUFACTURER = "lenovo", "1", "1", "Lenovo"
+    PROFILE, SYSTEM = "lenovo", "1"
     RESET_OK, NO_OP = 204, 204
-    SENSORS = ("208L0", "252L0", "242L0", "80L0", "67L0", "PSU1_InputVol")
 
 
 class GenericTest(ProfileChecks, unittest.TestCase):
-    PROFILE, SYSTEM, CHASSIS, MANUFACTURER = "generic", "node1", "1U", "Contoso"
+    PROFILE, SYSTEM = "generic", "node1"
     RESET_OK, NO_OP = 204, 204
-    SENSORS = ("AmbientTemp", "CPU1Temp", "CPUFan1", "PS1InputVoltage", "TotalPower")
 
 
 class FaultTest(unittest.TestCase):
