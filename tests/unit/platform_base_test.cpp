@@ -44,16 +44,6 @@ TEST(Logging, LevelGatesMessagesAndSinkSeesTextUnchanged) {
   EXPECT_EQ(seen[0].second, "shown text\n");
 }
 
-TEST(Logging, DefaultSinkWritesOneLineToStandardError) {
-  auto logger = Tessel::Service::CreateLogger("Redfish");
-  logger->SetLevel(6);
-  testing::internal::CaptureStderr();
-  Tessel::Service::LogInternal(logger, 5, "Creating %1", "x");
-  std::string out = testing::internal::GetCapturedStderr();
-  EXPECT_NE(out.find("Redfish[5] Creating x\n"), std::string::npos) << out;
-  EXPECT_EQ(std::count(out.begin(), out.end(), '\n'), 1);
-}
-
 namespace {
 struct Counted : Tessel::RefCounted {
   explicit Counted(int* deaths) : deaths(deaths) {}

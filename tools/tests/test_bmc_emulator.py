@@ -182,20 +182,17 @@ class FaultTest(unittest.TestCase):
         self.emu.control("DELETE", "faults")
         self.assertEqual(self.emu.curl(chassis).status, 200)
 
-    def test_bad_fault_specs_are_refused(self):
+    def test_bad_fault_specs_and_power_requests_are_refused(self):
         for spec in ("nokind", "/x:delay", "/x:delay=soon", "/x:drop=1", "/x:status=42", "/x:status=500,body=",
                      "/x:status=500,body=/nonexistent/file", "/x:truncate=-1", "/x:drop@0"):
             with self.subTest(spec=spec):
                 self.assertEqual(self.emu.control("POST", "faults", [spec]).status, 400)
         self.assertEqual(self.emu.control("POST", "faults", {"not": "a list"}).status, 400)
+        self.assertEqual(self.emu.control("POST", "power", {"system": 7, "PowerState": "On"}).status, 404)
+        self.assertEqual(self.emu.control("POST", "power", {"PowerState": "Sleeping"}).status, 400)
         bad_cli = subprocess.run([str(EMULATOR), "--profile", "generic", "--fault", "/x:explode"],
                                  capture_output=True)
         self.assertEqual(bad_cli.returncode, 2)
-
-    def test_control_endpoint_refuses_unknown_systems_and_states(self):
-        # Setting power is what every end-to-end test starts with.
-        self.assertEqual(self.emu.control("POST", "power", {"system": 7, "PowerState": "On"}).status, 404)
-        self.assertEqual(self.emu.control("POST", "power", {"PowerState": "Sleeping"}).status, 400)
 
     def test_malformed_and_misdirected_requests(self):
         ctx = ssl.create_default_context()

@@ -4,15 +4,13 @@ emulator, the route-document endpoint, its faults, start and stop."""
 import json
 import os
 import shutil
-import signal
 import socket
 import subprocess
 import tempfile
-import threading
 import unittest
 from pathlib import Path
 
-from emulator_harness import Emulator
+from emulator_harness import Emulator, start_process, stop_process
 
 PORTICO = Path(__file__).resolve().parents[1] / "portico"
 DOC_PATH = "/portico/config/json/bmcApi.json"
@@ -34,25 +32,13 @@ class Portico:
         self.tmp = tempfile.TemporaryDirectory(prefix="portico-test-")
         self.dir = Path(self.tmp.name)
         self.http_port, self.config_port = free_port(), free_port()
-        self.proc = subprocess.Popen(
+        self.proc, _ = start_process(
             [str(PORTICO), "--http-port", str(self.http_port), "--config-port",
              str(self.config_port), "--dir", str(self.dir / "nginx"), "--request-log",
-             str(self.dir / "config.jsonl"), *extra],
-            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        guard = threading.Timer(30, self.proc.kill)  # the ready line or EOF ends the wait
-        guard.start()
-        line = self.proc.stdout.readline().strip()
-        guard.cancel()
-        if line != "ready":
-            self.stop()
-            raise RuntimeError("portico did not start: %r" % line)
+             str(self.dir / "config.jsonl"), *extra], "ready")
 
     def stop(self):
-        if self.proc.poll() is None:
-            self.proc.send_signal(signal.SIGTERM)
-        rc = self.proc.wait(timeout=20)
-        self.proc.stdout.close()
-        self.proc.stderr.close()
+        rc = stop_process(self.proc)
         self.tmp.cleanup()
         return rc
 
