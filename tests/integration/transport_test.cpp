@@ -1,14 +1,11 @@
 // The transport and the connection against the real proxy stand-in and BMC
 // emulator, through the classes the library exports. Run by tools/host-sim.
-#include "connection/bmc_redfish_connection.h"
 #include "it_support.h"
 #include "transport/bmc_http_connection.h"
 
 using it::Env;
 using it::ReadLog;
 using redfish::BmcHttpConnection;
-using redfish::BmcRedfishConnection;
-using namespace std::chrono_literals;
 
 namespace {
 
@@ -93,9 +90,4 @@ TEST_F(Proxy, ProxyFailuresAreReportedAndLeaveTheFlagDown) {
     EXPECT_EQ(bmc->UpdateBmcApiJson(""), c.result) << c.fault;
     EXPECT_FALSE(BmcHttpConnection::_bmcJsonUpdated) << c.fault;
   }
-  // A failed creation leaves nothing behind; the next one tries again.
-  BmcHttpConnection::_bmcJsonUpdated = false;
-  PorticoFaults(R"(["get=503@1"])");
-  EXPECT_THROW(BmcRedfishConnection("", "admin", "secret", logger), int);
-  EXPECT_NO_THROW(BmcRedfishConnection("", "admin", "secret", logger));
 }

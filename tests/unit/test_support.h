@@ -1,13 +1,14 @@
 #pragma once
 
 #include <algorithm>
-#include <cstdio>
 #include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 
 #include "bmcredfish.h"
 #include "platform/feature_state.h"
@@ -131,19 +132,12 @@ struct ApiTest : testing::Test {
   void Members(const std::string& collection, const std::string& id) {
     bmc.Json(collection, R"({"Members":[{"@odata.id":)" + Quoted(id) + "}]}");
   }
-  // A JSON string holding any bytes, control bytes as \u escapes.
+  // A JSON string holding any bytes.
   static std::string Quoted(const std::string& text) {
-    std::string out = "\"";
-    for (unsigned char c : text) {
-      char escaped[8];
-      if (c < 0x20 || c == '"' || c == '\\' || c == 0x7f) {
-        std::snprintf(escaped, sizeof escaped, "\\u%04x", c);
-        out += escaped;
-      } else {
-        out += static_cast<char>(c);
-      }
-    }
-    return out + "\"";
+    rapidjson::StringBuffer out;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(out);
+    writer.String(text.c_str(), static_cast<rapidjson::SizeType>(text.size()));
+    return out.GetString();
   }
   static int Posts() {
     int n = 0;

@@ -58,27 +58,21 @@ class ProfileChecks:
         self.assertNotEqual(self.emu.redfishtool("Systems", "list", password="wrong").returncode, 0)
 
     def test_reset_changes_power_and_answers_with_the_vendors_statuses(self):
-        no_op = self.post_reset("On")
-        self.assertEqual(no_op.status, self.NO_OP)
-        self.check_no_op_body(no_op, "ON")
-        self.assertEqual(self.power_state(), "On")
-
-        off = self.emu.redfishtool("Systems", "-I", self.SYSTEM, "reset", "ForceOff")
-        self.assertEqual(off.returncode, 0, off.stderr)
-        self.assertEqual(self.power_state(), "Off")
-        again = self.post_reset("ForceOff")
-        self.assertEqual(again.status, self.NO_OP)
-        self.check_no_op_body(again, "OFF")
-        self.assertEqual(self.power_state(), "Off")
-
-        on = self.post_reset("On")
-        self.assertEqual(on.status, self.RESET_OK)
-        self.check_success_body(on)
-        self.assertEqual(self.power_state(), "On")
-
-        restart = self.emu.redfishtool("Systems", "-I", self.SYSTEM, "reset", "GracefulRestart")
-        self.assertEqual(restart.returncode, 0, restart.stderr)
-        self.assertEqual(self.power_state(), "On")
+        for reset, how in (("On", "no-op"), ("ForceOff", "redfishtool"), ("ForceOff", "no-op"),
+                           ("On", "done"), ("GracefulRestart", "redfishtool")):
+            with self.subTest(reset=reset, how=how):
+                if how == "redfishtool":
+                    done = self.emu.redfishtool("Systems", "-I", self.SYSTEM, "reset", reset)
+                    self.assertEqual(done.returncode, 0, done.stderr)
+                elif how == "no-op":
+                    reply = self.post_reset(reset)
+                    self.assertEqual(reply.status, self.NO_OP)
+                    self.check_no_op_body(reply, "OFF" if reset == "ForceOff" else "ON")
+                else:
+                    reply = self.post_reset(reset)
+                    self.assertEqual(reply.status, self.RESET_OK)
+                    self.check_success_body(reply)
+                self.assertEqual(self.power_state(), "Off" if reset == "ForceOff" else "On")
 
     def check_no_op_body(self, reply, state):
         pass
