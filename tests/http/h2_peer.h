@@ -3,15 +3,13 @@
 // A scripted h2c server for the faults nginx does not produce on demand: a
 // connection reset or closed with a request outstanding, GOAWAY, refused and
 // reset streams. It records each request's header fields and answers with a
-// bare ":status: 200". A connection that does not start as HTTP/2 gets an
-// HTTP/1.1 answer, as an endpoint that detects the protocol would give.
+// bare ":status: 200".
 #include <netinet/in.h>
 #include <nghttp2/nghttp2.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <strings.h>
 #include <cstdint>
 #include <cstring>
 #include <functional>
@@ -63,18 +61,13 @@ class H2Peer {
     close(listener_);
   }
   int Port() const { return port_; }
-  // HEADERS frames received, and connections that did not start as HTTP/2:
-  // how often requests reached the server.
-  int Requests() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return headers_;
-  }
   using Fields = std::vector<std::pair<std::string, std::string>>;
   // The header fields of every request received, in order.
   std::vector<Fields> Received() {
     std::lock_guard<std::mutex> lock(mutex_);
     return received_;
   }
+  int Requests() { return static_cast<int>(Received().size()); }
 
  private:
   void Accept() {
@@ -109,11 +102,8 @@ class H2Peer {
     uint8_t preface[24];
     uint32_t lastDone = 0;
     bool writing = true;  // false once our side is closed: frames are only counted
-    bool open = ReadAll(fd, preface, sizeof preface);
-    if (open && std::memcmp(preface, "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", 24) != 0) {
-      ServeHttp1(fd, std::string(reinterpret_cast<char*>(preface), sizeof preface));
-      open = false;
-    }
+    bool open = ReadAll(fd, preface, sizeof preface) &&
+                std::memcmp(preface, "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", 24) == 0;
     if (open) Frame(fd, 4, 0, 0);  // our SETTINGS
     nghttp2_hd_inflater* inflater = nullptr;
     nghttp2_hd_inflate_new(&inflater);
@@ -127,7 +117,6 @@ class H2Peer {
       if (type == 1) {
         Fields fields = Decode(inflater, payload);
         std::lock_guard<std::mutex> lock(mutex_);
-        ++headers_;
         received_.push_back(std::move(fields));
       }
       if (!writing) continue;
@@ -200,44 +189,6 @@ class H2Peer {
     return out;
   }
 
-  // Reads an HTTP/1.1 request head (and a Content-Length body), records its
-  // fields (the request line as ":request") and answers "ok".
-  void ServeHttp1(int fd, std::string in) {
-    char buf[4096];
-    size_t end;
-    while ((end = in.find("\r\n\r\n")) == std::string::npos) {
-      ssize_t r = read(fd, buf, sizeof buf);
-      if (r <= 0) return;
-      in.append(buf, static_cast<size_t>(r));
-    }
-    Fields fields;
-    size_t length = 0;
-    size_t pos = in.find("\r\n");
-    fields.emplace_back(":request", in.substr(0, pos));
-    while (pos < end) {
-      size_t next = in.find("\r\n", pos + 2);
-      std::string line = in.substr(pos + 2, next - pos - 2);
-      size_t colon = line.find(':');
-      std::string name = line.substr(0, colon), value = line.substr(colon + 2);
-      if (strcasecmp(name.c_str(), "Content-Length") == 0) length = std::stoul(value);
-      fields.emplace_back(name, value);
-      pos = next;
-    }
-    while (in.size() < end + 4 + length) {
-      ssize_t r = read(fd, buf, sizeof buf);
-      if (r <= 0) return;
-      in.append(buf, static_cast<size_t>(r));
-    }
-    fields.emplace_back(":body", in.substr(end + 4, length));
-    {
-      std::lock_guard<std::mutex> lock(mutex_);
-      ++headers_;
-      received_.push_back(std::move(fields));
-    }
-    const char answer[] = "HTTP/1.1 200 OK\r\nContent-Length: 2\r\nConnection: close\r\n\r\nok";
-    (void)!write(fd, answer, sizeof answer - 1);
-  }
-
   Script script_;
   int listener_ = -1;
   int port_ = 0;
@@ -245,7 +196,6 @@ class H2Peer {
   std::mutex mutex_;
   std::set<int> open_;
   std::vector<std::thread> connections_;
-  int headers_ = 0;
   int requests_ = 0;
   std::vector<Fields> received_;
 };

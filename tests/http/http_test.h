@@ -58,6 +58,22 @@ bool Eventually(F condition, double seconds = 10) {
   return true;
 }
 
+// What f threw: "errno N" for a SystemException, "timeout: ..." for a time-out,
+// the text of any other Exception; "" when it returned.
+template <typename F>
+std::string Thrown(F f) {
+  try {
+    f();
+  } catch (const SystemException& e) {
+    return "errno " + std::to_string(e.GetError());
+  } catch (const TimeoutException& e) {
+    return std::string("timeout: ") + e.what();
+  } catch (const Exception& e) {
+    return e.what();
+  }
+  return "";
+}
+
 // An endpoint with a pool, counting the sockets the pool opens.
 struct Endpoint {
   explicit Endpoint(int port, bool tls = false, const std::string& host = "127.0.0.1",

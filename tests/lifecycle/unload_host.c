@@ -1,7 +1,8 @@
 /* A host service that loads, uses and unloads the library many times. It is
  * linked -rdynamic and defines its own cleanup() and feature switches: the
- * library must never call them in place of its own. Prints the resident set
- * size as the cycles go. */
+ * library must never call them in place of its own. Compiled as C99, so the
+ * public header stays C. Prints the resident set size as the cycles go. */
+#define _GNU_SOURCE /* RTLD_NOLOAD, sysconf */
 #include <dlfcn.h>
 #include <stdint.h>
 #include <stdio.h>
@@ -50,13 +51,19 @@ static int cycle(const char* path) {
   int ok = feature_init && feature_state && power_state && mac_address;
   if (ok) {
     feature_init();
-    *feature_state("REDFISH") = 1;
-    bool on = false;
+    uint8_t* redfish = feature_state("REDFISH");
+    bool on = true;
+    /* Off after every load, and then nothing is done. */
+    if (*redfish != 0 || power_state("u", "p", NULL, 100, &on) != REDFISH_FEATURE_DISABLED || !on) {
+      fprintf(stderr, "the switch was on after loading, or did not refuse\n");
+      ok = 0;
+    }
+    *redfish = 1;
     char mac[32];
     unsigned int length = sizeof mac;
     int rc = power_state("admin", "secret", NULL, 5000, &on);
     if (rc != 0) fprintf(stderr, "power state: %d\n", rc);
-    ok = rc == 0;
+    ok = ok && rc == 0;
     rc = mac_address("admin", "secret", NULL, NULL, 5000, mac, &length);
     if (rc != 0) fprintf(stderr, "MAC address: %d\n", rc);
     ok = ok && rc == 0;

@@ -41,20 +41,17 @@ class ZirnLive : public ::testing::Test {
     return e;
   }
   std::vector<uint8_t> Buffer() const { return {buffer_, buffer_ + sizeof buffer_}; }
-  static std::string Dmidecode() { return sysinfo_test::Shell("dmidecode -t 42"); }
   uint8_t buffer_[40];
 };
 
 TEST_F(ZirnLive, ReadsTheRecordTheFirmwareTableHolds) {
   ASSERT_EQ(Get(""), NUC_OK);
   EXPECT_EQ(Buffer(), Record(1, {127, 0, 42, 1}, 443, 0));
-  EXPECT_NE(Dmidecode().find("IPv4 Redfish Service Address: 127.0.42.1"), std::string::npos);
 
   ASSERT_EQ(Get("--ipv4 127.1.2.3 --port 8443 --vlan 70000 --discovery auto --entry-point 2 "
                 "--kcs-first --device pci"),
             NUC_OK);
   EXPECT_EQ(Buffer(), Record(3, {127, 1, 2, 3}, 8443, 70000));
-  EXPECT_NE(Dmidecode().find("Redfish Service Port: 8443"), std::string::npos);
 
   ASSERT_EQ(Get("--ipv6-only fd00:42::1"), NUC_OK);  // a record, but no IPv4 address in it
   EXPECT_EQ(Buffer(), Record(1, {}, 443, 0));
@@ -63,7 +60,6 @@ TEST_F(ZirnLive, ReadsTheRecordTheFirmwareTableHolds) {
 TEST_F(ZirnLive, ReportsMissingAndBrokenTablesWithAZeroedBuffer) {
   EXPECT_EQ(Get("--no-redfish"), NUC_ERR_NO_ENTRY);
   EXPECT_EQ(Buffer(), std::vector<uint8_t>(sizeof buffer_, 0));
-  EXPECT_EQ(Dmidecode().find("Redfish"), std::string::npos);
   for (const char* args :
        {"--corrupt struct-past-end", "--corrupt short-record", "--truncate 100"}) {
     EXPECT_EQ(Get(args), NUC_ERR_CORRUPT_TABLE) << args;

@@ -2,68 +2,16 @@
 
 #include <cstring>
 #include <future>
-#include <thread>
 
 #include "bmcredfish.h"
 #include "platform/feature_state.h"
-#include "tests/fakes/fake_sysinfo.h"
 #include "tests/unit/test_support.h"
-#include "transport/bmc_http_connection.h"
 #include "utils/redfish_status.h"
 
-using redfish::BmcHttpConnection;
-using test_support::LogCapture;
 using test_support::ScriptedBmc;
 
-namespace {
-
-const char kMac[] = "AA:BB:CC:DD:EE:01";
-
-struct Api : testing::Test {
-  Api() {
-    FeatureState_Init();
-    *GetFeatureState_Slow("REDFISH") = 1;
-    fake_sysinfo::SetIpv4(127, 0, 42, 1);
-    bmc.Json("/portico/config/json/bmcApi.json", "{}", 404)
-        .OnMethod(Tessel::Http::Put, "/portico/config/json/bmcApi.json", fake_http::Json(204, ""))
-        .Json("/bmc/redfish/v1/Managers", R"({"Members":[{"@odata.id":"/redfish/v1/Managers/1"}]})")
-        .Json("/bmc/redfish/v1/Managers/1/EthernetInterfaces",
-              R"({"Members":[{"@odata.id":"/redfish/v1/Managers/1/EthernetInterfaces/1"}]})")
-        .Json("/bmc/redfish/v1/Managers/1/EthernetInterfaces/1/?$select=MACAddress",
-              std::string(R"({"MACAddress":")") + kMac + "\"}")
-        .Json("/bmc/redfish/v1/Systems", R"({"Members":[{"@odata.id":"/redfish/v1/Systems/1"}]})")
-        .Json("/bmc/redfish/v1/Systems/1/?$select=Manufacturer", R"({"Manufacturer":"Dell Inc."})")
-        .Json(
-            "/bmc/redfish/v1/Systems/1/?$select=Actions",
-            R"({"Actions":{"#ComputerSystem.Reset":{"target":"/r","ResetType@Redfish.AllowableValues":["On"]}}})")
-        .Json("/bmc/redfish/v1/Systems/1/?$select=PowerState", R"({"PowerState":"On"})")
-        .Json("/bmc/r", "", 204)
-        .Json("/bmc/redfish/v1/Chassis", R"({"Members":[{"@odata.id":"/redfish/v1/Chassis/1"}]})")
-        .Json("/bmc/redfish/v1/Chassis/1/Sensors", "{}")
-        .Json("/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)", R"({"Members":[1,2,3,4]})");
-    bmc.Install();
-  }
-  ~Api() override { cleanup(); }
-  // One round of the three queries on the local host; returns how many failed.
-  static int QueryRound() {
-    bool on = false;
-    char buffer[64];
-    unsigned int length = sizeof buffer;
-    int failures = Redfish_GetPowerState("u", "p", nullptr, 100, &on) != 0 || !on;
-    failures += Redfish_GetMacAddress("u", "p", nullptr, kMac, 100, buffer, &length) != 0;
-    length = sizeof buffer;
-    return failures + (Redfish_GetSensorsInfo("u", "p", nullptr, 100, buffer, &length) != 0);
-  }
-  static int Posts() {
-    int n = 0;
-    for (const auto& r : fake_http::Requests()) n += r.method == Tessel::Http::Post;
-    return n;
-  }
-  ScriptedBmc bmc;
-  LogCapture log;
-};
-
-}  // namespace
+using Api = test_support::ApiTest;
+constexpr auto& kMac = Api::kMac;
 
 TEST_F(Api, SwitchOffRefusesEverythingEvenAfterInitialisation) {
   EXPECT_EQ(Redfish_Initialize(), 0);
@@ -161,21 +109,6 @@ TEST_F(Api, PowerOperationIsGuardedByTheMac) {
   EXPECT_EQ(Posts(), 1);
 }
 
-TEST_F(Api, ManyThreadsOnOneHost) {
-  std::vector<std::thread> threads;
-  std::atomic<int> failures{0};
-  for (int t = 0; t < 16; ++t) {
-    threads.emplace_back([&] {
-      for (int i = 0; i < 10; ++i) failures += QueryRound();
-    });
-  }
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(failures, 0);
-  auto requests = ScriptedBmc::Targets();
-  EXPECT_EQ(std::count(requests.begin(), requests.end(), "/bmc/redfish/v1/Systems"), 1)
-      << "discovered once";
-}
-
 TEST_F(Api, ClosingAHostDoesNotFreeTheConnectionOfACallInFlight) {
   std::promise<void> closed;
   std::shared_future<void> closedNow = closed.get_future().share();
@@ -207,36 +140,4 @@ TEST_F(Api, ClosingAHostDoesNotFreeTheConnectionOfACallInFlight) {
   closed.set_value();
   EXPECT_EQ(call.get(), 0);
   EXPECT_TRUE(on);
-}
-
-// Callers and closers race; under ASan or TSan a freed connection in use, a
-// double unlock or a data race fails the test even when every result is right.
-TEST_F(Api, CloseAndCleanupRaceWithCallsOnOneHost) {
-  std::atomic<int> failures{0};
-  std::atomic<int> closes{0};
-  std::atomic<int> callersLeft{16};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 16; ++t) {
-    threads.emplace_back([&] {
-      // Each caller keeps going until the closers have closed many times.
-      for (int i = 0; i < 5 || closes.load() < 200; ++i) failures += QueryRound();
-      --callersLeft;
-    });
-  }
-  for (int t = 0; t < 2; ++t) {
-    threads.emplace_back([&, t] {
-      while (callersLeft.load() > 0) {
-        if (t == 0) {
-          Redfish_CloseConnection(nullptr);
-        } else {
-          cleanup();
-        }
-        ++closes;
-        std::this_thread::yield();
-      }
-    });
-  }
-  for (auto& t : threads) t.join();
-  EXPECT_EQ(failures, 0);
-  EXPECT_GE(closes.load(), 200);
 }

@@ -40,23 +40,9 @@ struct Transport : testing::Test {
 
 }  // namespace
 
-TEST_F(Transport, SingletonIsCreatedOnceAndKeepsTheFirstLogger) {
-  std::vector<BmcHttpConnection*> seen(8);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) {
-    threads.emplace_back([&, i] {
-      seen[i] = BmcHttpConnection::GetInstance(Tessel::Service::CreateLogger("other"));
-    });
-  }
-  for (auto& t : threads) t.join();
-  for (auto* p : seen) EXPECT_EQ(p, bmc);
-  EXPECT_EQ(BmcHttpConnection::_logger->GetName(), "Redfish");
-}
-
 TEST_F(Transport, EveryRequestGetsAFreshAgentOnOnePoolToTheProxy) {
   auto a = bmc->CreateUserAgent();
   auto b = bmc->CreateUserAgent();
-  EXPECT_NE(a.Get(), b.Get());
   EXPECT_NE(a->GetCookieStore(), b->GetCookieStore());
   EXPECT_EQ(a->GetConnectionPool(), b->GetConnectionPool());
   EXPECT_EQ(a->GetConnectionSpec()->ToString(), "http://localhost:80");
@@ -65,68 +51,63 @@ TEST_F(Transport, EveryRequestGetsAFreshAgentOnOnePoolToTheProxy) {
   EXPECT_EQ(std::count(lines.begin(), lines.end(), "Creating SideCar HTTP2 ConnectionPool"), 2);
 }
 
-TEST_F(Transport, StatusesAndMethodsMapToResults) {
-  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Json(200, "{}"); });
-  EXPECT_EQ(Send(Http::Get), 0);
-  EXPECT_TRUE(log.Has(5, "Successfully called portico config file GET from /bmc/redfish/v1"));
-
-  for (int status : {201, 204}) {
-    fake_http::SetHandler([=](const fake_http::Request&) { return fake_http::Json(status, ""); });
-    EXPECT_EQ(Send(Http::Post), status);
-    EXPECT_EQ(Send(Http::Delete), status);
-  }
-  EXPECT_TRUE(log.Has(3, "POST: Error getting from /bmc/redfish/v1: 204 (No Content)"));
-  EXPECT_TRUE(log.Has(3, "DELETE: Error getting from /bmc/redfish/v1: 201 (Created)"));
-
-  log.Clear();
-  EXPECT_EQ(Send(Http::Head), 10002);  // sent and answered, then refused
-  EXPECT_TRUE(log.Has(3, "Invalid HTTP method request"));
-  EXPECT_EQ(fake_http::Requests().back().method, Http::Head);
-}
-
-TEST_F(Transport, RedirectIsReportedWithItsLocationNeverFollowed) {
-  fake_http::SetHandler([](const fake_http::Request&) {
-    auto r = fake_http::Json(302, "");
-    r.headers.push_back({"location", "/elsewhere"});
-    return r;
-  });
-  EXPECT_EQ(Send(Http::Get), 302);
-  EXPECT_TRUE(log.Has(5, "[ClientResponse::LOCATION] /elsewhere"));
-  EXPECT_TRUE(log.Has(3, "GET: Error getting from /bmc/redfish/v1: 302 (Found)"));
-  EXPECT_EQ(fake_http::Requests().size(), 1u);
-
-  log.Clear();
-  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Json(302, ""); });
-  EXPECT_EQ(Send(Http::Get), 302);
-  EXPECT_FALSE(log.HasPrefix(5, "[ClientResponse::LOCATION]"));
-}
-
-TEST_F(Transport, PlatformExceptionsBecomeCodesWithTheirLogLines) {
+// Only 200 is 0 (POST and DELETE too); a redirect is reported, with its
+// location, and never followed; HEAD is sent, then refused; exceptions of the
+// platform become transport codes.
+TEST_F(Transport, AnswersAndExceptionsBecomeResultsWithTheirLogLines) {
+  auto redirect = fake_http::Json(302, "");
+  redirect.headers.push_back({"location", "/elsewhere"});
+  const std::string timedOut = "GET: Response from http://localhost:80 timed out after 1000 ";
   const struct {
     fake_http::Reply reply;
+    int method;
     int code;
-    std::string line;
+    int level;
+    std::string line;  // "": none but the pool's trace
   } cases[] = {
-      {fake_http::Throw<Tessel::Ssl::SSLVerifyException>("bad cert"), 10001,
+      {fake_http::Json(200, "{}"), Http::Get, 0, 5,
+       "Successfully called portico config file GET from /bmc/redfish/v1"},
+      {fake_http::Json(204, ""), Http::Post, 204, 3,
+       "POST: Error getting from /bmc/redfish/v1: 204 (No Content)"},
+      {fake_http::Json(201, ""), Http::Delete, 201, 3,
+       "DELETE: Error getting from /bmc/redfish/v1: 201 (Created)"},
+      {redirect, Http::Get, 302, 5, "[ClientResponse::LOCATION] /elsewhere"},
+      {redirect, Http::Get, 302, 3, "GET: Error getting from /bmc/redfish/v1: 302 (Found)"},
+      {fake_http::Json(200, "{}"), Http::Head, 10002, 3, "Invalid HTTP method request"},
+      {fake_http::Throw<Tessel::Ssl::SSLVerifyException>("bad cert"), Http::Get, 10001, 3,
        "GET: Failed SSL verification of server with hostname 'http://localhost:80': bad cert"},
-      {fake_http::Throw<Tessel::InvalidArgumentException>("bad arg"), 10002,
-       "GET: Response from http://localhost:80 timed out after 1000 milliseconds: bad arg"},
-      {fake_http::Throw<Tessel::TimeoutException>("slow"), 10003,
-       "GET: Response from http://localhost:80 timed out after 1000 milliseconds: slow"},
-      {fake_http::Throw<Tessel::SystemException>(111, "refused"), 10004, ""},
-      {fake_http::Throw<Tessel::Exception>("reset"), 10005,
+      {fake_http::Throw<Tessel::InvalidArgumentException>("bad arg"), Http::Get, 10002, 3,
+       timedOut + "milliseconds: bad arg"},
+      {fake_http::Throw<Tessel::TimeoutException>("slow"), Http::Get, 10003, 3,
+       timedOut + "milliseconds: slow"},
+      {fake_http::Throw<Tessel::SystemException>(111, "refused"), Http::Get, 10004, 3, ""},
+      {fake_http::Throw<Tessel::Exception>("reset"), Http::Get, 10005, 3,
        "GET: AsyncSendRequest to http://localhost:80 failed : reset"},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.line);
     log.Clear();
     fake_http::SetHandler([&](const fake_http::Request&) { return c.reply; });
-    EXPECT_EQ(Send(Http::Get), c.code);
+    EXPECT_EQ(Send(c.method), c.code);
+    EXPECT_EQ(fake_http::Requests().size(), 1u);
+    EXPECT_EQ(fake_http::Requests().back().method, c.method);
     if (c.line.empty()) {
-      EXPECT_TRUE(log.Lines().size() <= 1u) << "only the pool trace line";
+      EXPECT_LE(log.Lines().size(), 1u);
     } else {
-      EXPECT_TRUE(log.Has(3, c.line)) << c.line;
+      EXPECT_TRUE(log.Has(c.level, c.line));
     }
   }
+  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Json(302, ""); });
+  EXPECT_EQ(Send(Http::Get), 302);
+  EXPECT_FALSE(log.HasPrefix(5, "[ClientResponse::LOCATION]")) << "only when there is one";
+
+  log.Clear();
+  BmcHttpConnection::_logger->SetLevel(2);
+  EXPECT_EQ(Send(Http::Get), 302);
+  fake_http::SetHandler(
+      [](const fake_http::Request&) { return fake_http::Throw<Tessel::Exception>("x"); });
+  EXPECT_EQ(Send(Http::Get), 10005);
+  EXPECT_TRUE(log.Lines().empty()) << "quiet below level 3";
 }
 
 TEST_F(Transport, ConnectTimeoutIsRetriedWhileTimeIsLeftOnly) {
@@ -152,16 +133,6 @@ TEST_F(Transport, ConnectTimeoutIsRetriedWhileTimeIsLeftOnly) {
   });
   EXPECT_EQ(Send(Http::Get, 1ms), 10004);
   EXPECT_EQ(attempts, 1);
-}
-
-TEST_F(Transport, QuietBelowLevelThree) {
-  BmcHttpConnection::_logger->SetLevel(2);
-  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Json(404, ""); });
-  EXPECT_EQ(Send(Http::Get), 404);
-  fake_http::SetHandler(
-      [](const fake_http::Request&) { return fake_http::Throw<Tessel::Exception>("x"); });
-  EXPECT_EQ(Send(Http::Get), 10005);
-  EXPECT_TRUE(log.Lines().empty());
 }
 
 TEST_F(Transport, GlobalMutexIsFreeWhileARequestIsInFlight) {
@@ -200,11 +171,7 @@ TEST(BmcIpFromSmbios, FormatsTheRecordsAddress) {
   }
   EXPECT_TRUE(log.Has(5, "IP Discovery type : 3"));
 
-  std::string ip = "unchanged";
-  fake_sysinfo::Current().record[4] = 0;  // IPv6 only
-  EXPECT_EQ(bmc->BmcIpFromSmbios(ip), 30001);
-  EXPECT_EQ(ip, "unchanged");
-
+  std::string ip = "unchanged";  // no IPv4 address: the route and API tests
   fake_sysinfo::Current().getStatus = 3;
   EXPECT_EQ(bmc->BmcIpFromSmbios(ip), 30001);
   EXPECT_TRUE(log.Has(3, "Failed to get rfInfo zirn node: scripted sysinfo failure"));
@@ -264,65 +231,66 @@ TEST_F(RouteDocument, MissingDocumentIsWrittenFromTheTemplateOnce) {
   EXPECT_EQ(fake_http::Requests().size(), 2u) << "the second call sends nothing";
 }
 
-TEST_F(RouteDocument, DocumentNamingTheAddressIsLeftAlone) {
-  Script(fake_http::Json(200, Document("10.1.2.3")));
-  EXPECT_EQ(bmc->UpdateBmcApiJson("10.1.2.3"), 0);
-  EXPECT_TRUE(Puts().empty());
-  EXPECT_EQ(fake_sysinfo::Current().getCalls, 0) << "a given host needs no discovery";
-  EXPECT_TRUE(log.Has(5, "[UpdateBmcApiJson::UpdatedJson] address matches ZIRN redfishInfo"));
-}
-
-TEST_F(RouteDocument, OtherAddressIsReplacedKeepingTheRest) {
-  Script(fake_http::Json(200, Document("10.0.0.1")));
-  EXPECT_EQ(bmc->UpdateBmcApiJson(""), 0);
-  auto puts = Puts();
-  ASSERT_EQ(puts.size(), 1u);
-  EXPECT_EQ(puts[0].body, Document("127.0.42.1"));
-}
-
-TEST_F(RouteDocument, FailuresLeaveTheFlagDown) {
+// What a GET and a PUT answer make of the update: its result, the document
+// PUT ("" for none), and the flag raised only on success.
+TEST_F(RouteDocument, OutcomesOfEachAnswer) {
+  const auto ok = fake_http::Json(204, "");
+  const std::string mine = Document("127.0.42.1");
   const struct {
     fake_http::Reply get;
     fake_http::Reply put;
     int result;
+    std::string written;
   } cases[] = {
-      {fake_http::Json(503, ""), fake_http::Json(204, ""), 503},
-      {fake_http::Json(404, ""), fake_http::Json(200, ""), 200},
-      {fake_http::Json(200, "not json"), fake_http::Json(204, ""), 20001},
-      {fake_http::Json(200, ""), fake_http::Json(204, ""), 20001},
-      {fake_http::Json(200, R"({"proxy_configuration":{"clusters":[]}})"), fake_http::Json(204, ""),
-       20001},
-      {fake_http::Json(200, R"({"proxy_configuration":{"clusters":[{"endpoints":[]}]}})"),
-       fake_http::Json(204, ""), 20001},
-      {fake_http::Json(200, Document("x") + std::string(2100, ' ')), fake_http::Json(204, ""), 0},
-      {fake_http::Json(200, R"({"big":")" + std::string(2100, 'x') + "\"}"),
-       fake_http::Json(204, ""), 20001},
-      {fake_http::Throw<Tessel::SystemException>(111, "refused"), fake_http::Json(204, ""), 10004},
-      {fake_http::Json(404, ""), fake_http::Throw<Tessel::Exception>("reset"), 10004},
+      {fake_http::Json(200, Document("127.0.42.1")), ok, 0, ""},
+      {fake_http::Json(200, Document("10.0.0.1")), ok, 0, mine},  // the rest is kept
+      {fake_http::Json(200,
+                       R"({"proxy_configuration":{"clusters":[{"endpoints":[{"socket_address":)"
+                       R"({"address":7}}]}]}})"),
+       ok, 0,
+       R"({"proxy_configuration":{"clusters":[{"endpoints":[{"socket_address":)"
+       R"({"address":"127.0.42.1"}}]}]}})"},
+      {fake_http::Json(200, Document("x") + std::string(2100, ' ')), ok, 0, mine},
+      {fake_http::Json(503, ""), ok, 503, ""},
+      {fake_http::Json(404, ""), fake_http::Json(200, ""), 200, ""},
+      {fake_http::Json(200, "not json"), ok, 20001, ""},
+      {fake_http::Json(200, ""), ok, 20001, ""},
+      {fake_http::Json(200, R"({"proxy_configuration":{"clusters":[]}})"), ok, 20001, ""},
+      {fake_http::Json(200, R"({"proxy_configuration":{"clusters":[{"endpoints":[]}]}})"), ok,
+       20001, ""},
+      {fake_http::Json(200, R"({"big":")" + std::string(2100, 'x') + "\"}"), ok, 20001, ""},
+      {fake_http::Throw<Tessel::SystemException>(111, "refused"), ok, 10004, ""},
+      {fake_http::Json(404, ""), fake_http::Throw<Tessel::Exception>("reset"), 10004, ""},
   };
   for (const auto& c : cases) {
+    SCOPED_TRACE(c.get.body.substr(0, 80) + " " + std::to_string(c.result));
     BmcHttpConnection::_bmcJsonUpdated = false;
     Script(c.get, c.put);
-    EXPECT_EQ(bmc->UpdateBmcApiJson("10.1.1.1"), c.result);
+    EXPECT_EQ(bmc->UpdateBmcApiJson(""), c.result);
     EXPECT_EQ(BmcHttpConnection::_bmcJsonUpdated.load(), c.result == 0);
+    auto puts = Puts();
+    if (!c.written.empty()) {
+      ASSERT_EQ(puts.size(), 1u);
+      EXPECT_EQ(puts[0].body, c.written);
+    } else if (c.result == 0) {
+      EXPECT_TRUE(puts.empty());
+    }
   }
+  EXPECT_TRUE(log.Has(5, "[UpdateBmcApiJson::UpdatedJson] address matches ZIRN redfishInfo"));
   EXPECT_TRUE(log.Has(3, "PUT request failed: OK"));
   EXPECT_TRUE(log.Has(3, "GET request error: refused"));
   EXPECT_TRUE(log.Has(3, "PUT request error: reset"));
 }
 
-TEST_F(RouteDocument, NoIpv4AddressMeansNoRequest) {
-  fake_sysinfo::Current().record[4] = 0;
+TEST_F(RouteDocument, GivenHostNeedsNoDiscoveryAndNoIpv4AddressMeansNoRequest) {
+  Script(fake_http::Json(200, Document("10.1.2.3")));
+  EXPECT_EQ(bmc->UpdateBmcApiJson("10.1.2.3"), 0);
+  EXPECT_TRUE(Puts().empty());
+  EXPECT_EQ(fake_sysinfo::Current().getCalls, 0);
+
+  BmcHttpConnection::_bmcJsonUpdated = false;
   Script(fake_http::Json(404, ""));
+  fake_sysinfo::Current().record[4] = 0;
   EXPECT_EQ(bmc->UpdateBmcApiJson(""), 30001);
   EXPECT_TRUE(fake_http::Requests().empty());
-}
-
-TEST_F(RouteDocument, NonStringAddressIsOverwritten) {
-  Script(fake_http::Json(
-      200,
-      R"({"proxy_configuration":{"clusters":[{"endpoints":[{"socket_address":{"address":7}}]}]}})"));
-  EXPECT_EQ(bmc->UpdateBmcApiJson("10.1.2.3"), 0);
-  ASSERT_EQ(Puts().size(), 1u);
-  EXPECT_NE(Puts()[0].body.find(R"("address":"10.1.2.3")"), std::string::npos);
 }

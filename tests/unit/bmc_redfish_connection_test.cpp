@@ -9,6 +9,7 @@
 using redfish::BmcHttpConnection;
 using redfish::BmcRedfishConnection;
 using test_support::LogCapture;
+using test_support::ScriptedBmc;
 using namespace std::chrono_literals;
 namespace Http = Tessel::Http;
 
@@ -65,17 +66,15 @@ TEST_F(Connection, ConstructorFailuresThrowTwoDistinctTypes) {
 
 TEST_F(Connection, GetSendsBasicCredentialsAndReadsTheWholeBody) {
   const std::string big(100000, 'x');
-  fake_http::SetHandler([&](const fake_http::Request& r) {
-    if (r.target == "/bmc/big") return fake_http::Json(200, "\"" + big + "\"");
-    if (r.target == "/bmc/nolength") {
-      fake_http::Reply reply;
-      reply.body = std::string(5000, 'y');
-      return reply;
-    }
-    if (r.target == "/bmc/empty") return fake_http::Json(200, "");
-    if (r.target == "/bmc/denied") return fake_http::Json(401, R"({"error":{}})");
-    return fake_http::Json(404, R"({"error":"missing"})");
-  });
+  fake_http::Reply noLength;
+  noLength.body = std::string(5000, 'y');
+  ScriptedBmc bmc;
+  bmc.Json("/bmc/big", "\"" + big + "\"")
+      .On("/bmc/nolength", noLength)
+      .Json("/bmc/empty", "")
+      .Json("/bmc/denied", R"({"error":{}})", 401)
+      .Json("/bmc/missing", R"({"error":"missing"})", 404)
+      .Install();
   auto c = Make();
   std::string body;
   EXPECT_EQ(c->MakeHttpRequestGet("/bmc/big", body, 1000ms), 0);
@@ -132,16 +131,13 @@ TEST_F(Connection, TransportFailureReturnsItsCodeWithoutABody) {
 
 TEST_F(Connection, PostAndDeleteReadOnceAndMapStatuses) {
   const std::string longBody(3000, 'z');
-  fake_http::SetHandler([&](const fake_http::Request& r) {
-    if (r.target == "/bmc/created")
-      return WithHeader(fake_http::Json(201, "{}"), "Location", "/new/1");
-    if (r.target == "/bmc/nocontent") return fake_http::Json(204, "");
-    if (r.target == "/bmc/busy")
-      return WithHeader(fake_http::Json(503, "busy body"), "Retry-After", "30");
-    if (r.target == "/bmc/long") return fake_http::Json(200, longBody);
-    if (r.target == "/bmc/denied") return fake_http::Json(401, "no");
-    return fake_http::Json(404, "");
-  });
+  ScriptedBmc bmc;
+  bmc.On("/bmc/created", WithHeader(fake_http::Json(201, "{}"), "Location", "/new/1"))
+      .Json("/bmc/nocontent", "", 204)
+      .On("/bmc/busy", WithHeader(fake_http::Json(503, "busy body"), "Retry-After", "30"))
+      .Json("/bmc/long", longBody)
+      .Json("/bmc/denied", "no", 401)
+      .Install();
   auto c = Make();
   std::string body;
   EXPECT_EQ(c->MakeHttpRequestPost("/bmc/created", R"({"a":1})", body, false, 0ms), 0);

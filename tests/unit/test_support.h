@@ -6,8 +6,15 @@
 #include <string>
 #include <vector>
 
+#include <gtest/gtest.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include "bmcredfish.h"
+#include "platform/feature_state.h"
 #include "platform/tessel/logging.h"
 #include "tests/fakes/fake_http.h"
+#include "tests/fakes/fake_sysinfo.h"
 
 namespace test_support {
 
@@ -90,6 +97,55 @@ class ScriptedBmc {
  private:
   std::mutex mutex_;
   std::map<std::string, fake_http::Reply> replies_;
+};
+
+// The public API switched on, over a scripted Dell BMC: one system (reset
+// target /r, advertising On, answered 204), one manager with one interface of
+// kMac, one chassis with four sensors, and a proxy without a route document.
+struct ApiTest : testing::Test {
+  static constexpr char kMac[] = "AA:BB:CC:DD:EE:01";
+  ApiTest() {
+    FeatureState_Init();
+    *GetFeatureState_Slow("REDFISH") = 1;
+    fake_sysinfo::SetIpv4(127, 0, 42, 1);
+    Members("/bmc/redfish/v1/Systems", "/redfish/v1/Systems/1");
+    Members("/bmc/redfish/v1/Managers", "/redfish/v1/Managers/1");
+    Members("/bmc/redfish/v1/Managers/1/EthernetInterfaces",
+            "/redfish/v1/Managers/1/EthernetInterfaces/1");
+    Members("/bmc/redfish/v1/Chassis", "/redfish/v1/Chassis/1");
+    bmc.Json("/portico/config/json/bmcApi.json", "{}", 404)
+        .OnMethod(Tessel::Http::Put, "/portico/config/json/bmcApi.json", fake_http::Json(204, ""))
+        .Json("/bmc/redfish/v1/Managers/1/EthernetInterfaces/1/?$select=MACAddress",
+              std::string(R"({"MACAddress":")") + kMac + "\"}")
+        .Json("/bmc/redfish/v1/Systems/1/?$select=Manufacturer", R"({"Manufacturer":"Dell Inc."})")
+        .Json("/bmc/redfish/v1/Systems/1/?$select=Actions",
+              R"({"Actions":{"#ComputerSystem.Reset":{"target":"/r",)"
+              R"("ResetType@Redfish.AllowableValues":["On"]}}})")
+        .Json("/bmc/redfish/v1/Systems/1/?$select=PowerState", R"({"PowerState":"On"})")
+        .Json("/bmc/r", "", 204)
+        .Json("/bmc/redfish/v1/Chassis/1/Sensors", "{}")
+        .Json("/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)", R"({"Members":[1,2,3,4]})");
+    bmc.Install();
+  }
+  ~ApiTest() override { cleanup(); }
+  // Scripts a collection of one member; the id may hold any bytes.
+  void Members(const std::string& collection, const std::string& id) {
+    bmc.Json(collection, R"({"Members":[{"@odata.id":)" + Quoted(id) + "}]}");
+  }
+  // A JSON string holding any bytes.
+  static std::string Quoted(const std::string& text) {
+    rapidjson::StringBuffer out;
+    rapidjson::Writer<rapidjson::StringBuffer> writer(out);
+    writer.String(text.c_str(), static_cast<rapidjson::SizeType>(text.size()));
+    return out.GetString();
+  }
+  static int Posts() {
+    int n = 0;
+    for (const auto& r : fake_http::Requests()) n += r.method == Tessel::Http::Post;
+    return n;
+  }
+  ScriptedBmc bmc;
+  LogCapture log;
 };
 
 }  // namespace test_support

@@ -6,23 +6,20 @@ import signal
 import socket
 import ssl
 import subprocess
-import time
 import unittest
 
 from emulator_harness import EMULATOR, Emulator
 
 RESET = "/Actions/ComputerSystem.Reset"
-EXPAND_FORMS = (".($levels=1)", "*", ".")
 
 
 class ProfileChecks:
-    """What a client of each vendor's controller depends on; filled in per profile below."""
+    """What a client of each vendor's controller depends on; filled in per profile below.
+    The shapes the library reads ($select, the expanded Sensors) are the end-to-end
+    tests', per profile."""
 
-    PROFILE = SYSTEM = MANAGER = CHASSIS = MANUFACTURER = None
-    MACS = ()                 # first manager's interfaces, in collection order
+    PROFILE = SYSTEM = None
     RESET_OK = NO_OP = None   # statuses for a real transition and for an unnecessary one
-    ACTION_INFO = False       # ResetType values only through @Redfish.ActionInfo
-    SENSORS = ()              # sensor Ids of CHASSIS; empty: no Sensors collection
 
     @classmethod
     def setUpClass(cls):
@@ -47,13 +44,10 @@ class ProfileChecks:
         return self.emu.curl(self.system_path() + RESET, method="POST", data={"ResetType": reset_type})
 
     def test_service_root_is_public_everything_else_needs_basic_auth(self):
-        for path in ("/redfish/v1", "/redfish/v1/"):
-            reply = self.emu.curl(path, auth=False)
-            self.assertEqual(reply.status, 200, path)
-            self.assertTrue(reply.headers["content-type"].startswith("application/json"))
-            self.assertEqual(reply.headers["odata-version"], "4.0")
-            self.assertEqual(int(reply.headers["content-length"]), len(reply.body))
-            self.assertEqual(reply.json()["Systems"], {"@odata.id": "/redfish/v1/Systems"})
+        reply = self.emu.curl("/redfish/v1/", auth=False)
+        self.assertEqual((reply.status, reply.headers["odata-version"]), (200, "4.0"))
+        self.assertTrue(reply.headers["content-type"].startswith("application/json"))
+        self.assertEqual(int(reply.headers["content-length"]), len(reply.body))
         for kw in ({"auth": False}, {"password": "wrong"}, {"user": "root"}):
             reply = self.emu.curl("/redfish/v1/Systems", **kw)
             self.assertEqual(reply.status, 401, kw)
@@ -63,66 +57,22 @@ class ProfileChecks:
             self.assertTrue(error["@Message.ExtendedInfo"])
         self.assertNotEqual(self.emu.redfishtool("Systems", "list", password="wrong").returncode, 0)
 
-    def test_redfishtool_lists_systems_and_reads_power_state(self):
-        listing = self.emu.redfishtool("Systems", "list")
-        self.assertEqual(listing.returncode, 0, listing.stderr)
-        self.assertEqual([m["Id"] for m in json.loads(listing.stdout)["Members"]], [self.SYSTEM])
-        got = self.emu.redfishtool("Systems", "-I", self.SYSTEM, "get")
-        self.assertEqual(got.returncode, 0, got.stderr)
-        system = json.loads(got.stdout)
-        self.assertEqual(system["PowerState"], "On")
-        self.assertEqual(system["Manufacturer"], self.MANUFACTURER)
-        self.assertEqual(system["Actions"]["#ComputerSystem.Reset"]["target"], self.system_path() + RESET)
-
-    def test_reset_types_are_published_where_this_vendor_puts_them(self):
-        action = self.emu.get_json(self.system_path())[1]["Actions"]["#ComputerSystem.Reset"]
-        inline = action.get("ResetType@Redfish.AllowableValues")
-        if self.ACTION_INFO:
-            self.assertIsNone(inline)
-            self.assertEqual(action["@Redfish.ActionInfo"], self.system_path() + "/ResetActionInfo")
-            status, info = self.emu.get_json(action["@Redfish.ActionInfo"])
-            self.assertEqual(status, 200)
-            values = info["Parameters"][0]["AllowableValues"]
-            self.assertEqual(info["Parameters"][0]["Name"], "ResetType")
-        else:
-            self.assertNotIn("@Redfish.ActionInfo", action)
-            values = inline
-        self.assertTrue({"On", "ForceOff", "GracefulShutdown", "GracefulRestart"} <= set(values))
-
     def test_reset_changes_power_and_answers_with_the_vendors_statuses(self):
-        no_op = self.post_reset("On")
-        self.assertEqual(no_op.status, self.NO_OP)
-        self.check_no_op_body(no_op, "ON")
-        self.assertEqual(self.power_state(), "On")
-
-        off = self.emu.redfishtool("Systems", "-I", self.SYSTEM, "reset", "ForceOff")
-        self.assertEqual(off.returncode, 0, off.stderr)
-        self.assertEqual(self.power_state(), "Off")
-        again = self.post_reset("ForceOff")
-        self.assertEqual(again.status, self.NO_OP)
-        self.check_no_op_body(again, "OFF")
-        self.assertEqual(self.power_state(), "Off")
-
-        on = self.post_reset("On")
-        self.assertEqual(on.status, self.RESET_OK)
-        self.check_success_body(on)
-        self.assertEqual(self.power_state(), "On")
-
-        restart = self.emu.redfishtool("Systems", "-I", self.SYSTEM, "reset", "GracefulRestart")
-        self.assertEqual(restart.returncode, 0, restart.stderr)
-        self.assertEqual(self.power_state(), "On")
-
-    def test_bad_reset_requests_are_rejected_without_touching_power(self):
-        cases = [("{not json", "MalformedJSON"), ("[]", "MalformedJSON"), ("{}", "ActionParameterMissing"),
-                 ('{"ResetType": 1}', "ActionParameterValueTypeError"),
-                 ('{"ResetType": "Warp"}', "ActionParameterValueNotInList")]
-        for body, message in cases:
-            with self.subTest(body=body):
-                reply = self.emu.curl(self.system_path() + RESET, method="POST", data=body)
-                self.assertEqual(reply.status, 400)
-                self.assertTrue(reply.json()["error"]["code"].endswith("." + message))
-        self.assertEqual(self.emu.curl(self.system_path() + RESET).status, 405)
-        self.assertEqual(self.power_state(), "On")
+        for reset, how in (("On", "no-op"), ("ForceOff", "redfishtool"), ("ForceOff", "no-op"),
+                           ("On", "done"), ("GracefulRestart", "redfishtool")):
+            with self.subTest(reset=reset, how=how):
+                if how == "redfishtool":
+                    done = self.emu.redfishtool("Systems", "-I", self.SYSTEM, "reset", reset)
+                    self.assertEqual(done.returncode, 0, done.stderr)
+                elif how == "no-op":
+                    reply = self.post_reset(reset)
+                    self.assertEqual(reply.status, self.NO_OP)
+                    self.check_no_op_body(reply, "OFF" if reset == "ForceOff" else "ON")
+                else:
+                    reply = self.post_reset(reset)
+                    self.assertEqual(reply.status, self.RESET_OK)
+                    self.check_success_body(reply)
+                self.assertEqual(self.power_state(), "Off" if reset == "ForceOff" else "On")
 
     def check_no_op_body(self, reply, state):
         pass
@@ -130,122 +80,38 @@ class ProfileChecks:
     def check_success_body(self, reply):
         self.assertEqual(reply.body, b"")
 
-    def test_first_managers_ethernet_interfaces_and_macs(self):
-        listing = self.emu.redfishtool("Managers", "-I", self.MANAGER, "EthernetInterfaces", "list")
-        self.assertEqual(listing.returncode, 0, listing.stderr)
-        members = json.loads(listing.stdout)["Members"]
-        self.assertEqual(len(members), len(self.MACS))
-        status, coll = self.emu.get_json("/redfish/v1/Managers/%s/EthernetInterfaces?$expand=.($levels=1)"
-                                         % self.MANAGER)
-        self.assertEqual(status, 200)
-        self.assertEqual([m["Id"] for m in coll["Members"]], [m["Id"] for m in members])
-        self.assertEqual([m["MACAddress"] for m in coll["Members"]], list(self.MACS))
-
-    def test_select_with_and_without_trailing_slash_and_percent_encoding(self):
-        path = self.system_path()
-        bodies = [self.emu.get_json(path + q)
-                  for q in ("?$select=PowerState", "/?$select=PowerState", "/?%24select=PowerState")]
-        for status, body in bodies:
-            self.assertEqual(status, 200)
-            self.assertEqual(body, bodies[0][1])
-        body = bodies[0][1]
-        self.assertEqual(body["PowerState"], "On")
-        self.assertEqual(body["@odata.id"], path)
-        self.assertLessEqual(set(body), {"@odata.id", "@odata.type", "@odata.context", "PowerState"})
-        two = self.emu.get_json(path + "?$select=Manufacturer,Status/Health")[1]
-        self.assertEqual(two["Manufacturer"], self.MANUFACTURER)
-        self.assertEqual(set(two["Status"]), {"Health"})
-
-    def test_sensors_expand_inlines_every_member(self):
-        sensors = "/redfish/v1/Chassis/%s/Sensors" % self.CHASSIS
-        if not self.SENSORS:
-            reply = self.emu.curl(sensors)
-            self.assertEqual(reply.status, 404)
-            self.assertTrue(reply.json()["error"]["code"].endswith("ResourceMissingAtURI"))
-            self.assertNotIn("Sensors", self.emu.get_json(sensors.rsplit("/", 1)[0])[1])
-            return
-        for form in EXPAND_FORMS:
-            with self.subTest(expand=form):
-                status, coll = self.emu.get_json(sensors + "/?$expand=" + form)
-                self.assertEqual(status, 200)
-                self.assertEqual(coll["Members@odata.count"], len(self.SENSORS))
-                self.assertEqual(sorted(m["Id"] for m in coll["Members"]), sorted(self.SENSORS))
-                for member in coll["Members"]:
-                    self.assertIsInstance(member["Reading"], (int, float))
-                    self.assertIn("ReadingUnits", member)
-                    self.assertEqual(member["@odata.id"], sensors + "/" + member["Id"])
-        plain = self.emu.get_json(sensors)[1]
-        self.assertEqual(set(plain["Members"][0]), {"@odata.id"})
-
-    def test_request_log_has_raw_requests_but_no_control_calls(self):
-        self.emu.control("POST", "reset-log")
-        self.emu.curl(self.system_path() + "/?%24select=PowerState", headers=["X-Probe: 1"])
-        self.emu.curl(self.system_path() + RESET, method="POST", data='{"ResetType": "Warp"}')
-        self.emu.control("GET", "state")
-        entries = self.emu.log_entries()
-        self.assertEqual([(e["method"], e["path"], e["status"]) for e in entries],
-                         [("GET", self.system_path() + "/?%24select=PowerState", 200),
-                          ("POST", self.system_path() + RESET, 400)])
-        self.assertEqual(entries[0]["headers"]["X-Probe"], "1")
-        self.assertTrue(entries[0]["headers"]["Authorization"].startswith("Basic "))
-        self.assertEqual(entries[1]["body"], '{"ResetType": "Warp"}')
-        self.assertLessEqual(entries[0]["t"], entries[1]["t"])
-
 
 class DellTest(ProfileChecks, unittest.TestCase):
-    PROFILE, SYSTEM, MANAGER, CHASSIS = "dell", "System.Embedded.1", "iDRAC.Embedded.1", "System.Embedded.1"
-    MANUFACTURER = "Dell Inc."
-    MACS = ("b0:7b:25:e4:1f:6a",)
+    PROFILE, SYSTEM = "dell", "System.Embedded.1"
     RESET_OK, NO_OP = 204, 409
-    SENSORS = ("CPU1Temp", "SystemBoardInletTemp", "Fan.Embedded.1A", "PS1Voltage", "SystemBoardPwrConsumption")
 
     def check_no_op_body(self, reply, state):
         info = reply.json()["error"]["@Message.ExtendedInfo"][0]
         self.assertIn("already powered " + state, info["Message"])
 
-    def test_power_cycle_is_offered_and_brings_an_off_host_up(self):
-        self.emu.control("POST", "power", {"system": self.SYSTEM, "PowerState": "Off"})
-        self.assertEqual(self.post_reset("PowerCycle").status, 204)
-        self.assertEqual(self.power_state(), "On")
-
 
 class HpeTest(ProfileChecks, unittest.TestCase):
-    PROFILE, SYSTEM, MANAGER, CHASSIS = "hpe", "1", "1", "1"
-    MANUFACTURER = "HPE"
-    MACS = ("5C:ED:8C:4B:71:A8", "5C:ED:8C:4B:71:A9", "0A:CA:FE:F0:0D:04")
+    PROFILE, SYSTEM = "hpe", "1"
     RESET_OK, NO_OP = 200, 400
 
+    def message_ids(self, reply):
+        return [m["MessageId"] for m in reply.json()["error"]["@Message.ExtendedInfo"]]
+
     def check_no_op_body(self, reply, state):
-        ids = [m["MessageId"] for m in reply.json()["error"]["@Message.ExtendedInfo"]]
-        self.assertTrue(ids[0].endswith(".InvalidOperationForSystemState"), ids)
+        self.assertTrue(self.message_ids(reply)[0].endswith(".InvalidOperationForSystemState"))
 
     def check_success_body(self, reply):
-        ids = [m["MessageId"] for m in reply.json()["error"]["@Message.ExtendedInfo"]]
-        self.assertRegex(ids[0], r"^Base\.\d+\.\d+\.Success$")
-
-    def test_thermal_and_power_stand_in_for_sensors(self):
-        chassis = self.emu.get_json("/redfish/v1/Chassis/1")[1]
-        thermal = self.emu.get_json(chassis["Thermal"]["@odata.id"])[1]
-        self.assertTrue(all(isinstance(t["ReadingCelsius"], int) for t in thermal["Temperatures"]))
-        power = self.emu.get_json(chassis["Power"]["@odata.id"])[1]
-        self.assertGreater(power["PowerControl"][0]["PowerConsumedWatts"], 0)
+        self.assertRegex(self.message_ids(reply)[0], r"^Base\.\d+\.\d+\.Success$")
 
 
 class LenovoTest(ProfileChecks, unittest.TestCase):
-    PROFILE, SYSTEM, MANAGER, CHASSIS = "lenovo", "1", "1", "1"
-    MANUFACTURER = "Lenovo"
-    MACS = ("08:8f:c3:b2:47:1d", "08:8f:c3:b2:47:1e")
+    PROFILE, SYSTEM = "lenovo", "1"
     RESET_OK, NO_OP = 204, 204
-    ACTION_INFO = True
-    SENSORS = ("208L0", "252L0", "242L0", "80L0", "67L0", "PSU1_InputVol")
 
 
 class GenericTest(ProfileChecks, unittest.TestCase):
-    PROFILE, SYSTEM, MANAGER, CHASSIS = "generic", "node1", "BMC", "1U"
-    MANUFACTURER = "Contoso"
-    MACS = ("3C:A8:2A:5F:90:1B", "3C:A8:2A:5F:90:1C")
+    PROFILE, SYSTEM = "generic", "node1"
     RESET_OK, NO_OP = 204, 204
-    SENSORS = ("AmbientTemp", "CPU1Temp", "CPUFan1", "PS1InputVoltage", "TotalPower")
 
 
 class FaultTest(unittest.TestCase):
@@ -279,21 +145,11 @@ class FaultTest(unittest.TestCase):
     def test_runtime_faults(self):
         chassis = "/redfish/v1/Chassis"
         full = len(self.emu.curl(chassis).body)
-        body_file = self.emu.dir / "teapot.json"
-        body_file.write_text('{"custom": true}')
 
         with self.subTest("delay"):
-            self.set_faults(chassis + ":delay=0.4@1")
-            started = time.monotonic()
+            self.set_faults(chassis + ":delay=0.1@1")
             self.assertEqual(self.emu.curl(chassis).status, 200)
-            self.assertGreaterEqual(time.monotonic() - started, 0.4)
             self.assertEqual(self.emu.control("GET", "faults").json()[-1]["remaining"], 0)
-        with self.subTest("status with default and file body"):
-            self.set_faults(chassis + ":status=503@1", "/redfish/v1/Systems:status=418,body=%s" % body_file)
-            reply = self.emu.curl(chassis)
-            self.assertEqual(reply.status, 503)
-            self.assertIn("@Message.ExtendedInfo", reply.json()["error"])
-            self.assertEqual(self.emu.curl("/redfish/v1/Systems").json(), {"custom": True})
         with self.subTest("retry-after"):
             self.set_faults(chassis + ":retry-after=7")
             reply = self.emu.curl(chassis)
@@ -317,33 +173,20 @@ class FaultTest(unittest.TestCase):
             system = self.emu.get_json("/redfish/v1/Systems/node1")[1]
             self.assertEqual((system["Manufacturer"], system["Model"]), ("Unknown", "CS-2100"))
             self.assertEqual(self.emu.get_json("/redfish/v1/Chassis/1U")[1]["Manufacturer"], "Contoso")
-        with self.subTest("pattern with ? matches the query too"):
-            self.set_faults("/redfish/v1/Systems/node1?$select=*:status=500")
-            self.assertEqual(self.emu.curl("/redfish/v1/Systems/node1/?%24select=Id").status, 500)
-            self.assertEqual(self.emu.curl("/redfish/v1/Systems/node1").status, 200)
         self.emu.control("DELETE", "faults")
         self.assertEqual(self.emu.curl(chassis).status, 200)
 
-    def test_bad_fault_specs_are_refused(self):
+    def test_bad_fault_specs_and_power_requests_are_refused(self):
         for spec in ("nokind", "/x:delay", "/x:delay=soon", "/x:drop=1", "/x:status=42", "/x:status=500,body=",
                      "/x:status=500,body=/nonexistent/file", "/x:truncate=-1", "/x:drop@0"):
             with self.subTest(spec=spec):
                 self.assertEqual(self.emu.control("POST", "faults", [spec]).status, 400)
         self.assertEqual(self.emu.control("POST", "faults", {"not": "a list"}).status, 400)
+        self.assertEqual(self.emu.control("POST", "power", {"system": 7, "PowerState": "On"}).status, 404)
+        self.assertEqual(self.emu.control("POST", "power", {"PowerState": "Sleeping"}).status, 400)
         bad_cli = subprocess.run([str(EMULATOR), "--profile", "generic", "--fault", "/x:explode"],
                                  capture_output=True)
         self.assertEqual(bad_cli.returncode, 2)
-
-    def test_control_endpoint_sets_power_and_reports_state(self):
-        reply = self.emu.control("POST", "power", {"system": "node1", "PowerState": "Off"})
-        self.assertEqual(reply.status, 200)
-        self.assertEqual(self.emu.get_json("/redfish/v1/Systems/node1")[1]["PowerState"], "Off")
-        state = self.emu.control("GET", "state").json()
-        self.assertEqual(state["systems"][0]["PowerState"], "Off")
-        self.assertEqual(state["counts"]["sensors"], 5)
-        self.assertEqual(self.emu.control("POST", "power", {"system": 7, "PowerState": "On"}).status, 404)
-        self.assertEqual(self.emu.control("POST", "power", {"PowerState": "Sleeping"}).status, 400)
-        self.emu.control("POST", "power", {"system": 0, "PowerState": "On"})
 
     def test_malformed_and_misdirected_requests(self):
         ctx = ssl.create_default_context()
@@ -371,32 +214,9 @@ class FaultTest(unittest.TestCase):
         reply = self.emu.curl("/redfish/v1/Systems", urls=["/redfish/v1/Chassis"])
         self.assertEqual([(code, connects) for code, connects, _ in reply.transfers], [(200, 1), (200, 0)])
         self.assertEqual(self.emu.curl("/redfish/v1/Systems", extra=["--http1.0"]).status, 200)
-        # HEAD carries the GET's length but no body, so the next response on the connection is intact.
-        ctx = ssl.create_default_context()
-        ctx.check_hostname, ctx.verify_mode = False, ssl.CERT_NONE
-        with ctx.wrap_socket(socket.create_connection(("127.0.0.1", self.emu.port), timeout=10)) as s:
-            s.sendall(b"HEAD /redfish/v1 HTTP/1.1\r\nHost: x\r\n\r\n"
-                      b"GET /redfish/v1/ HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n")
-            data = b""
-            while chunk := s.recv(65536):
-                data += chunk
-        head, get = data.split(b"\r\n\r\n", 1)
-        self.assertTrue(head.startswith(b"HTTP/1.1 200") and get.startswith(b"HTTP/1.1 200"), data[:300])
-        get_head, get_body = get.split(b"\r\n\r\n", 1)
-        length = int(re.search(rb"Content-Length: (\d+)", head).group(1))
-        self.assertEqual(length, len(get_body))
-        # A body large enough for curl to ask for 100-continue, and a session login with its token.
+        # A body large enough for curl to ask for 100-continue.
         big = json.dumps({"ResetType": "GracefulRestart", "Pad": "x" * 4000})
         self.assertEqual(self.emu.curl("/redfish/v1/Systems/node1" + RESET, method="POST", data=big).status, 204)
-        login = self.emu.curl("/redfish/v1/SessionService/Sessions", method="POST", auth=False,
-                              data={"UserName": "admin", "Password": "secret"})
-        self.assertEqual(login.status, 201)
-        token = login.headers["x-auth-token"]
-        self.assertEqual(self.emu.curl("/redfish/v1/Systems", auth=False,
-                                       headers=["X-Auth-Token: " + token]).status, 200)
-        self.assertEqual(self.emu.curl(login.headers["location"], method="DELETE").status, 204)
-        self.assertEqual(self.emu.curl("/redfish/v1/Systems", auth=False,
-                                       headers=["X-Auth-Token: " + token]).status, 401)
 
 
 class PowerSettleTest(unittest.TestCase):
@@ -438,10 +258,9 @@ class ScaleTest(unittest.TestCase):
     def tearDownClass(cls):
         assert cls.emu.stop() == 0
 
-    def test_thousand_sensors_expand_quickly(self):
+    def test_thousand_sensors_expand(self):
         reply = self.emu.curl("/redfish/v1/Chassis/System.Embedded.1/Sensors?$expand=.($levels=1)")
         self.assertEqual(reply.status, 200)
-        self.assertLess(reply.transfers[0][2], 1.0)  # typically a few tens of milliseconds
         members = reply.json()["Members"]
         self.assertEqual(len(members), 1000)
         self.assertEqual(len({m["Id"] for m in members}), 1000)
@@ -459,20 +278,10 @@ class ScaleTest(unittest.TestCase):
 
 
 class LifecycleTest(unittest.TestCase):
-    def test_ready_file_certificate_and_clean_exit_on_sigint(self):
-        emu = Emulator("hpe")
-        ready = emu.dir / "ready"
-        emu.extra += ["--ready-file", str(ready)]
-        emu.start()
+    # The ready file and SIGTERM are what tools/host-sim and every class above rely on.
+    def test_busy_port_fails_and_sigint_stops_cleanly(self):
+        emu = Emulator("hpe").start()
         try:
-            self.assertEqual(ready.read_text().strip(), "ready port=%d" % emu.port)
-            cert = emu.dir / "cert" / "cert.pem"
-            subject = subprocess.run(["openssl", "x509", "-noout", "-subject", "-in", str(cert)],
-                                     capture_output=True, text=True).stdout
-            self.assertIn("CN = bmc-emulator", subject)
-            # The certificate on the wire is the one in --cert-dir.
-            served = ssl.get_server_certificate(("127.0.0.1", emu.port))
-            self.assertEqual(ssl.PEM_cert_to_DER_cert(served), ssl.PEM_cert_to_DER_cert(cert.read_text()))
             busy = subprocess.run([str(EMULATOR), "--profile", "hpe", "--port", str(emu.port),
                                    "--cert-dir", str(emu.dir / "cert2")], capture_output=True, timeout=30)
             self.assertEqual(busy.returncode, 1)

