@@ -121,6 +121,19 @@ TEST(Multiplexing, HundredConcurrentRequestsFromSixteenThreadsShareOneConnection
   for (auto& l : lines) EXPECT_EQ(l.substr(0, l.find(' ')), lines[0].substr(0, lines[0].find(' ')));
 }
 
+// A caller waiting for a slow answer drives the connection meanwhile: what
+// others submit must leave at once, not when that answer comes in.
+TEST(Multiplexing, NoRequestWaitsBehindAnotherCallersSlowAnswer) {
+  Endpoint ep(80);
+  std::atomic<bool> slowDone{false};
+  std::thread slow([&] { slowDone = Body(*Send(*ep.agent, Get, "/late")) == "late\n"; });
+  ASSERT_TRUE(Eventually([&] { return ep.Pool().GetActiveExchangeCount() > 0; }));
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(Body(*Send(*ep.agent, Get, "/hello")), "hello");
+  EXPECT_FALSE(slowDone.load()) << "the requests waited for the slow answer";
+  slow.join();
+  EXPECT_TRUE(slowDone.load());
+}
+
 TEST(Multiplexing, CrossingTheServersRequestLimitLosesAndRepeatsNothing) {
   Endpoint ep(81);  // nginx ends each connection after 100 requests, with a GOAWAY
   auto [failures, first] = Blast(*ep.agent, 16, 63, "/limit?id=");
