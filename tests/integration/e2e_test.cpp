@@ -180,13 +180,6 @@ TEST_F(EndToEnd, MacAddressesAndSensorsAsEachVendorShapesThem) {
   EXPECT_NE(paths[0].find("/Sensors?$expand=.($levels=1)"), std::string::npos) << paths[0];
 }
 
-TEST_F(EndToEnd, WrongPasswordIsRefused) {
-  bool on = false;
-  // A named host gets its own connection; the route stays as the first one set it.
-  EXPECT_EQ(Lib().powerState("admin", "wrong", Env("BMC_ADDR").c_str(), 5000, &on), 40005);
-  Lib().close(Env("BMC_ADDR").c_str());
-}
-
 // Sixteen callers on one host discover it once; then callers and closers
 // race, which runs under TSan too: a freed connection in use shows as a crash,
 // a sanitizer report or a failed call.

@@ -8,7 +8,6 @@
 #include "platform/mirel/base64.h"
 #include "platform/tessel/format.h"
 #include "platform/tessel/logging.h"
-#include "platform/tessel/ref.h"
 
 using Tessel::Detail::ASPrintInternal;
 
@@ -42,32 +41,6 @@ TEST(Logging, LevelGatesMessagesAndSinkSeesTextUnchanged) {
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_EQ(seen[0].first, 3);
   EXPECT_EQ(seen[0].second, "shown text\n");
-}
-
-namespace {
-struct Counted : Tessel::RefCounted {
-  explicit Counted(int* deaths) : deaths(deaths) {}
-  ~Counted() override { ++*deaths; }
-  int* deaths;
-};
-}  // namespace
-
-TEST(Ref, CountsCopiesAndFreesOnLastRelease) {
-  int deaths = 0;
-  {
-    Tessel::Ref<Counted> a = Tessel::MakeRef<Counted>(&deaths);
-    EXPECT_EQ(a->RefCount(), 1);
-    Tessel::Ref<Counted> b = a;
-    EXPECT_EQ(a->RefCount(), 2);
-    Tessel::Ref<Counted> c = std::move(b);
-    EXPECT_FALSE(b);
-    EXPECT_EQ(a->RefCount(), 2);
-    c = nullptr;
-    EXPECT_EQ(a->RefCount(), 1);
-    a = a;  // self-assignment keeps the object
-    EXPECT_EQ(deaths, 0);
-  }
-  EXPECT_EQ(deaths, 1);
 }
 
 TEST(Base64, Rfc4648VectorsAndCredentials) {
