@@ -23,12 +23,6 @@ constexpr uint32_t kDefaultGetBufferSize = 2048;
 // by whatever Content-Length the answer claims.
 constexpr uint64_t kMaxGetBufferSize = 1 << 20;
 
-const char* MethodName(Http::HttpMethod method) {
-  if (method == Http::Get) return "GET";
-  if (method == Http::Post) return "POST";
-  return "DELETE";
-}
-
 // Builds the request unless its target, made from ids the BMC chose, could
 // leave the proxy's BMC route; a refused target is never sent.
 int CreateRequest(Http::HttpMethod method, const std::string& url, Service::Logger* logger,
@@ -43,8 +37,8 @@ int CreateRequest(Http::HttpMethod method, const std::string& url, Service::Logg
     }
   }
   if (LogsAt(logger, 3)) {
-    Service::LogInternal(logger, 3, "%1: refused request target '%2': %3", MethodName(method), url,
-                         problem);
+    Service::LogInternal(logger, 3, "%1: refused request target '%2': %3", Http::MethodName(method),
+                         url, problem);
   }
   return RedfishStatusInvalidArgument;
 }

@@ -20,12 +20,6 @@ constexpr int kProxyPort = 80;
 constexpr int64_t kDefaultTimeoutMs = 4000;
 constexpr int kEtimedout = 110;
 
-const char* MethodName(Http::HttpMethod method) {
-  if (method == Http::Get) return "GET";
-  if (method == Http::Post) return "POST";
-  return "DELETE";
-}
-
 }  // namespace
 
 BmcHttpConnection::BmcHttpConnection() = default;
@@ -89,7 +83,7 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
                                           Http::HttpMethod method,
                                           std::chrono::milliseconds timeout) {
   Ref<Http::HttpUserAgent> agent = CreateUserAgent();
-  const std::string methodName = MethodName(method);
+  const std::string methodName = Http::MethodName(method);
   const int64_t timeoutMs = timeout.count() != 0 ? timeout.count() : kDefaultTimeoutMs;
   const std::string target = agent->GetConnectionSpec()->ToString();
   const int64_t deadline = Tessel::System::GetMonotonicTime() + timeoutMs * 1000;

@@ -62,20 +62,14 @@ class Http1 {
 
   void Connect() {
     const ConnectionSpec& spec = *ex_.h1Spec;
-    addrinfo hints{};
-    hints.ai_family = AF_INET;  // the configuration endpoint is local IPv4
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_NUMERICSERV;
-    addrinfo* found = nullptr;
-    const std::vector<const char*> loopback = LoopbackLiterals(spec.GetHost());
-    const char* name = loopback.empty() ? spec.GetHost().c_str() : loopback.front();
-    if (int rc = getaddrinfo(name, std::to_string(spec.GetPort()).c_str(), &hints, &found)) {
+    std::vector<std::string> addresses;
+    if (const int rc = ResolveAddresses(spec, addresses)) {
       throw Exception("cannot resolve " + spec.GetHost() + ": " + gai_strerror(rc));
     }
+    // One try, at the first (IPv4 first): the configuration endpoint is local.
     sockaddr_storage address{};
-    const socklen_t length = found->ai_addrlen;
-    std::memcpy(&address, found->ai_addr, length);
-    freeaddrinfo(found);
+    const auto length = static_cast<socklen_t>(addresses.front().size());
+    std::memcpy(&address, addresses.front().data(), length);
     sock_.fd = socket(address.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     if (sock_.fd < 0) throw SystemException(errno, "socket");
     int one = 1;
@@ -121,8 +115,7 @@ class Http1 {
           .append(std::to_string(spec.GetPort()));
       out.append("\r\n");
     }
-    const bool hasBody = ex_.method == Post || ex_.method == Put || ex_.method == Patch ||
-                         (ex_.method == Delete && !ex_.body.empty());
+    const bool hasBody = ex_.HasBody();
     if (hasBody && !hasLength) {
       out.append("Content-Length: ").append(std::to_string(ex_.body.size())).append("\r\n");
     }

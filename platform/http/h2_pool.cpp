@@ -55,11 +55,6 @@ std::string Authority(const ConnectionSpec& spec) {
   return a + ":" + std::to_string(spec.GetPort());
 }
 
-bool HasBody(const Exchange& e) {
-  return e.method == Post || e.method == Put || e.method == Patch ||
-         (e.method == Delete && !e.body.empty());
-}
-
 nghttp2_nv Nv(const std::string& name, const std::string& value) {
   return {reinterpret_cast<uint8_t*>(const_cast<char*>(name.data())),
           reinterpret_cast<uint8_t*>(const_cast<char*>(value.data())), name.size(), value.size(),
@@ -474,30 +469,40 @@ bool PoolCore::DriveOnce(Lock& lock, int64_t deadline, const std::function<bool(
   return ready > 0;
 }
 
+int ResolveAddresses(const ConnectionSpec& spec, std::vector<std::string>& out) {
+  out.clear();
+  addrinfo hints{};
+  hints.ai_family = AF_UNSPEC;
+  hints.ai_socktype = SOCK_STREAM;
+  hints.ai_flags = AI_NUMERICSERV;
+  std::vector<const char*> names = LoopbackLiterals(spec.GetHost());
+  if (names.empty()) names.push_back(spec.GetHost().c_str());
+  const std::string port = std::to_string(spec.GetPort());
+  int rc = EAI_NONAME;
+  std::vector<std::string> v6;
+  for (const char* name : names) {
+    addrinfo* list = nullptr;
+    const int one = getaddrinfo(name, port.c_str(), &hints, &list);
+    if (one != 0) {
+      if (out.empty() && v6.empty()) rc = one;
+      continue;
+    }
+    rc = 0;
+    for (addrinfo* a = list; a != nullptr; a = a->ai_next) {
+      std::string raw(reinterpret_cast<const char*>(a->ai_addr), a->ai_addrlen);
+      (a->ai_family == AF_INET ? out : v6).push_back(std::move(raw));
+    }
+    freeaddrinfo(list);
+  }
+  // IPv4 first: local proxies commonly listen on 127.0.0.1 only.
+  out.insert(out.end(), v6.begin(), v6.end());
+  return rc;
+}
+
 void PoolCore::StartConnect() {
   if (addressIndex_ >= addresses_.size()) {
-    addresses_.clear();
     addressIndex_ = 0;
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
-    hints.ai_flags = AI_NUMERICSERV;
-    std::vector<const char*> names = LoopbackLiterals(spec_->GetHost());
-    if (names.empty()) names.push_back(spec_->GetHost().c_str());
-    const std::string port = std::to_string(spec_->GetPort());
-    int rc = EAI_NONAME;
-    std::vector<addrinfo*> lists;
-    for (const char* name : names) {
-      addrinfo* list = nullptr;
-      const int one = getaddrinfo(name, port.c_str(), &hints, &list);
-      if (one == 0) {
-        lists.push_back(list);
-        rc = 0;
-      } else if (lists.empty()) {
-        rc = one;
-      }
-    }
-    if (rc != 0) {
+    if (const int rc = ResolveAddresses(*spec_, addresses_)) {
       Failure f{Failure::Other, 0, "cannot resolve " + spec_->GetHost() + ": " + gai_strerror(rc)};
       while (!queue_.empty()) {
         Ref<Exchange> ex = queue_.front();
@@ -506,16 +511,6 @@ void PoolCore::StartConnect() {
       }
       return;
     }
-    std::vector<std::string> v6;
-    for (addrinfo* list : lists) {
-      for (addrinfo* a = list; a != nullptr; a = a->ai_next) {
-        std::string raw(reinterpret_cast<const char*>(a->ai_addr), a->ai_addrlen);
-        (a->ai_family == AF_INET ? addresses_ : v6).push_back(std::move(raw));
-      }
-      freeaddrinfo(list);
-    }
-    // IPv4 first: local proxies commonly listen on 127.0.0.1 only.
-    addresses_.insert(addresses_.end(), v6.begin(), v6.end());
     connectDeadline_ = Now() + config_->connectTimeoutUs;
   }
   const std::string& raw = addresses_[addressIndex_];
@@ -594,7 +589,7 @@ void PoolCore::SubmitQueued() {
   while (conn_ == Conn::Up && !queue_.empty() && streams_.size() < config_->maxConcurrentStreams) {
     Ref<Exchange> ex = queue_.front();
     const std::string method = MethodName(ex->method);
-    const bool hasBody = HasBody(*ex);
+    const bool hasBody = ex->HasBody();
     const std::string length = std::to_string(ex->body.size());
     nva.clear();
     nva.push_back(Nv(kMethod, method));
@@ -883,11 +878,6 @@ __attribute__((destructor)) static void StopHttpClientsOnUnload() {
   g_unloaded.store(true, std::memory_order_release);
   PoolCore::StopAll();
   if (Service::Logger* logger = g_logger.exchange(nullptr)) logger->Release();
-}
-
-const char* MethodName(HttpMethod m) {
-  static constexpr const char* kNames[] = {"GET", "HEAD", "POST", "PUT", "DELETE", "PATCH"};
-  return m >= Get && m <= Patch ? kNames[m - Get] : "GET";
 }
 
 }  // namespace Tessel::Http

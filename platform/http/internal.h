@@ -20,9 +20,6 @@
 
 namespace Tessel::Http {
 
-// The request line's method token, shared by the HTTP/1.1 and HTTP/2 paths.
-const char* MethodName(HttpMethod m);
-
 // "localhost" and names under it are this machine's loopback whatever the
 // resolver says: a minimal root may have no /etc/hosts at all. Gives the
 // loopback literals to connect to (IPv4 first), or none for any other name.
@@ -37,6 +34,10 @@ inline std::vector<const char*> LoopbackLiterals(const std::string& host) {
   return {"127.0.0.1", "::1"};
 }
 
+// The numeric addresses to connect to for a spec, as raw sockaddr bytes,
+// IPv4 first; 0, or getaddrinfo's error when none resolved.
+int ResolveAddresses(const ConnectionSpec& spec, std::vector<std::string>& out);
+
 class PoolCore;
 
 // Why an exchange failed; turned into an exception each time a waiter asks.
@@ -49,9 +50,6 @@ struct Failure {
   [[noreturn]] void Throw() const;
 };
 
-// Throws InvalidArgumentException unless the target is a safe origin-form path.
-void CheckTarget(std::string_view target);
-
 // One request and its response. The waiter holds it through its handle; the
 // pool holds it while it is queued or on a stream. Everything below the
 // request is guarded by the pool's mutex (an HTTP/1.1 exchange has no pool
@@ -62,6 +60,11 @@ class Exchange final : public PendingExchange {
   ~Exchange() override;
 
   PoolCore* Core() const noexcept { return core_.Get(); }
+  // Whether the request carries a body (and so a Content-Length).
+  bool HasBody() const noexcept {
+    return method == Post || method == Put || method == Patch ||
+           (method == Delete && !body.empty());
+  }
 
   // The request, copied: the caller may change or send it again.
   HttpMethod method;

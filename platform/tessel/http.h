@@ -28,6 +28,9 @@ namespace Tessel::Http {
 
 enum HttpMethod : int { Get = 1, Head = 2, Post = 3, Put = 4, Delete = 5, Patch = 6 };
 
+// The request line's method token ("GET"); "GET" for an unknown value.
+const char* MethodName(HttpMethod m) noexcept;
+
 enum ResponseCode : int {
   Ok = 200,
   Created = 201,
@@ -129,9 +132,11 @@ class ClientRequest : public RefCounted {
   std::string body_;
 };
 
-// Whether a target is a safe origin-form path: starts with "/", has no byte
-// <= 0x20 or 0x7F, no '#', no "." or ".." path segment, and no percent-encoded
-// '.', '/', control character or NUL (nor a malformed '%').
+// Why a target is not a safe origin-form path, or null when it is one: it
+// starts with "/", has no byte <= 0x20 or 0x7F, no '#' or '\\', no "." or
+// ".." path segment, and no percent-encoded '.', '/', '\\', control character
+// or NUL (nor a malformed '%').
+const char* OriginFormProblem(std::string_view target) noexcept;
 bool IsOriginFormTarget(std::string_view target) noexcept;
 
 // Throws InvalidArgumentException unless IsOriginFormTarget(target) and the

@@ -34,27 +34,39 @@ bool IsValidHeaderName(const std::string& name) {
 // The last line of defence against a target that would reach another
 // resource than the one named: a proxy or BMC may normalise dot segments or
 // decode an encoded slash after routing on the raw path.
-bool IsOriginFormTarget(std::string_view t) noexcept {
-  if (t.empty() || t[0] != '/') return false;
+const char* OriginFormProblem(std::string_view t) noexcept {
+  if (t.empty() || t[0] != '/') return "not an origin-form path";
   const size_t pathEnd = std::min(t.find('?'), t.size());
   size_t segment = 1;
   for (size_t i = 0; i < t.size(); ++i) {
     const auto u = static_cast<unsigned char>(t[i]);
-    if (u <= 0x20 || u == 0x7f || u == '#') return false;
+    if (u <= 0x20 || u == 0x7f) return "space or control byte";
+    // Some servers read a backslash as a slash.
+    if (u == '#' || u == '\\') return "fragment or backslash";
     if (u == '%') {
       const int hi = i + 2 < t.size() ? HexValue(t[i + 1]) : -1;
       const int lo = hi >= 0 ? HexValue(t[i + 2]) : -1;
-      if (lo < 0) return false;
+      if (lo < 0) return "malformed percent-encoding";
       const int decoded = hi * 16 + lo;
-      if (decoded < 0x20 || decoded == 0x7f || decoded == '.' || decoded == '/') return false;
+      if (decoded == '.' || decoded == '/' || decoded == '\\') {
+        return "percent-encoded dot, slash or backslash";
+      }
+      if (decoded < 0x20 || decoded == 0x7f) return "percent-encoded control byte";
     }
     if (i < pathEnd && (i + 1 == pathEnd || t[i + 1] == '/')) {
       const std::string_view seg = t.substr(segment, i + 1 - segment);
-      if (seg == "." || seg == "..") return false;
+      if (seg == "." || seg == "..") return "dot segment";
       segment = i + 2;
     }
   }
-  return true;
+  return nullptr;
+}
+
+bool IsOriginFormTarget(std::string_view t) noexcept { return OriginFormProblem(t) == nullptr; }
+
+const char* MethodName(HttpMethod m) noexcept {
+  static constexpr const char* kNames[] = {"GET", "HEAD", "POST", "PUT", "DELETE", "PATCH"};
+  return m >= Get && m <= Patch ? kNames[m - Get] : "GET";
 }
 
 const char* ReasonPhrase(int code) noexcept {
