@@ -15,26 +15,15 @@ using redfish::UnsafeRequestTarget;
 using test_support::ScriptedBmc;
 namespace Http = Tessel::Http;
 
-TEST(RequestTarget, OnlyPlainPathsUnderTheBmcRoutePass) {
-  for (const char* safe :
-       {"/bmc/redfish/v1/Systems", "/bmc/redfish/v1/Systems/1/?$select=PowerState",
-        "/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)",
-        "/bmc/redfish/v1/Chassis/iDRAC.Embedded.1%23Cpu", "/bmc/a..b/.x/y./z", "/bmc/"}) {
+// The path rules are the HTTP client's (its Arguments test); here the route.
+TEST(RequestTarget, OnlyPathsUnderTheBmcRoutePass) {
+  for (const char* safe : {"/bmc/redfish/v1/Systems", "/bmc/"}) {
     EXPECT_EQ(UnsafeRequestTarget(safe), nullptr) << safe;
   }
-  const char* const unsafe[] = {
-      // outside the route
-      "/bmc", "/bmcx/y", "/portico/config/json/bmcApi.json", "bmc/x", "http://evil/bmc/",
-      // bytes that end or split the request line
-      "/bmc/System 1", "/bmc/a\r\nX-Injected: 1", "/bmc/a\tb", "/bmc/a\x7f", "/bmc/a#frag",
-      // dot segments, plain or encoded, and encoded separators
-      "/bmc/a\\..\\b", "/bmc/../portico", "/bmc/a/./b", "/bmc/a/..", "/bmc/a/.",
-      "/bmc/a/..?$select=x", "/bmc/%2e%2e/portico", "/bmc/%2E", "/bmc/a%2fb", "/bmc/a%2Fb",
-      "/bmc/a%5cb", "/bmc/a%0d%0ab", "/bmc/a%7F", "/bmc/a%", "/bmc/a%zz"};
-  for (const char* target : unsafe) {
-    EXPECT_NE(UnsafeRequestTarget(target), nullptr) << target;
+  for (const char* unsafe : {"/bmc", "/bmcx/y", "/portico/config/json/bmcApi.json", "bmc/x",
+                             "http://evil/bmc/", "/bmc/../portico", "/bmc/a%5cb"}) {
+    EXPECT_NE(UnsafeRequestTarget(unsafe), nullptr) << unsafe;
   }
-  EXPECT_NE(UnsafeRequestTarget(std::string("/bmc/a\0b", 8)), nullptr);
 }
 
 namespace {
