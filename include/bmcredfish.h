@@ -158,6 +158,104 @@ BMCREDFISH_API int Redfish_PowerOperation(const char* user, const char* password
                                           const char* mac, REDFISHCMD command,
                                           unsigned int timeoutMs);
 
+/* ---- Since 1.1 ---------------------------------------------------------- */
+
+/*
+ * The links of the chain from the caller to the BMC, named where a call
+ * failed: X(name, value, label, text). The label is a short lower-case word
+ * for logs and metrics; the text says what the link is.
+ */
+#define BMCREDFISH_LINKS(X)                                                                  \
+  X(REDFISH_LINK_NONE, 0, "none", "nothing failed")                                          \
+  X(REDFISH_LINK_SWITCH, 1, "switch", "the host switch \"REDFISH\"")                         \
+  X(REDFISH_LINK_SMBIOS, 2, "smbios", "the SMBIOS Redfish host-interface record")            \
+  X(REDFISH_LINK_CONFIG_ENDPOINT, 3, "config-endpoint",                                      \
+    "the proxy's configuration endpoint (localhost:549)")                                    \
+  X(REDFISH_LINK_ROUTE_DOCUMENT, 4, "route-document", "the proxy's route document")          \
+  X(REDFISH_LINK_PROXY, 5, "proxy", "the proxy on localhost:80")                             \
+  X(REDFISH_LINK_BMC, 6, "bmc", "the BMC behind the proxy")                                  \
+  X(REDFISH_LINK_CREDENTIALS, 7, "credentials", "the BMC account's credentials")             \
+  X(REDFISH_LINK_DISCOVERY, 8, "discovery",                                                  \
+    "what the BMC lists: systems, managers, interfaces, chassis, its maker")                 \
+  X(REDFISH_LINK_DOCUMENT, 9, "document", "a BMC document that is not of the Redfish shape") \
+  X(REDFISH_LINK_GUARD, 10, "guard",                                                         \
+    "the library refused the request: MAC guard, reset type, unsafe target")
+
+typedef enum RedfishLink {
+#define BMCREDFISH_LINK_ENUM_(name, value, label, text) name = value,
+  BMCREDFISH_LINKS(BMCREDFISH_LINK_ENUM_)
+#undef BMCREDFISH_LINK_ENUM_
+} RedfishLink;
+
+/*
+ * Why the calling thread's last call failed. Set the size member to
+ * sizeof(RedfishFailure) before the call: a later version may append members,
+ * and fills only what the caller's size holds. Texts are NUL-terminated and
+ * cut to fit.
+ */
+typedef struct RedfishFailure {
+  unsigned int size; /* in: sizeof(RedfishFailure) as the caller knows it */
+  int result;        /* the call's result code (0: it succeeded) */
+  RedfishLink link;  /* the link that broke (REDFISH_LINK_NONE on success) */
+  int httpStatus;    /* the status of the failing answer; 0 when none arrived */
+  char method[8];    /* the failing exchange's method ("GET", "POST", "PUT"); "" if none */
+  char uri[256];     /* its target ("/bmc/redfish/v1/...", "/portico/config/json/bmcApi.json") */
+  char detail[256];  /* who answered and what they said: the BMC's Redfish message, the
+                        proxy's error page, the system's words for a transport failure */
+} RedfishFailure;
+
+/*
+ * Fills *failure with the cause recorded by the calling thread's last call of
+ * a function below that takes a host (the 1.0 queries and power operation
+ * included). Each such call starts a fresh record, so a success reads as
+ * result 0 and REDFISH_LINK_NONE. Returns 0, or 10002 when failure is null or
+ * its size is smaller than the members up to and including link.
+ */
+BMCREDFISH_API int Redfish_GetLastFailure(RedfishFailure* failure);
+
+/* Frees a text the library allocated for the caller; null is ignored. */
+BMCREDFISH_API void Redfish_FreeText(char* text);
+
+/*
+ * Every chassis' sensor readings as one JSON document, in one request per
+ * chassis once the BMC's chassis are known (the first call discovers them):
+ * a chassis' Sensors collection, expanded, or for a chassis without one its
+ * Thermal and Power readings. Chassis with neither are left out.
+ *   {"Chassis":[{"Id":"1","@odata.id":"/redfish/v1/Chassis/1",
+ *                "Source":"Sensors"|"ThermalPower",
+ *                "Sensors":[{"Id":"CPU1Temp","Name":"CPU1 Temp","Reading":41,
+ *                            "ReadingUnits":"Cel","ReadingType":"Temperature",
+ *                            "Health":"OK"}]}]}
+ * "Reading" is a number or null; "ReadingUnits", "ReadingType" and "Health"
+ * are the BMC's texts, or "" where it gave none (Thermal and Power readings get
+ * the units their property names imply). On 0, *json receives the document,
+ * to be freed with Redfish_FreeText; on failure *json is set to null.
+ * Returns 0, 40001 when no chassis has readings, or another result code.
+ */
+BMCREDFISH_API int Redfish_GetSensorReadings(const char* user, const char* password,
+                                             const char* host, unsigned int timeoutMs, char** json);
+
+/*
+ * The reset types the first system advertises, as a bit mask over REDFISHCMD
+ * (bit 1u << REDFISHCMD_ON, ...): what Redfish_PowerOperation would send, with
+ * nothing sent. Returns 0, or a result code (*commands untouched).
+ */
+BMCREDFISH_API int Redfish_GetAllowedCommands(const char* user, const char* password,
+                                              const char* host, unsigned int timeoutMs,
+                                              unsigned int* commands);
+
+/*
+ * Reads one Redfish resource with GET: path is the resource's path on the BMC
+ * ("/redfish/v1", "/redfish/v1/Systems/1"), with an optional query. Only paths
+ * under "/redfish/v1" that are safe request targets are sent (10002
+ * otherwise). On 0, *json receives the body, which is a JSON object, to be
+ * freed with Redfish_FreeText; otherwise *json is null and the result is the
+ * HTTP status or another result code (20002 for a body that is not JSON, 20004
+ * for JSON that is not an object).
+ */
+BMCREDFISH_API int Redfish_GetResource(const char* user, const char* password, const char* host,
+                                       const char* path, unsigned int timeoutMs, char** json);
+
 #ifdef __cplusplus
 }
 #endif
