@@ -67,4 +67,19 @@ void LogInternal(const Ref<Logger>& logger, int level, const char* format,
   LogInternal(logger.Get(), level, format, args...);
 }
 
+inline const Logger* AsLogger(const Logger* logger) noexcept { return logger; }
+inline const Logger* AsLogger(const Ref<Logger>& logger) noexcept { return logger.Get(); }
+
 }  // namespace Tessel::Service
+
+// The one way to log: tests the logger's level first and builds the message's
+// arguments only when a message of that level would be written.
+//   TESSEL_LOG(logger, 5, "PowerState URI: %1", uri);
+#define TESSEL_LOG(logger, level, ...)                                                    \
+  do {                                                                                    \
+    const ::Tessel::Service::Logger* tesselLogger_ = ::Tessel::Service::AsLogger(logger); \
+    if (tesselLogger_ != nullptr && tesselLogger_->GetLevel() >= (level)) {               \
+      ::Tessel::Service::LogInternal(tesselLogger_, (level), __VA_ARGS__);                \
+    }                                                                                     \
+  } while (false)
+
