@@ -1,12 +1,17 @@
 #include "api/connection_registry.h"
 
+#include <pthread.h>
+
 #include <atomic>
+#include <cstdint>
 #include <mutex>
+#include <new>
 #include <string>
 #include <unordered_map>
 
 #include "bmcredfish.h"
 #include "platform/feature_state.h"
+#include "utils/failure_record.h"
 #include "utils/redfish_status.h"
 
 namespace redfish {
@@ -20,14 +25,50 @@ constexpr int kLoggerLevel = 6;
 
 using Connections = std::unordered_map<std::string, std::shared_ptr<BmcRedfishConnection>>;
 
+// A creation that failed: callers that were already waiting for it take its
+// outcome instead of trying again at once, one behind another.
+struct FailedCreation {
+  uint64_t attempt;  // the number of finished attempts when it finished
+  int code;
+  RedfishFailure cause;
+};
+
+struct Registry {
+  std::mutex mutex;
+  Connections connections;
+  std::unordered_map<std::string, FailedCreation> failed;
+  Registry* forkedFrom = nullptr;
+};
+
 std::mutex gLoggerMutex;
 Tessel::Ref<Service::Logger> gRedfishLogger;
 std::atomic<Service::Logger*> gLoggerPtr{nullptr};
 
-std::mutex gConnectionsMutex;
-Connections gConnections;
+Registry* gRegistry = new Registry();
+std::atomic<uint64_t> gFinishedAttempts{0};
 
 std::string HostKey(const char* host) { return host ? std::string(host) : kLocalHostKey; }
+
+int CreationFailed(const std::string& key, int code) {
+  // Only int failures are reported here; the credential failure, thrown as a
+  // status value, reaches the caller as an exception.
+  TESSEL_LOG(LibraryLogger(), 3, "Failed to create Redfish Connection for %1: %2",
+             key.empty() ? std::string("BMC from Korva host") : key, code);
+  return code;
+}
+
+// In a forked child only the forking thread exists: a lock another thread
+// held at fork() would stay locked for ever, and the parent's connections
+// share its sockets. The child starts with an empty registry and a fresh
+// logger lock; the parent's registry is left untouched (and reachable).
+void ChildAfterFork() {
+  gRegistry = new Registry{{}, {}, {}, gRegistry};
+  ::new (static_cast<void*>(&gLoggerMutex)) std::mutex();
+}
+
+struct ForkHandler {
+  ForkHandler() { pthread_atfork(nullptr, nullptr, &ChildAfterFork); }
+} gForkHandler;
 
 }  // namespace
 
@@ -50,16 +91,24 @@ int Initialize() {
 
 int GetOrCreateConnection(const char* user, const char* password, const char* host,
                           std::shared_ptr<BmcRedfishConnection>& connection) {
-  std::lock_guard<std::mutex> lock(gConnectionsMutex);
+  const uint64_t seen = gFinishedAttempts.load();
+  Registry& registry = *gRegistry;
+  std::lock_guard<std::mutex> lock(registry.mutex);
   Service::Logger* logger = LibraryLogger();
   const std::string key = HostKey(host);
-  auto found = gConnections.find(key);
-  if (found != gConnections.end()) {
-    Service::LogInternal(logger, 5, "Using EXISTING Redfish Connection for '%1'", key);
+  auto found = registry.connections.find(key);
+  if (found != registry.connections.end()) {
+    TESSEL_LOG(logger, 5, "Using EXISTING Redfish Connection for '%1'", key);
     connection = found->second;
     return RedfishStatusOk;
   }
-  Service::LogInternal(logger, 5, "Creating new Redfish Connection for '%1'", key);
+  // An attempt for this host ended while this caller waited for the lock.
+  auto failed = registry.failed.find(key);
+  if (failed != registry.failed.end() && failed->second.attempt > seen) {
+    AdoptAccount(failed->second.cause);
+    return CreationFailed(key, failed->second.code);
+  }
+  TESSEL_LOG(logger, 5, "Creating new Redfish Connection for '%1'", key);
   // The host's own BMC is reached by its SMBIOS address: an empty host says so.
   const std::string connectionHost = key == kLocalHostKey ? std::string() : key;
   const std::string userText(user);
@@ -67,26 +116,27 @@ int GetOrCreateConnection(const char* user, const char* password, const char* ho
   try {
     auto created = std::make_shared<BmcRedfishConnection>(connectionHost, userText, passwordText,
                                                           Tessel::Ref<Service::Logger>(logger));
-    gConnections[key] = created;
+    gFinishedAttempts.fetch_add(1);
+    registry.failed.erase(key);
+    registry.connections[key] = created;
     connection = std::move(created);
     return RedfishStatusOk;
   } catch (int code) {
-    // Only int failures are reported here; the credential failure, thrown as a
-    // status value, reaches the caller as an exception.
-    Service::LogInternal(logger, 3, "Failed to create Redfish Connection for %1: %2",
-                         key.empty() ? std::string("BMC from Korva host") : key, code);
-    return code;
+    registry.failed[key] =
+        FailedCreation{gFinishedAttempts.fetch_add(1) + 1, code, CurrentAccount()};
+    return CreationFailed(key, code);
   }
 }
 
 void CloseConnection(const char* host) {
   std::shared_ptr<BmcRedfishConnection> dropped;
   {
-    std::lock_guard<std::mutex> lock(gConnectionsMutex);
-    auto found = gConnections.find(HostKey(host));
-    if (found == gConnections.end()) return;
+    Registry& registry = *gRegistry;
+    std::lock_guard<std::mutex> lock(registry.mutex);
+    auto found = registry.connections.find(HostKey(host));
+    if (found == registry.connections.end()) return;
     dropped = std::move(found->second);
-    gConnections.erase(found);
+    registry.connections.erase(found);
   }
   // Destroyed here only if no call holds it, and outside the registry lock so
   // that other hosts' first calls need not wait for it.
@@ -94,10 +144,9 @@ void CloseConnection(const char* host) {
 
 void CleanupAll() {
   Connections dropped;
-  {
-    std::lock_guard<std::mutex> lock(gConnectionsMutex);
-    dropped.swap(gConnections);
-  }
+  Registry& registry = *gRegistry;
+  std::lock_guard<std::mutex> lock(registry.mutex);
+  dropped.swap(registry.connections);
 }
 
 namespace {
@@ -107,6 +156,11 @@ struct Finaliser {
   ~Finaliser() {
     CleanupAll();
     ReleaseBmcHttpConnection();
+    // A forked child's abandoned registries stay: their locks may be held.
+    if (gRegistry->forkedFrom == nullptr) {
+      delete gRegistry;
+      gRegistry = nullptr;
+    }
   }
 } gFinaliser;
 }  // namespace

@@ -1,37 +1,72 @@
+// The exported queries and the power operation. Each checks its arguments,
+// gets the host's connection from the registry and makes one call into
+// resources/, keeping the account of why it failed for Redfish_GetLastFailure.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <new>
 #include <string>
 
 #include "api/connection_registry.h"
 #include "bmcredfish.h"
+#include "resources/any_resource.h"
+#include "resources/chassis.h"
+#include "resources/inventory.h"
+#include "resources/mac_guard.h"
+#include "resources/systems.h"
+#include "utils/failure_record.h"
 #include "utils/redfish_status.h"
 
-using redfish::BmcRedfishConnection;
-using redfish::GetOrCreateConnection;
+using redfish::Inventory;
 using std::chrono::milliseconds;
-namespace Service = Tessel::Service;
 
 namespace {
 
-// The prologue of every query: the switch, then the host's connection. The
-// caller's reference keeps the connection alive while it is used.
-int Connect(const char* user, const char* password, const char* host,
-            std::shared_ptr<BmcRedfishConnection>& connection) {
-  int result = redfish::Initialize();
-  if (result != 0) return result;
-  return GetOrCreateConnection(user, password, host, connection);
+// Refuses a call whose arguments cannot be served, before anything is sent.
+int Refuse(int result, const char* why) {
+  redfish::NoteFailure(REDFISH_LINK_GUARD, result, why);
+  return result;
 }
 
-// A query that reads one text of the first system or chassis.
-using TextReader = int (BmcRedfishConnection::*)(std::string&, milliseconds, uint8_t);
+// The switch, the caller's arguments (check returns 0 or the refusal), the
+// host's connection, then operation on its inventory. The caller's reference
+// keeps the connection alive while it is used.
+template <typename Check, typename Operation>
+int Call(const char* user, const char* password, const char* host, Check check,
+         Operation operation) {
+  redfish::BeginCall();
+  int result = redfish::Initialize();
+  if (result == 0) result = check();
+  std::shared_ptr<redfish::BmcRedfishConnection> connection;
+  if (result == 0) result = redfish::GetOrCreateConnection(user, password, host, connection);
+  if (result == 0) result = operation(redfish::InventoryOf(*connection));
+  return redfish::FinishCall(result);
+}
 
-int ReadText(const char* user, const char* password, const char* host, unsigned int timeoutMs,
-             TextReader read, std::string& text) {
-  std::shared_ptr<BmcRedfishConnection> connection;
-  const int result = Connect(user, password, host, connection);
-  if (result != 0) return result;
-  return ((*connection).*read)(text, milliseconds(timeoutMs), 0);
+int NoCheck() { return 0; }
+
+// A text the caller frees with Redfish_FreeText.
+char* CopyForCaller(const std::string& text) {
+  auto* copy = static_cast<char*>(std::malloc(text.size() + 1));
+  if (copy == nullptr) throw std::bad_alloc();
+  std::memcpy(copy, text.c_str(), text.size() + 1);
+  return copy;
+}
+
+// The body of a query whose result is a library-allocated text.
+template <typename Read>
+int TextCall(const char* user, const char* password, const char* host, char** out, Read read) {
+  if (out != nullptr) *out = nullptr;
+  auto check = [&] {
+    return out != nullptr ? 0 : Refuse(REDFISH_ERR_INVALID_ARGUMENT, "no place for the result");
+  };
+  return Call(user, password, host, check, [&](Inventory& inventory) {
+    std::string text;
+    const int result = read(inventory, text);
+    if (result == 0) *out = CopyForCaller(text);
+    return result;
+  });
 }
 
 }  // namespace
@@ -39,115 +74,91 @@ int ReadText(const char* user, const char* password, const char* host, unsigned 
 extern "C" BMCREDFISH_API int Redfish_GetSensorsInfo(const char* user, const char* password,
                                                      const char* host, unsigned int timeoutMs,
                                                      char* buffer, unsigned int* length) {
-  std::string info;
-  const int result =
-      ReadText(user, password, host, timeoutMs, &BmcRedfishConnection::GetChassisSensorInfo, info);
-  if (result != 0) return result;
-  Service::LogInternal(redfish::LibraryLogger(), 5, "Sensors Info '%1'", info);
-  if (buffer != nullptr && length != nullptr) std::snprintf(buffer, *length, "%s", info.c_str());
-  // The full length without the NUL, so a caller can size its buffer.
-  if (length != nullptr) *length = static_cast<unsigned int>(info.size());
-  return 0;
+  return Call(user, password, host, NoCheck, [&](Inventory& inventory) {
+    std::string info;
+    const int result = redfish::ReadSensorInfo(inventory, info, milliseconds(timeoutMs), 0);
+    if (result != 0) return result;
+    TESSEL_LOG(redfish::LibraryLogger(), 5, "Sensors Info '%1'", info);
+    if (buffer != nullptr && length != nullptr) std::snprintf(buffer, *length, "%s", info.c_str());
+    // The full length without the NUL, so a caller can size its buffer.
+    if (length != nullptr) *length = static_cast<unsigned int>(info.size());
+    return 0;
+  });
 }
 
 extern "C" BMCREDFISH_API int Redfish_GetPowerState(const char* user, const char* password,
                                                     const char* host, unsigned int timeoutMs,
                                                     bool* isOn) {
-  std::string state;
-  const int result =
-      ReadText(user, password, host, timeoutMs, &BmcRedfishConnection::GetSystemPowerState, state);
-  if (result != 0) return result;
-  Service::LogInternal(redfish::LibraryLogger(), 5, "PowerOn State: %1", state);
-  if (isOn != nullptr) *isOn = state == "On";
-  return 0;
+  return Call(user, password, host, NoCheck, [&](Inventory& inventory) {
+    std::string state;
+    const int result = redfish::ReadPowerState(inventory, state, milliseconds(timeoutMs), 0);
+    if (result != 0) return result;
+    TESSEL_LOG(redfish::LibraryLogger(), 5, "PowerOn State: %1", state);
+    if (isOn != nullptr) *isOn = state == "On";
+    return 0;
+  });
 }
-
-namespace {
-
-// Also the MAC guard of a power operation, which calls it directly, not
-// through the exported name a host could interpose.
-int GetMacAddress(const char* user, const char* password, const char* host, const char* mac,
-                  unsigned int timeoutMs, char* buffer, unsigned int* length) {
-  std::shared_ptr<BmcRedfishConnection> connection;
-  int result = Connect(user, password, host, connection);
-  if (result != 0) return result;
-  Service::Logger* logger = redfish::LibraryLogger();
-  const milliseconds timeout(timeoutMs);
-
-  // With a MAC every manager is searched; without one, only the first.
-  const int lastManager = mac != nullptr ? 255 : 0;
-  std::string text;  // kept across managers: an empty manager ends with the last MAC read
-  bool found = false;
-  for (int m = 0; m <= lastManager && !found; ++m) {
-    uint8_t count = 0;
-    result = connection->GetManagerEthernetNicCount(static_cast<uint8_t>(m), count, timeout);
-    if (result != 0) {
-      if (result == redfish::RedfishStatusNoMember && mac != nullptr) {
-        Service::LogInternal(logger, 3, "No NIC found with MAC addr: %1", mac);
-      }
-      return result;
-    }
-    if (count == 0) {
-      found = true;
-      break;
-    }
-    for (int i = 0; i < count; ++i) {
-      result = connection->GetManagerEthernetMac(text, timeout, static_cast<uint8_t>(m),
-                                                 static_cast<uint8_t>(i));
-      if (result == redfish::RedfishStatusNoMember) break;
-      if (result != 0) return result;
-      if (mac != nullptr ? text == mac : i + 1 >= count) {
-        found = true;
-        break;
-      }
-    }
-  }
-  if (!found && mac != nullptr) {
-    // Every addressable manager was searched without a match.
-    Service::LogInternal(logger, 3, "No NIC found with MAC addr: %1", mac);
-    return redfish::RedfishStatusNoMember;
-  }
-
-  Service::LogInternal(logger, 5, "BMC MAC: %1", text);
-  if (length != nullptr) {
-    const unsigned int needed = static_cast<unsigned int>(text.size() + 1);
-    const unsigned int n = *length < needed ? *length : needed;
-    *length = n;
-    if (buffer != nullptr) std::snprintf(buffer, n, "%s", text.c_str());
-  }
-  return 0;
-}
-
-}  // namespace
 
 extern "C" BMCREDFISH_API int Redfish_GetMacAddress(const char* user, const char* password,
                                                     const char* host, const char* mac,
                                                     unsigned int timeoutMs, char* buffer,
                                                     unsigned int* length) {
-  return GetMacAddress(user, password, host, mac, timeoutMs, buffer, length);
+  return Call(user, password, host, NoCheck, [&](Inventory& inventory) {
+    std::string text;
+    const int result = redfish::FindBmcMac(inventory, mac, milliseconds(timeoutMs), text);
+    if (result != 0 || length == nullptr) return result;
+    const auto needed = static_cast<unsigned int>(text.size() + 1);
+    const unsigned int n = *length < needed ? *length : needed;
+    *length = n;
+    if (buffer != nullptr) std::snprintf(buffer, n, "%s", text.c_str());
+    return 0;
+  });
 }
 
+// The MAC is proven on the same connection that then sends the command.
 extern "C" BMCREDFISH_API int Redfish_PowerOperation(const char* user, const char* password,
                                                      const char* host, const char* mac,
                                                      REDFISHCMD command, unsigned int timeoutMs) {
-  int result = redfish::Initialize();
-  if (result != 0) return result;
-  // No MAC, no power operation: the MAC is what proves this is the right machine.
-  if (mac == nullptr) return redfish::RedfishStatusMacMismatch;
+  auto check = [&] {
+    // No MAC, no power operation: the MAC is what proves this is the right machine.
+    return mac != nullptr ? 0 : Refuse(REDFISH_ERR_MAC_MISMATCH, "no MAC address was named");
+  };
+  return Call(user, password, host, check, [&](Inventory& inventory) {
+    return redfish::GuardedPowerOperation(inventory, mac, command, milliseconds(timeoutMs));
+  });
+}
 
-  char buffer[32] = {};
-  unsigned int size = sizeof buffer;
-  result = GetMacAddress(user, password, host, mac, timeoutMs, buffer, &size);
-  if (result != 0) return result;
-  // A manager without interfaces ends the search as a success with no MAC at
-  // all; that proves nothing, even to a caller who named an empty MAC.
-  if (buffer[0] == '\0' || std::strncmp(mac, buffer, size) != 0) {
-    Service::LogInternal(redfish::LibraryLogger(), 3, "Invalid MAC address (%1). Expected (%2)",
-                         mac, buffer);
-    return redfish::RedfishStatusMacMismatch;
-  }
-  std::shared_ptr<BmcRedfishConnection> connection;
-  result = GetOrCreateConnection(user, password, host, connection);
-  if (result != 0) return result;
-  return connection->PowerOperation(command, milliseconds(timeoutMs), 0);
+extern "C" BMCREDFISH_API int Redfish_GetLastFailure(RedfishFailure* failure) {
+  return redfish::CopyLastFailure(failure);
+}
+
+extern "C" BMCREDFISH_API void Redfish_FreeText(char* text) { std::free(text); }
+
+extern "C" BMCREDFISH_API int Redfish_GetSensorReadings(const char* user, const char* password,
+                                                        const char* host, unsigned int timeoutMs,
+                                                        char** json) {
+  return TextCall(user, password, host, json, [&](Inventory& inventory, std::string& text) {
+    return redfish::ReadSensorReadings(inventory, milliseconds(timeoutMs), text);
+  });
+}
+
+extern "C" BMCREDFISH_API int Redfish_GetAllowedCommands(const char* user, const char* password,
+                                                         const char* host, unsigned int timeoutMs,
+                                                         unsigned int* commands) {
+  auto check = [&] {
+    return commands != nullptr ? 0
+                               : Refuse(REDFISH_ERR_INVALID_ARGUMENT, "no place for the result");
+  };
+  return Call(user, password, host, check, [&](Inventory& inventory) {
+    return redfish::AllowedCommands(inventory, milliseconds(timeoutMs), 0, *commands);
+  });
+}
+
+extern "C" BMCREDFISH_API int Redfish_GetResource(const char* user, const char* password,
+                                                  const char* host, const char* path,
+                                                  unsigned int timeoutMs, char** json) {
+  if (path == nullptr) path = "";
+  return TextCall(user, password, host, json, [&](Inventory& inventory, std::string& text) {
+    return redfish::ReadResource(inventory, path, milliseconds(timeoutMs), text);
+  });
 }

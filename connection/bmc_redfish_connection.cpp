@@ -1,11 +1,16 @@
 #include "connection/bmc_redfish_connection.h"
 
 #include "platform/mirel/base64.h"
+#include "resources/chassis.h"
+#include "resources/inventory.h"
+#include "resources/managers.h"
+#include "resources/systems.h"
+#include "utils/failure_record.h"
 #include "utils/redfish_status.h"
 
 namespace redfish {
 
-namespace Service = Tessel::Service;
+using std::chrono::milliseconds;
 
 PublishedPtr<BmcHttpConnection> BmcRedfishConnection::_bmc_con;
 
@@ -16,29 +21,28 @@ constexpr char kBaseUrl[] = "/bmc";
 
 BmcRedfishConnection::BmcRedfishConnection(const std::string& host, const std::string& user,
                                            const std::string& password,
-                                           const Tessel::Ref<Service::Logger>& logger)
-    : host(host), user(user), password(password), logger(logger.Get()) {
+                                           const Tessel::Ref<Tessel::Service::Logger>& logger)
+    : host_(host), user_(user), password_(password), logger_(logger.Get()) {
   _bmc_con = BmcHttpConnection::GetInstance(logger);
   int result = _bmc_con->UpdateBmcApiJson(host);
   if (result != RedfishStatusOk) {
-    if (LogsAt(this->logger, 3))
-      Service::LogInternal(this->logger, 3, "Failed to update bmcApi.json.");
+    TESSEL_LOG(logger_, 3, "Failed to update bmcApi.json.");
     throw result;
   }
-  baseUrl = GetHttpUrl();
+  baseUrl_ = GetHttpUrl();
   if (!EncodeUserPass(user, password)) {
-    if (LogsAt(this->logger, 3)) {
-      Service::LogInternal(this->logger, 3, "Failed to encode username and password.");
-    }
+    TESSEL_LOG(logger_, 3, "Failed to encode username and password.");
+    NoteFailure(REDFISH_LINK_CREDENTIALS, RedfishStatusCredentialsEncoding,
+                "the user name and password are too long to encode");
     // Thrown as the status type, not int: the registry lets it reach the caller.
     throw RedfishStatusCredentialsEncoding;
   }
   result = CreateSession();
   if (result != RedfishStatusOk) {
-    if (LogsAt(this->logger, 3))
-      Service::LogInternal(this->logger, 3, "Failed to create a redfish session.");
+    TESSEL_LOG(logger_, 3, "Failed to create a redfish session.");
     throw result;
   }
+  inventory_ = std::make_unique<Inventory>(*this, logger_, baseUrl_);
 }
 
 BmcRedfishConnection::~BmcRedfishConnection() { DeleteSession(); }
@@ -49,15 +53,11 @@ bool BmcRedfishConnection::EncodeUserPass(const std::string& user, const std::st
   size_t outLength = 0;
   bool encoded = Base64_Encode(text.data(), text.size(), buffer, kCredentialBufferSize, &outLength);
   if (outLength > kCredentialBufferSize - 1) {
-    if (LogsAt(logger, 3)) {
-      Service::LogInternal(logger, 3,
-                           "Insufficient buffer size to capture encoded username and password");
-    }
+    TESSEL_LOG(logger_, 3, "Insufficient buffer size to capture encoded username and password");
     return false;
   }
   if (!encoded) {
-    if (LogsAt(logger, 3))
-      Service::LogInternal(logger, 3, "Failed to encode username and password");
+    TESSEL_LOG(logger_, 3, "Failed to encode username and password");
     return false;
   }
   _jwt = buffer;
@@ -67,12 +67,60 @@ bool BmcRedfishConnection::EncodeUserPass(const std::string& user, const std::st
 std::string BmcRedfishConnection::GetHttpUrl() { return kBaseUrl; }
 
 bool BmcRedfishConnection::IsSessionActive() {
-  return !sessionLocation.empty() && sessionToken.has_value();
+  return !sessionLocation_.empty() && sessionToken_.has_value();
 }
 
-// Token sessions are not used: every request carries Basic credentials.
+// Placeholders of a token session: their results are part of the design.
 int BmcRedfishConnection::CreateSession() { return RedfishStatusOk; }
 int BmcRedfishConnection::DeleteSession() { return RedfishStatusOk; }
 int BmcRedfishConnection::RefreshSession(int value) { return value; }
+
+Inventory& InventoryOf(BmcRedfishConnection& connection) { return *connection.inventory_; }
+
+int BmcRedfishConnection::PopulateSystems(milliseconds timeout) {
+  return inventory_->PopulateSystems(timeout);
+}
+
+int BmcRedfishConnection::PopulateManagers(milliseconds timeout) {
+  return inventory_->PopulateManagers(timeout);
+}
+
+int BmcRedfishConnection::PopulateChassis(milliseconds timeout) {
+  return inventory_->PopulateChassis(timeout);
+}
+
+int BmcRedfishConnection::ParseManufacturer(RedfishSystem& system, milliseconds timeout) {
+  return ReadManufacturer(*inventory_, system, timeout);
+}
+
+int BmcRedfishConnection::ParseRedfishPowerActions(const std::string& json, RedfishSystem& system,
+                                                   RedfishOem oem) {
+  return ReadPowerActions(*inventory_, json, system, oem);
+}
+
+int BmcRedfishConnection::GetSystemPowerState(std::string& powerState, milliseconds timeout,
+                                              uint8_t systemIndex) {
+  return ReadPowerState(*inventory_, powerState, timeout, systemIndex);
+}
+
+int BmcRedfishConnection::PowerOperation(REDFISHCMD command, milliseconds timeout,
+                                         uint8_t systemIndex) {
+  return SendPowerCommand(*inventory_, command, timeout, systemIndex);
+}
+
+int BmcRedfishConnection::GetManagerEthernetNicCount(uint8_t managerIndex, uint8_t& nicCount,
+                                                     milliseconds timeout) {
+  return NicCount(*inventory_, managerIndex, nicCount, timeout);
+}
+
+int BmcRedfishConnection::GetManagerEthernetMac(std::string& mac, milliseconds timeout,
+                                                uint8_t managerIndex, uint8_t nicIndex) {
+  return ReadMac(*inventory_, mac, timeout, managerIndex, nicIndex);
+}
+
+int BmcRedfishConnection::GetChassisSensorInfo(std::string& sensorJson, milliseconds timeout,
+                                               uint8_t chassisIndex) {
+  return ReadSensorInfo(*inventory_, sensorJson, timeout, chassisIndex);
+}
 
 }  // namespace redfish

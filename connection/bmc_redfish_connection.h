@@ -2,24 +2,29 @@
 
 #include <chrono>
 #include <cstdint>
-#include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "bmcredfish.h"
 #include "platform/export.h"
 #include "platform/tessel/logging.h"
-#include "resources/redfish_records.h"
 #include "transport/bmc_http_connection.h"
 #include "utils/lazy_ref.h"
-#include "utils/log_level.h"
+#include "utils/redfish_oem.h"
 
 namespace redfish {
 
-// One BMC's Redfish service, reached through the local proxy. Discovers the
-// BMC's Systems, Managers and Chassis once and serves later calls from them.
+struct RedfishSystemRecord;
+struct RedfishManagerRecord;
+struct RedfishChassisRecord;
+class Inventory;
+
+// One BMC's Redfish service, reached through the local proxy: its credentials
+// and its HTTP requests. What discovery learns of the BMC, and the operations
+// on it, live in resources/ (Inventory); the methods below that name them are
+// the design's entry points to that code.
 class BMCREDFISH_EXPORT BmcRedfishConnection {
  public:
   using RedfishSystem = RedfishSystemRecord;
@@ -71,31 +76,25 @@ class BMCREDFISH_EXPORT BmcRedfishConnection {
   static PublishedPtr<BmcHttpConnection> _bmc_con;
 
  private:
-  // Discovers the systems, then checks that the index names one of them.
-  int PopulatedSystem(std::chrono::milliseconds timeout, uint8_t systemIndex);
+  friend Inventory& InventoryOf(BmcRedfishConnection& connection);
 
-  std::string host;
-  std::string user;
-  std::string password;
-  Tessel::Service::Logger* logger;
-  std::string reserved;
+  std::string host_;
+  std::string user_;
+  std::string password_;
+  Tessel::Service::Logger* logger_;
+  std::string reserved_;  // in the design's layout; nothing reads it
   std::string _jwt;
-  std::string baseUrl;
-  std::optional<std::string> sessionToken;
-  std::string sessionLocation;
-  int64_t reservedWord = 0;
-
- public:
-  std::vector<RedfishManager> managers;
-  bool managersPopulated = false;
-  std::vector<RedfishSystem> systems;
-  bool systemsPopulated = false;
-  std::vector<RedfishChassis> chassis;
-  bool chassisPopulated = false;
-
- private:
-  std::mutex requestMutex;
-  std::mutex populateMutex;
+  std::string baseUrl_;
+  // Token sessions are in the design but unused: nothing engages the token or
+  // sets the location, so every request carries Basic credentials.
+  std::optional<std::string> sessionToken_;
+  std::string sessionLocation_;
+  int64_t reservedWord_ = 0;  // in the design's layout; nothing reads it
+  std::unique_ptr<Inventory> inventory_;
+  std::mutex requestMutex_;
 };
+
+// The records and walks of a connection, for the code in resources/.
+Inventory& InventoryOf(BmcRedfishConnection& connection);
 
 }  // namespace redfish

@@ -6,6 +6,7 @@
 
 #include "connection/bmc_redfish_connection.h"
 #include "connection/request_target.h"
+#include "utils/failure_record.h"
 #include "utils/redfish_status.h"
 
 namespace redfish {
@@ -36,10 +37,11 @@ int CreateRequest(Http::HttpMethod method, const std::string& url, Service::Logg
       problem = e.what();
     }
   }
-  if (LogsAt(logger, 3)) {
-    Service::LogInternal(logger, 3, "%1: refused request target '%2': %3", Http::MethodName(method),
-                         url, problem);
-  }
+  TESSEL_LOG(logger, 3, "%1: refused request target '%2': %3", Http::MethodName(method), url,
+             problem);
+  NoteExchange(Http::MethodName(method), url);
+  NoteFailure(REDFISH_LINK_GUARD, RedfishStatusInvalidArgument,
+              std::string("refused request target: ") + problem);
   return RedfishStatusInvalidArgument;
 }
 
@@ -69,26 +71,31 @@ void SetAuthentication(Http::ClientRequest& request, const std::optional<std::st
 std::string ReadOnce(Http::ClientResponse& response, Service::Logger* logger, int32_t& count) {
   std::vector<char> buffer(kSingleReadSize, '\0');
   count = std::max<int32_t>(response.ReadBody(buffer.data(), kSingleReadSize), 0);
-  if (LogsAt(logger, 5)) {
-    Service::LogInternal(logger, 5, "[ClientResponse::Read] Read %1 bytes", count);
-  }
+  TESSEL_LOG(logger, 5, "[ClientResponse::Read] Read %1 bytes", count);
   std::string text(buffer.data(), strnlen(buffer.data(), kSingleReadSize));
   text.resize(static_cast<size_t>(static_cast<int64_t>(count)));
   return text;
+}
+
+// The result of an answered request: 401 means the credentials were refused.
+// A failed answer's body tells who answered (the BMC or the proxy).
+int Answered(int result, const std::string& body) {
+  if (result > 0 && result < 1000) NoteAnswer(result, body);
+  return result == Http::ResponseCode::Unauthorized ? RedfishStatusUnauthorized : result;
 }
 
 }  // namespace
 
 int BmcRedfishConnection::MakeHttpRequestGet(const std::string& url, std::string& response,
                                              std::chrono::milliseconds timeout) {
-  std::lock_guard<std::mutex> lock(requestMutex);
+  std::lock_guard<std::mutex> lock(requestMutex_);
   Ref<Http::ClientRequest> request;
-  if (int refused = CreateRequest(Http::Get, url, logger, request)) return refused;
-  if (LogsAt(logger, 5)) {
-    Service::LogInternal(logger, 5, "SESSION_TOKEN: %1 _jwt: %2",
-                         sessionToken ? *sessionToken : std::string("no value"), _jwt);
-  }
-  SetAuthentication(*request, sessionToken, _jwt);
+  if (int refused = CreateRequest(Http::Get, url, logger_, request)) return refused;
+  // The design's trace of every GET: it carries the Base64 credentials
+  // (BMCREDFISH_LOG_MASK=1 masks them).
+  TESSEL_LOG(logger_, 5, "SESSION_TOKEN: %1 _jwt: %2",
+             sessionToken_ ? *sessionToken_ : std::string("no value"), _jwt);
+  SetAuthentication(*request, sessionToken_, _jwt);
   request->SetHeader("Accept", "application/json");
 
   Ref<Http::ClientResponse> answer;
@@ -97,9 +104,7 @@ int BmcRedfishConnection::MakeHttpRequestGet(const std::string& url, std::string
 
   uint64_t size = kDefaultGetBufferSize;
   if (auto length = answer->GetHeader("Content-Length")) {
-    if (LogsAt(logger, 5)) {
-      Service::LogInternal(logger, 5, "[ClientResponse::Content-Length] %1", *length);
-    }
+    TESSEL_LOG(logger_, 5, "[ClientResponse::Content-Length] %1", *length);
     size = BufferSizeFor(*length);
   }
   const auto capacity = static_cast<uint32_t>(size);
@@ -109,22 +114,19 @@ int BmcRedfishConnection::MakeHttpRequestGet(const std::string& url, std::string
     if (n < 0) break;
     response.append(buffer.data(), static_cast<size_t>(n));
   }
-  if (LogsAt(logger, 5)) {
-    Service::LogInternal(logger, 5, "[ClientResponse::Read] Read %1 bytes%2",
-                         static_cast<int32_t>(response.size()),
-                         result == RedfishStatusOk ? std::string() : "\n'" + response + "'");
-  }
-  if (result == Http::ResponseCode::Unauthorized) result = RedfishStatusUnauthorized;
-  return result;
+  TESSEL_LOG(logger_, 5, "[ClientResponse::Read] Read %1 bytes%2",
+             static_cast<int32_t>(response.size()),
+             result == RedfishStatusOk ? std::string() : "\n'" + response + "'");
+  return Answered(result, response);
 }
 
 int BmcRedfishConnection::MakeHttpRequestPost(const std::string& url, const std::string& body,
                                               std::string& response, bool skipAuth,
                                               std::chrono::milliseconds timeout) {
-  std::lock_guard<std::mutex> lock(requestMutex);
+  std::lock_guard<std::mutex> lock(requestMutex_);
   Ref<Http::ClientRequest> request;
-  if (int refused = CreateRequest(Http::Post, url, logger, request)) return refused;
-  if (!skipAuth) SetAuthentication(*request, sessionToken, _jwt);
+  if (int refused = CreateRequest(Http::Post, url, logger_, request)) return refused;
+  if (!skipAuth) SetAuthentication(*request, sessionToken_, _jwt);
   request->SetHeader("Content-Type", "application/json");
   request->SetBody(body.data(), static_cast<uint32_t>(body.size()));
 
@@ -132,8 +134,8 @@ int BmcRedfishConnection::MakeHttpRequestPost(const std::string& url, const std:
   int result = _bmc_con->SendRequestToProxy(url, request, answer, Http::Post, timeout);
   if (result == Http::ResponseCode::ServiceUnavailable) {
     if (answer) {
-      if (auto retryAfter = answer->GetHeader("Retry-After"); retryAfter && LogsAt(logger, 5)) {
-        Service::LogInternal(logger, 5, "[ClientResponse::Retry-After] %1", *retryAfter);
+      if (auto retryAfter = answer->GetHeader("Retry-After")) {
+        TESSEL_LOG(logger_, 5, "[ClientResponse::Retry-After] %1", *retryAfter);
       }
     }
     return result;
@@ -141,33 +143,29 @@ int BmcRedfishConnection::MakeHttpRequestPost(const std::string& url, const std:
   if (!answer) return result;
 
   int32_t count = 0;
-  response = ReadOnce(*answer, logger, count);
+  response = ReadOnce(*answer, logger_, count);
   if (result == Http::ResponseCode::Created) {
-    if (auto location = answer->GetHeader("Location"); location && LogsAt(logger, 5)) {
-      Service::LogInternal(logger, 5, "[ClientResponse::LOCATION] %1", *location);
+    if (auto location = answer->GetHeader("Location")) {
+      TESSEL_LOG(logger_, 5, "[ClientResponse::LOCATION] %1", *location);
     }
-    result = RedfishStatusOk;
-  } else if (result == Http::ResponseCode::Unauthorized) {
-    result = RedfishStatusUnauthorized;
+    return RedfishStatusOk;
   }
-  return result;
+  return Answered(result, response);
 }
 
 int BmcRedfishConnection::MakeHttpRequestDelete(const std::string& url, std::string& response,
                                                 std::chrono::milliseconds timeout) {
-  std::lock_guard<std::mutex> lock(requestMutex);
+  std::lock_guard<std::mutex> lock(requestMutex_);
   Ref<Http::ClientRequest> request;
-  if (int refused = CreateRequest(Http::Delete, url, logger, request)) return refused;
-  SetAuthentication(*request, sessionToken, _jwt);
+  if (int refused = CreateRequest(Http::Delete, url, logger_, request)) return refused;
+  SetAuthentication(*request, sessionToken_, _jwt);
 
   Ref<Http::ClientResponse> answer;
   int result = _bmc_con->SendRequestToProxy(url, request, answer, Http::Delete, timeout);
-  if (answer) {
-    int32_t count = 0;
-    response = ReadOnce(*answer, logger, count);
-    if (result == Http::ResponseCode::Unauthorized) result = RedfishStatusUnauthorized;
-  }
-  return result;
+  if (!answer) return result;
+  int32_t count = 0;
+  response = ReadOnce(*answer, logger_, count);
+  return Answered(result, response);
 }
 
 }  // namespace redfish

@@ -1,50 +1,72 @@
 #include "resources/inventory.h"
 
-#include <rapidjson/document.h>
-
+#include "connection/bmc_redfish_connection.h"
+#include "resources/documents.h"
 #include "utils/bmc_redfish_utils.h"
+#include "utils/failure_record.h"
+#include "utils/json_access.h"
 #include "utils/redfish_status.h"
 
 namespace redfish {
 
-namespace Service = Tessel::Service;
+using std::chrono::milliseconds;
 
-int WalkCollection(BmcRedfishConnection& connection, Service::Logger* logger,
-                   const std::string& uri, std::chrono::milliseconds timeout,
-                   const MemberVisit& visit) {
+Inventory::Inventory(BmcRedfishConnection& connection, Tessel::Service::Logger* logger,
+                     std::string baseUrl)
+    : connection_(connection), logger_(logger), baseUrl_(std::move(baseUrl)) {}
+
+int Inventory::WalkCollection(const std::string& uri, milliseconds timeout, const Visit& visit) {
   std::string body;
-  int result = connection.MakeHttpRequestGet(uri, body, timeout);
-  if (result != RedfishStatusOk) return result;
   rapidjson::Document collection;
-  result = BmcRedfishUtils::VerifyJson(logger, body, collection, true);
+  int result = FetchDocument(*this, uri, timeout, BodyCheck::kCollection, body, collection);
   if (result != RedfishStatusOk) return result;
-  for (const rapidjson::Value& entry : collection["Members"].GetArray()) {
-    std::string id;
-    if (!entry.IsObject() || !JsonString(entry, "@odata.id", id)) {
-      return RedfishStatusUnexpectedJson;
-    }
+  // Members before a malformed entry are visited first, as a walk in order
+  // would: the failure comes when the walk reaches it.
+  std::vector<std::string> ids;
+  const int shape = MemberIds(collection, ids);
+  for (const std::string& id : ids) {
     result = visit(id);
     if (result != RedfishStatusOk) return result;
   }
-  return RedfishStatusOk;
+  return shape;
 }
 
-int PopulateOnce(BmcRedfishConnection& connection, std::mutex& populateMutex, bool& populated,
-                 Service::Logger* logger, const std::string& uri, std::chrono::milliseconds timeout,
-                 const MemberVisit& visit) {
-  std::lock_guard<std::mutex> lock(populateMutex);
+int Inventory::PopulateOnce(bool& populated, const char* collection, milliseconds timeout,
+                            const Visit& visit) {
+  std::lock_guard<std::mutex> lock(populateMutex_);
   if (populated) return RedfishStatusOk;
-  const int result = WalkCollection(connection, logger, uri, timeout, visit);
+  const int result = WalkCollection(baseUrl_ + collection, timeout, visit);
   populated = result == RedfishStatusOk;
   return result;
 }
 
-std::string ChildUri(Service::Logger* logger, const std::string& baseUrl, const char* kind,
-                     const std::string& id, const char* child) {
-  Service::LogInternal(logger, 5, "%1: %2", kind, id);
-  std::string uri = baseUrl + id + "/" + child;
-  Service::LogInternal(logger, 5, "%1: %2", child, uri);
+int Inventory::CheckIndex(const char* kind, size_t index, size_t size) const {
+  if (index < size) return RedfishStatusOk;
+  TESSEL_LOG(logger_, 3, "Unsupported %1 Index %2", kind, index);
+  NoteFailure(
+      REDFISH_LINK_DISCOVERY, RedfishStatusNoMember,
+      Tessel::Detail::ASPrintInternal("no %1 at index %2: the BMC lists %3", kind, index, size));
+  return RedfishStatusNoMember;
+}
+
+std::string ChildUri(const Inventory& inventory, const char* kind, const std::string& id,
+                     const char* child) {
+  TESSEL_LOG(inventory.Logger(), 5, "%1: %2", kind, id);
+  std::string uri = inventory.BaseUrl() + id + "/" + child;
+  TESSEL_LOG(inventory.Logger(), 5, "%1: %2", child, uri);
   return uri;
+}
+
+int FetchDocument(const Inventory& inventory, const std::string& uri, milliseconds timeout,
+                  BodyCheck check, std::string& body, rapidjson::Document& document) {
+  const int result = inventory.Connection().MakeHttpRequestGet(uri, body, timeout);
+  if (result != RedfishStatusOk) return result;
+  if (check == BodyCheck::kParse) {
+    ParseJson(document, body);
+    return RedfishStatusOk;
+  }
+  return BmcRedfishUtils::VerifyJson(inventory.Logger(), body, document,
+                                     check == BodyCheck::kCollection);
 }
 
 }  // namespace redfish

@@ -1,53 +1,92 @@
 #pragma once
 
-// Discovery of the BMC's collections, shared by the resources: each walks
-// its own collection once with these.
+// What a connection has learnt of its BMC: the records of its systems,
+// managers and chassis, the flags saying each walk is complete, and the lock
+// the walks hold.
 //
-// Threading: the vectors systems, managers and chassis are appended to only
-// by PopulateOnce's visit, under populateMutex, while their flag is false;
-// the flag is set under the same lock when a walk succeeds, and the vector
-// never changes again. A caller whose Populate returned 0 may therefore read
-// the records without any lock. Discovery never clears what an earlier,
-// failed walk appended: a retry walks the whole collection again and the
-// indices see both copies.
+// Threading: a vector is appended to only by its walk, under populateMutex_,
+// while its flag is false; the flag is set under the same lock when the walk
+// succeeds, and the vector never changes again. A caller whose Populate
+// returned 0 reads the records without any lock.
+//
+// Kept as designed although it looks odd: a failed walk leaves what it
+// appended and the flag false; the retry walks the whole collection again and
+// appends behind it, so the indices see both copies.
 
 #include <chrono>
+#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <vector>
 
-#include "connection/bmc_redfish_connection.h"
+#include <rapidjson/document.h>
+
 #include "platform/tessel/logging.h"
+#include "resources/redfish_records.h"
 
 namespace redfish {
 
-using MemberVisit = std::function<int(const std::string& id)>;
+class BmcRedfishConnection;
 
-// GETs a collection and hands each member's "@odata.id" to visit, in order.
-// Stops at the first failure, visit's included.
-int WalkCollection(BmcRedfishConnection& connection, Tessel::Service::Logger* logger,
-                   const std::string& uri, std::chrono::milliseconds timeout,
-                   const MemberVisit& visit);
+class Inventory {
+ public:
+  using Visit = std::function<int(const std::string& id)>;
 
-// One discovery walk of a collection under the populate mutex, unless an
-// earlier walk succeeded; marks success. A free function, so that it stays
-// out of the exported class.
-int PopulateOnce(BmcRedfishConnection& connection, std::mutex& populateMutex, bool& populated,
-                 Tessel::Service::Logger* logger, const std::string& uri,
-                 std::chrono::milliseconds timeout, const MemberVisit& visit);
+  Inventory(BmcRedfishConnection& connection, Tessel::Service::Logger* logger, std::string baseUrl);
+  Inventory(const Inventory&) = delete;
+  Inventory& operator=(const Inventory&) = delete;
 
-// A member's sub-collection URI; the member and the URI are logged as
-// discovery goes ("Manager: …", "EthernetInterfaces: …").
-std::string ChildUri(Tessel::Service::Logger* logger, const std::string& baseUrl, const char* kind,
-                     const std::string& id, const char* child);
+  int PopulateSystems(std::chrono::milliseconds timeout);
+  int PopulateManagers(std::chrono::milliseconds timeout);
+  int PopulateChassis(std::chrono::milliseconds timeout);
+  int PopulateReadings(std::chrono::milliseconds timeout);
 
-// GETs one inventory document, logging its URI under the caller's label
-// ("PowerState URI: %1") first.
-inline int FetchLogged(BmcRedfishConnection& connection, Tessel::Service::Logger* logger,
-                       const char* label, const std::string& uri, std::string& body,
-                       std::chrono::milliseconds timeout) {
-  Tessel::Service::LogInternal(logger, 5, label, uri);
-  return connection.MakeHttpRequestGet(uri, body, timeout);
-}
+  // GETs a collection and hands each member's "@odata.id" to visit, in order;
+  // stops at the first failure, visit's included.
+  int WalkCollection(const std::string& uri, std::chrono::milliseconds timeout, const Visit& visit);
+
+  // 0 when index is below size; otherwise logs "Unsupported <kind> Index <i>"
+  // and returns 40001.
+  int CheckIndex(const char* kind, size_t index, size_t size) const;
+
+  BmcRedfishConnection& Connection() const { return connection_; }
+  Tessel::Service::Logger* Logger() const { return logger_; }
+  const std::string& BaseUrl() const { return baseUrl_; }
+
+  std::vector<RedfishManagerRecord> managers;
+  bool managersPopulated = false;
+  std::vector<RedfishSystemRecord> systems;
+  bool systemsPopulated = false;
+  std::vector<RedfishChassisRecord> chassis;
+  bool chassisPopulated = false;
+  std::vector<ReadingsSourceRecord> readings;
+  bool readingsPopulated = false;
+
+ private:
+  int PopulateOnce(bool& populated, const char* collection, std::chrono::milliseconds timeout,
+                   const Visit& visit);
+
+  BmcRedfishConnection& connection_;
+  Tessel::Service::Logger* logger_;
+  std::string baseUrl_;
+  std::mutex populateMutex_;
+};
+
+// A member's sub-resource URI, logged as discovery goes ("Manager: …",
+// "EthernetInterfaces: …").
+std::string ChildUri(const Inventory& inventory, const char* kind, const std::string& id,
+                     const char* child);
+
+// How a fetched body is checked. Plain parsing logs nothing (a bad body then
+// has a null root); verifying logs a Redfish error or a bad body, and for a
+// collection insists on "Members" (BmcRedfishUtils::VerifyJson).
+enum class BodyCheck { kParse, kVerify, kCollection };
+
+// GETs uri and parses its body into document. Returns the GET's result, or
+// VerifyJson's for the verifying checks. body receives the text as sent.
+int FetchDocument(const Inventory& inventory, const std::string& uri,
+                  std::chrono::milliseconds timeout, BodyCheck check, std::string& body,
+                  rapidjson::Document& document);
 
 }  // namespace redfish

@@ -6,7 +6,8 @@
 #include <vector>
 
 #include "transport/bmc_http_connection.h"
-#include "utils/bmc_redfish_utils.h"
+#include "utils/failure_record.h"
+#include "utils/json_access.h"
 #include "utils/redfish_status.h"
 
 namespace redfish {
@@ -97,6 +98,11 @@ Ref<Http::ClientResponse> ConfigExchange(Http::HttpMethod method, const std::str
   return response;
 }
 
+int ConfigEndpointFailure(int result, const std::string& detail) {
+  NoteFailure(REDFISH_LINK_CONFIG_ENDPOINT, result, detail);
+  return result;
+}
+
 }  // namespace
 
 int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
@@ -109,68 +115,79 @@ int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
     if (result != RedfishStatusOk) return result;
   }
 
-  std::string document;
+  std::string text;
   try {
+    NoteExchange("GET", kBmcApiJsonPath);
     const Ref<Http::ClientResponse> response = ConfigExchange(Http::Get, nullptr);
     const Http::ClientResponse::Status status = response->GetStatus();
     if (status.code == Http::ResponseCode::Ok) {
-      Service::LogInternal(_logger, 5, "GET of %1 was successful (%2)", kBmcApiJsonPath,
-                           status.reason);
+      TESSEL_LOG(_logger, 5, "GET of %1 was successful (%2)", kBmcApiJsonPath, status.reason);
       std::vector<char> buffer(kMaxDocumentBytes);
       int32_t n = response->ReadBody(buffer.data(), kMaxDocumentBytes);
-      if (n > 0) document.assign(buffer.data(), static_cast<size_t>(n));
+      if (n > 0) text.assign(buffer.data(), static_cast<size_t>(n));
     } else {
-      Service::LogInternal(_logger, 3, "GET request failed: %1", status.reason);
-      if (status.code != Http::ResponseCode::NotFound) return status.code;
-      document = kBmcApiJsonTemplate;
+      TESSEL_LOG(_logger, 3, "GET request failed: %1", status.reason);
+      if (status.code != Http::ResponseCode::NotFound) {
+        return ConfigEndpointFailure(status.code, "answered " + std::to_string(status.code) + " " +
+                                                      status.reason + " to the read");
+      }
+      text = kBmcApiJsonTemplate;
     }
   } catch (const Tessel::Exception& e) {
-    Service::LogInternal(_logger, 3, "GET request error: %1", e.what());
-    return RedfishStatusSystemError;
+    TESSEL_LOG(_logger, 3, "GET request error: %1", e.what());
+    return ConfigEndpointFailure(RedfishStatusSystemError, e.what());
   }
 
-  rapidjson::Document json;
-  ParseJson(json, document);
+  rapidjson::Document document;
+  ParseJson(document, text);
   const rapidjson::Pointer pointer(kAddressPointer);
-  rapidjson::Value* value = json.HasParseError() ? nullptr : pointer.Get(json);
-  if (value == nullptr) return RedfishStatusDocumentIncomplete;
+  rapidjson::Value* value = document.HasParseError() ? nullptr : pointer.Get(document);
+  if (value == nullptr) {
+    NoteFailure(REDFISH_LINK_ROUTE_DOCUMENT, RedfishStatusDocumentIncomplete,
+                document.HasParseError() ? "the route document is not JSON"
+                                         : "the route document has no endpoint address");
+    return RedfishStatusDocumentIncomplete;
+  }
 
   // A value that is not a string is treated as a mismatch and overwritten.
   const std::string current =
       value->IsString() ? std::string(value->GetString(), value->GetStringLength()) : std::string();
-  Service::LogInternal(_logger, 5, "[UpdateBmcApiJson::UpdatedJson] address: %1", current);
+  TESSEL_LOG(_logger, 5, "[UpdateBmcApiJson::UpdatedJson] address: %1", current);
   if (value->IsString() && current == address) {
-    Service::LogInternal(_logger, 5,
-                         "[UpdateBmcApiJson::UpdatedJson] address matches ZIRN redfishInfo");
+    // The wording is kept also when the address came from the caller.
+    TESSEL_LOG(_logger, 5, "[UpdateBmcApiJson::UpdatedJson] address matches ZIRN redfishInfo");
     _bmcJsonUpdated.store(true);
     return RedfishStatusOk;
   }
 
   value->SetString(address.c_str(), static_cast<rapidjson::SizeType>(address.size()),
-                   json.GetAllocator());
-  rapidjson::StringBuffer text;
-  rapidjson::Writer<rapidjson::StringBuffer> writer(text);
+                   document.GetAllocator());
+  rapidjson::StringBuffer compact;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(compact);
   // The writer stops at a value JSON cannot hold (a number that parsed to
   // infinity); what it wrote by then is not a document to PUT.
-  if (!json.Accept(writer)) {
-    Service::LogInternal(_logger, 3, "Cannot serialise %1 after setting the address",
-                         kBmcApiJsonPath);
+  if (!document.Accept(writer)) {
+    TESSEL_LOG(_logger, 3, "Cannot serialise %1 after setting the address", kBmcApiJsonPath);
+    NoteFailure(REDFISH_LINK_ROUTE_DOCUMENT, RedfishStatusBadJson,
+                "the route document cannot be written back as JSON");
     return RedfishStatusBadJson;
   }
 
   try {
-    const std::string body(text.GetString(), text.GetSize());
+    const std::string body(compact.GetString(), compact.GetSize());
+    NoteExchange("PUT", kBmcApiJsonPath);
     const Ref<Http::ClientResponse> response = ConfigExchange(Http::Put, &body);
     const Http::ClientResponse::Status status = response->GetStatus();
     if (status.code != Http::ResponseCode::NoContent) {
-      Service::LogInternal(_logger, 3, "PUT request failed: %1", status.reason);
-      return status.code;
+      TESSEL_LOG(_logger, 3, "PUT request failed: %1", status.reason);
+      return ConfigEndpointFailure(status.code, "answered " + std::to_string(status.code) + " " +
+                                                    status.reason + " to the write");
     }
-    Service::LogInternal(_logger, 5, "POST of %1 was successful (%2)", kBmcApiJsonPath,
-                         status.reason);
+    // The design's wording: it says POST although the request is a PUT.
+    TESSEL_LOG(_logger, 5, "POST of %1 was successful (%2)", kBmcApiJsonPath, status.reason);
   } catch (const Tessel::Exception& e) {
-    Service::LogInternal(_logger, 3, "PUT request error: %1", e.what());
-    return RedfishStatusSystemError;
+    TESSEL_LOG(_logger, 3, "PUT request error: %1", e.what());
+    return ConfigEndpointFailure(RedfishStatusSystemError, e.what());
   }
   _bmcJsonUpdated.store(true);
   return RedfishStatusOk;

@@ -1,5 +1,10 @@
 #include "transport/bmc_http_connection.h"
 
+#include <pthread.h>
+
+#include <new>
+
+#include "utils/failure_record.h"
 #include "utils/redfish_status.h"
 
 namespace redfish {
@@ -18,7 +23,18 @@ namespace {
 constexpr char kProxyHost[] = "localhost";
 constexpr int kProxyPort = 80;
 constexpr int64_t kDefaultTimeoutMs = 4000;
-constexpr int kEtimedout = 110;
+// The platform reports a connect that timed out before anything was sent as
+// a system error with this number (ETIMEDOUT).
+constexpr int kConnectTimedOut = 110;
+
+// A child forked while another thread held gMutex (a route update under way)
+// would wait for it for ever: the child gets a fresh one, and redoes the
+// update if it had not finished.
+void RenewLockInChild() { ::new (static_cast<void*>(&BmcHttpConnection::gMutex)) std::mutex(); }
+
+struct ForkHandler {
+  ForkHandler() { pthread_atfork(nullptr, nullptr, &RenewLockInChild); }
+} gForkHandler;
 
 }  // namespace
 
@@ -60,9 +76,9 @@ Http::HttpConnectionPool* BmcHttpConnection::GetHttp2ConnectionPool() {
 }
 
 Http::HttpConnectionPool* BmcHttpConnection::GetConnectionPool() {
-  if (LogsAt(_logger.Get(), 5)) {
-    Service::LogInternal(_logger, 5, "Creating SideCar HTTP2 ConnectionPool");
-  }
+  // Kept as designed although the pool exists after the first call: this is
+  // the transport's trace line, written once per request.
+  TESSEL_LOG(_logger, 5, "Creating SideCar HTTP2 ConnectionPool");
   return GetHttp2ConnectionPool();
 }
 
@@ -88,6 +104,7 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
   const std::string target = agent->GetConnectionSpec()->ToString();
   const int64_t deadline = Tessel::System::GetMonotonicTime() + timeoutMs * 1000;
 
+  NoteExchange(methodName, url);
   for (;;) {
     try {
       Ref<Http::PendingExchange> handle;
@@ -95,84 +112,60 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
       agent->WaitForResponse(handle.Get(), timeoutMs * 1000, response);
       break;
     } catch (const Tessel::Ssl::SSLVerifyException& e) {
-      if (LogsAt(_logger.Get(), 3)) {
-        Service::LogInternal(_logger, 3,
-                             "%1: Failed SSL verification of server with hostname '%2': %3",
-                             methodName, target, e.what());
-      }
+      TESSEL_LOG(_logger, 3, "%1: Failed SSL verification of server with hostname '%2': %3",
+                 methodName, target, e.what());
+      NoteFailure(REDFISH_LINK_PROXY, RedfishStatusSslVerify, e.what());
       return RedfishStatusSslVerify;
     } catch (const Tessel::InvalidArgumentException& e) {
       // Deliberately the time-out wording; only the code tells them apart.
-      if (LogsAt(_logger.Get(), 3)) {
-        Service::LogInternal(_logger, 3, "%1: Response from %2 timed out after %3 milliseconds: %4",
-                             methodName, target, timeoutMs, e.what());
-      }
+      TESSEL_LOG(_logger, 3, "%1: Response from %2 timed out after %3 milliseconds: %4", methodName,
+                 target, timeoutMs, e.what());
+      NoteFailure(REDFISH_LINK_GUARD, RedfishStatusInvalidArgument, e.what());
       return RedfishStatusInvalidArgument;
     } catch (const Tessel::TimeoutException& e) {
-      if (LogsAt(_logger.Get(), 3)) {
-        Service::LogInternal(_logger, 3, "%1: Response from %2 timed out after %3 milliseconds: %4",
-                             methodName, target, timeoutMs, e.what());
-      }
+      TESSEL_LOG(_logger, 3, "%1: Response from %2 timed out after %3 milliseconds: %4", methodName,
+                 target, timeoutMs, e.what());
+      NoteFailure(REDFISH_LINK_BMC, RedfishStatusTimeout,
+                  Tessel::Detail::ASPrintInternal(
+                      "no answer within %1 ms through the proxy (the BMC is slow or unreachable)",
+                      timeoutMs));
       return RedfishStatusTimeout;
     } catch (const Tessel::SystemException& e) {
       // Only a connect that timed out before anything was sent is retried; the
-      // platform never reports 110 once a byte of the request may have left.
+      // platform never reports it once a byte of the request may have left.
       const int64_t timeLeft = deadline - Tessel::System::GetMonotonicTime();
-      if (e.GetError() == kEtimedout && timeLeft > 0) {
-        if (LogsAt(_logger.Get(), 5)) {
-          Service::LogInternal(_logger, 5, "%1: Retrying connection to %2. Time left: %3",
-                               methodName, target, timeLeft);
-        }
+      if (e.GetError() == kConnectTimedOut && timeLeft > 0) {
+        TESSEL_LOG(_logger, 5, "%1: Retrying connection to %2. Time left: %3", methodName, target,
+                   timeLeft);
         continue;
       }
+      NoteFailure(REDFISH_LINK_PROXY, RedfishStatusSystemError, e.what());
       return RedfishStatusSystemError;
     } catch (const Tessel::Exception& e) {
-      if (LogsAt(_logger.Get(), 3)) {
-        Service::LogInternal(_logger, 3, "%1: AsyncSendRequest to %2 failed : %3", methodName,
-                             target, e.what());
-      }
+      TESSEL_LOG(_logger, 3, "%1: AsyncSendRequest to %2 failed : %3", methodName, target,
+                 e.what());
+      NoteFailure(REDFISH_LINK_PROXY, RedfishStatusTransportError, e.what());
       return RedfishStatusTransportError;
     }
   }
 
   const Http::ClientResponse::Status status = response->GetStatus();
-  switch (method) {
-    case Http::Post:
-    case Http::Delete:
-      if (status.code != Http::ResponseCode::Ok) {
-        if (LogsAt(_logger.Get(), 3)) {
-          Service::LogInternal(_logger, 3,
-                               method == Http::Post ? "POST: Error getting from %1: %2 (%3)"
-                                                    : "DELETE: Error getting from %1: %2 (%3)",
-                               url, status.code, status.reason);
-        }
-        return status.code;
-      }
-      break;
-    case Http::Get:
-      if (status.code != Http::ResponseCode::Ok) {
-        if (status.code == Http::ResponseCode::Found) {
-          auto location = response->GetHeader("Location");
-          if (location && LogsAt(_logger.Get(), 5)) {
-            Service::LogInternal(_logger, 5, "[ClientResponse::LOCATION] %1", *location);
-          }
-        }
-        if (LogsAt(_logger.Get(), 3)) {
-          Service::LogInternal(_logger, 3, "GET: Error getting from %1: %2 (%3)", url, status.code,
-                               status.reason);
-        }
-        return status.code;
-      }
-      break;
-    default:
-      if (LogsAt(_logger.Get(), 3)) Service::LogInternal(_logger, 3, "Invalid HTTP method request");
-      return RedfishStatusInvalidArgument;
+  if (method != Http::Get && method != Http::Post && method != Http::Delete) {
+    TESSEL_LOG(_logger, 3, "Invalid HTTP method request");
+    return RedfishStatusInvalidArgument;
   }
-
-  if (LogsAt(_logger.Get(), 5)) {
-    Service::LogInternal(_logger, 5, "Successfully called portico config file %1 from %2",
-                         methodName, url);
+  if (status.code != Http::ResponseCode::Ok) {
+    if (method == Http::Get && status.code == Http::ResponseCode::Found) {
+      if (auto location = response->GetHeader("Location")) {
+        TESSEL_LOG(_logger, 5, "[ClientResponse::LOCATION] %1", *location);
+      }
+    }
+    TESSEL_LOG(_logger, 3, "%1: Error getting from %2: %3 (%4)", methodName, url, status.code,
+               status.reason);
+    NoteAnswer(status.code, {});
+    return status.code;
   }
+  TESSEL_LOG(_logger, 5, "Successfully called portico config file %1 from %2", methodName, url);
   return RedfishStatusOk;
 }
 

@@ -10,7 +10,6 @@
 #include "platform/tessel/logging.h"
 #include "platform/tessel/ref.h"
 #include "utils/lazy_ref.h"
-#include "utils/log_level.h"
 
 namespace redfish {
 

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "utils/log_level.h"
+#include "utils/json_access.h"
 #include "utils/redfish_status.h"
 
 namespace redfish {
@@ -23,14 +23,6 @@ const std::unordered_map<std::string, RedfishOem> kVendorNames = {
     {"HPE", RedfishOemHPE},
     {"Lenovo", RedfishOemLenovo},
 };
-
-// First member of that name (rapidjson's FindMember takes the first too), or
-// null when the value is not an object.
-const rapidjson::Value* Member(const rapidjson::Value& object, const char* name) {
-  if (!object.IsObject()) return nullptr;
-  auto it = object.FindMember(name);
-  return it == object.MemberEnd() ? nullptr : &it->value;
-}
 
 // A value read as text: strings as they are, other JSON as its compact text,
 // a missing value as empty.
@@ -70,72 +62,46 @@ std::string AsText(const rapidjson::Value* value) {
 
 }  // namespace
 
-const rapidjson::Value* JsonMember(const rapidjson::Value& value, const char* name) {
-  return Member(value, name);
-}
-
-bool JsonString(const rapidjson::Value& value, const char* name, std::string& out) {
-  const rapidjson::Value* member = Member(value, name);
-  if (member == nullptr || !member->IsString()) return false;
-  out.assign(member->GetString(), member->GetStringLength());
-  return true;
-}
-
-void ParseJson(rapidjson::Document& document, const std::string& text) {
-  // Iterative parsing accepts exactly what the default parser does, but a
-  // deeply nested body cannot exhaust the stack.
-  document.Parse<rapidjson::kParseIterativeFlag>(text.c_str());
-}
-
-int CheckIndex(Service::Logger* logger, const char* kind, size_t index, size_t size) {
-  if (index < size) return RedfishStatusOk;
-  if (LogsAt(logger, 3)) Service::LogInternal(logger, 3, "Unsupported %1 Index %2", kind, index);
-  return RedfishStatusNoMember;
-}
-
 int BmcRedfishUtils::VerifyJson(Service::Logger* logger, const std::string& json,
                                 rapidjson::Document& document, bool requireMembers) {
   ParseJson(document, json);
   if (document.HasParseError()) {
-    if (LogsAt(logger, 3)) Service::LogInternal(logger, 3, "Bad JSON: '%1'", json);
-    if (LogsAt(logger, 5)) {
-      Service::LogInternal(logger, 5, "ParseError: %1 Error Offset: %2",
-                           static_cast<int>(document.GetParseError()),
-                           static_cast<uint64_t>(document.GetErrorOffset()));
-    }
+    TESSEL_LOG(logger, 3, "Bad JSON: '%1'", json);
+    TESSEL_LOG(logger, 5, "ParseError: %1 Error Offset: %2",
+               static_cast<int>(document.GetParseError()),
+               static_cast<uint64_t>(document.GetErrorOffset()));
     return RedfishStatusBadJson;
   }
 
-  const rapidjson::Value* error = Member(document, "error");
+  const rapidjson::Value* error = JsonMember(document, "error");
   if (error != nullptr && error->IsObject()) {
     std::string report = "Redfish Error Detected:";
-    if (const rapidjson::Value* code = Member(*error, "code")) {
+    if (const rapidjson::Value* code = JsonMember(*error, "code")) {
       report += ASPrintInternal(" Code='%1'", AsText(code));
     }
-    if (const rapidjson::Value* message = Member(*error, "message")) {
+    if (const rapidjson::Value* message = JsonMember(*error, "message")) {
       report += ASPrintInternal(" Message='%1'", AsText(message));
     }
-    const rapidjson::Value* info = Member(*error, "@Message.ExtendedInfo");
+    const rapidjson::Value* info = JsonMember(*error, "@Message.ExtendedInfo");
     if (info != nullptr && info->IsArray()) {
       // Each element that has a "Message" adds one Detail item, whose text is
       // the error object's own "Message" (usually absent, so empty).
-      const std::string detail = AsText(Member(*error, "Message"));
+      const std::string detail = AsText(JsonMember(*error, "Message"));
       for (const rapidjson::Value& element : info->GetArray()) {
-        if (Member(element, "Message") != nullptr) report += ASPrintInternal(" Detail: %1", detail);
+        if (JsonMember(element, "Message") != nullptr)
+          report += ASPrintInternal(" Detail: %1", detail);
       }
     }
-    if (LogsAt(logger, 3)) Service::LogInternal(logger, 3, "%1", report);
+    TESSEL_LOG(logger, 3, "%1", report);
   }
 
   if (!requireMembers) return RedfishStatusOk;
-  const rapidjson::Value* members = Member(document, "Members");
+  const rapidjson::Value* members = JsonMember(document, "Members");
   if (members != nullptr && members->IsArray()) return RedfishStatusOk;
 
   // The writer recurses; a pathologically deep body is logged as received.
   const std::string compact = NestingDepth(document) <= kMaxWriteDepth ? Compact(document) : json;
-  if (LogsAt(logger, 3)) {
-    Service::LogInternal(logger, 3, "Couldn't find \"Members[]\" in the JSON object: %1", compact);
-  }
+  TESSEL_LOG(logger, 3, "Couldn't find \"Members[]\" in the JSON object: %1", compact);
   return RedfishStatusNoMembers;
 }
 
@@ -143,9 +109,7 @@ int BmcRedfishUtils::StringToRedfishOem(Service::Logger* logger, const std::stri
                                         RedfishOem& oem) {
   for (const auto& [name, value] : kVendorNames) {
     if (manufacturer.compare(0, name.size(), name) == 0) {
-      if (LogsAt(logger, 5)) {
-        Service::LogInternal(logger, 5, "OEM: %1", manufacturer);
-      }
+      TESSEL_LOG(logger, 5, "OEM: %1", manufacturer);
       oem = value;
       return RedfishStatusOk;
     }

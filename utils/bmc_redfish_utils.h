@@ -10,20 +10,6 @@
 
 namespace redfish {
 
-// Every response body is parsed here: up to its first NUL, strict JSON, one
-// root value. Check HasParseError() before reading the document.
-void ParseJson(rapidjson::Document& document, const std::string& text);
-
-// The first member of that name, or null (also when value is not an object).
-const rapidjson::Value* JsonMember(const rapidjson::Value& value, const char* name);
-
-// The string member of that name; false when absent or not a string.
-bool JsonString(const rapidjson::Value& value, const char* name, std::string& out);
-
-// 0 when index is below size; otherwise logs "Unsupported <kind> Index <index>"
-// at level 3 and returns 40001.
-int CheckIndex(Tessel::Service::Logger* logger, const char* kind, size_t index, size_t size);
-
 // Parsing and checking of Redfish response bodies. Stateless.
 class BMCREDFISH_EXPORT BmcRedfishUtils {
  public:

@@ -82,4 +82,3 @@ inline const Logger* AsLogger(const Ref<Logger>& logger) noexcept { return logge
       ::Tessel::Service::LogInternal(tesselLogger_, (level), __VA_ARGS__);                \
     }                                                                                     \
   } while (false)
-

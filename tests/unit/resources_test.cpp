@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "connection/bmc_redfish_connection.h"
+#include "resources/inventory.h"
 #include "tests/fakes/fake_sysinfo.h"
 #include "tests/unit/test_support.h"
 
@@ -55,8 +56,8 @@ TEST_F(Resources, UnknownDirectivesAreSkippedAndIndicesChecked) {
   std::string state;
   EXPECT_EQ(connection->GetSystemPowerState(state, 500ms, 0), 0);
   EXPECT_EQ(state, "On");
-  ASSERT_EQ(connection->systems.size(), 1u);
-  EXPECT_EQ(connection->systems[0].powerActions.size(), 7u);
+  ASSERT_EQ(redfish::InventoryOf(*connection).systems.size(), 1u);
+  EXPECT_EQ(redfish::InventoryOf(*connection).systems[0].powerActions.size(), 7u);
   EXPECT_TRUE(log.Has(5, "Power Directive: Bogus"));
   EXPECT_EQ(connection->GetSystemPowerState(state, 500ms, 1), 40001);
   EXPECT_TRUE(log.Has(3, "Unsupported System Index 1"));
@@ -103,7 +104,7 @@ TEST_F(Resources, LenovoReadsAllowableValuesFromActionInfo) {
     System("Lenovo", actions).Json("/bmc/redfish/v1/Systems/1/ResetActionInfo", c.info);
     std::string state;
     EXPECT_EQ(connection->GetSystemPowerState(state, 500ms, 0), c.result) << c.info;
-    EXPECT_EQ(connection->systems.size(), c.result == 0 ? 1u : 0u);
+    EXPECT_EQ(redfish::InventoryOf(*connection).systems.size(), c.result == 0 ? 1u : 0u);
   }
   EXPECT_EQ(connection->PowerOperation(REDFISHCMD_POWER_CYCLE, 500ms, 0), 20004);
   System("Lenovo", actions).Json("/bmc/redfish/v1/Systems/1/ResetActionInfo", cases[0].info);
@@ -152,13 +153,14 @@ TEST_F(Resources, FailedDiscoveryIsRetriedAndAppendsAgain) {
   bmc.Install();
   std::string info;
   EXPECT_EQ(connection->GetChassisSensorInfo(info, 500ms, 0), 500);
-  EXPECT_EQ(connection->chassis.size(), 1u);
+  EXPECT_EQ(redfish::InventoryOf(*connection).chassis.size(), 1u);
   bmc.Json("/bmc/redfish/v1/Chassis/3/Sensors", "{}", 404);
   bmc.Install();
   EXPECT_EQ(connection->GetChassisSensorInfo(info, 500ms, 0), 0);
   EXPECT_EQ(info, R"({"Members":[{"Reading":1}]})");
-  ASSERT_EQ(connection->chassis.size(), 2u) << "the first walk's record stays";
-  EXPECT_EQ(connection->chassis[1].sensorsUri,
+  ASSERT_EQ(redfish::InventoryOf(*connection).chassis.size(), 2u)
+      << "the first walk's record stays";
+  EXPECT_EQ(redfish::InventoryOf(*connection).chassis[1].sensorsUri,
             "/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)");
   EXPECT_EQ(connection->GetChassisSensorInfo(info, 500ms, 2), 40001);
   EXPECT_TRUE(log.Has(3, "Unsupported Chassis Index 2"));
