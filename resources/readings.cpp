@@ -56,13 +56,18 @@ void ReadArrays(const Value& document, const ArrayKind (&kinds)[N],
   for (const ArrayKind& kind : kinds) {
     const Value* entries = JsonMember(document, kind.array);
     if (entries == nullptr || !entries->IsArray()) continue;
+    size_t index = 0;
     for (const Value& entry : entries->GetArray()) {
+      const std::string position = std::to_string(index++);
       if (!entry.IsObject() || StatusField(entry, "State") == "Absent") continue;
       SensorReading r;
+      // Member ids repeat across the arrays ("0" in each): the array names it.
+      std::string member = Text(entry, "MemberId");
+      r.id = std::string(kind.array) + "/" + (member.empty() ? position : member);
       r.name = Text(entry, "Name");
       if (r.name.empty()) r.name = Text(entry, "FanName");  // older Thermal schemas
-      r.id = Text(entry, "MemberId");
-      if (r.id.empty()) r.id = r.name;
+      if (r.name.empty())
+        r.name = std::string(kind.array) + " " + (member.empty() ? position : member);
       r.reading = Number(entry, kind.reading);
       r.units = Text(entry, "ReadingUnits");
       if (r.units.empty()) r.units = kind.units;
@@ -89,6 +94,8 @@ int ReadingsOfSensors(const Value& collection, std::vector<SensorReading>& out) 
     SensorReading r;
     r.id = Text(member, "Id");
     r.name = Text(member, "Name");
+    // A member that is only a link (a BMC that did not expand) is no reading.
+    if (r.id.empty() && r.name.empty()) continue;
     if (r.id.empty()) r.id = r.name;
     r.reading = Number(member, "Reading");
     r.units = Text(member, "ReadingUnits");

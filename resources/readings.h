@@ -30,8 +30,8 @@ struct ChassisReadings {
 };
 
 // The members of an expanded Sensors collection: 20004 when the document is
-// not an object with a "Members" array. Members that are not objects, and
-// sensors whose Status.State is "Absent", are left out.
+// not an object with a "Members" array. Members that are not objects, or
+// only links, and sensors whose Status.State is "Absent", are left out.
 int ReadingsOfSensors(const rapidjson::Value& collection, std::vector<SensorReading>& out);
 
 // The temperatures and fans of a Thermal resource and the voltages, power

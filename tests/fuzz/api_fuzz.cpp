@@ -10,6 +10,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "bmcredfish.h"
@@ -45,10 +46,13 @@ const Slot kSlots[] = {
     {"/Sensors", R"({"Members":[]})", 200},
     {"?$expand=.($levels=1)", R"({"Members":[{"Reading":41}]})", 200},
     {"", "", 204},  // the reset (POST)
+    {"/Thermal", R"({"Temperatures":[{"Name":"T","ReadingCelsius":20}],"Fans":[{"Reading":9}]})",
+     200},
+    {"/Power", R"({"PowerControl":[{"PowerConsumedWatts":300}]})", 200},
 };
 constexpr size_t kSlotCount = sizeof kSlots / sizeof kSlots[0];
 constexpr size_t kOtherSlot = 3;
-constexpr size_t kResetSlot = kSlotCount - 1;
+constexpr size_t kResetSlot = 11;
 constexpr int kStatuses[] = {200, 200, 200, 201, 204, 302, 400, 401, 404, 409, 500, 503};
 
 enum Flags : uint8_t { kNoContentLength = 1, kJunkContentLength = 2, kTransportFailure = 4 };
@@ -61,7 +65,7 @@ struct Document {
 
 size_t SlotOf(const fake_http::Request& r) {
   if (r.method == Tessel::Http::Post) return kResetSlot;
-  for (size_t i = 0; i < kResetSlot; ++i) {
+  for (size_t i = 0; i < kSlotCount; ++i) {
     const std::string tail = kSlots[i].tail;
     if (!tail.empty() && r.target.size() >= tail.size() &&
         r.target.compare(r.target.size() - tail.size(), tail.size(), tail) == 0) {
@@ -103,6 +107,30 @@ void CheckRequest(const fake_http::Request& r) {
     rapidjson::Document body;
     body.Parse(r.body.c_str());
     if (body.HasParseError()) __builtin_trap();
+  }
+}
+
+// A text the library hands out is valid JSON.
+void CheckJson(int result, char* text) {
+  if (result == 0) {
+    rapidjson::Document document;
+    document.Parse(text);
+    if (text == nullptr || document.HasParseError()) __builtin_trap();
+  } else if (text != nullptr) {
+    __builtin_trap();
+  }
+  Redfish_FreeText(text);
+}
+
+// Every text of the failure record ends inside its field.
+void CheckFailure() {
+  RedfishFailure f;
+  f.size = sizeof f;
+  if (Redfish_GetLastFailure(&f) != 0) __builtin_trap();
+  if (strnlen(f.method, sizeof f.method) == sizeof f.method ||
+      strnlen(f.uri, sizeof f.uri) == sizeof f.uri ||
+      strnlen(f.detail, sizeof f.detail) == sizeof f.detail) {
+    __builtin_trap();
   }
 }
 
@@ -157,6 +185,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
     Redfish_PowerOperation("admin", "secret", nullptr, "AA:BB:CC:DD:EE:01", command, 100);
     Redfish_PowerOperation("admin", "secret", nullptr, "", command, 100);
+    CheckFailure();
+    char* json = nullptr;
+    CheckJson(Redfish_GetSensorReadings("admin", "secret", nullptr, 100, &json), json);
+    CheckFailure();
+    json = nullptr;
+    CheckJson(Redfish_GetResource("admin", "secret", nullptr, "/redfish/v1/Systems/1", 100, &json),
+              json);
+    unsigned int commands = 0;
+    Redfish_GetAllowedCommands("admin", "secret", nullptr, 100, &commands);
     cleanup();
   } catch (...) {
     __builtin_trap();

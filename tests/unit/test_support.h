@@ -108,6 +108,10 @@ struct ApiTest : testing::Test {
     FeatureState_Init();
     *GetFeatureState_Slow("REDFISH") = 1;
     fake_sysinfo::SetIpv4(127, 0, 42, 1);
+    Script();
+  }
+  // (Re)scripts the BMC and the proxy as described above.
+  void Script() {
     Members("/bmc/redfish/v1/Systems", "/redfish/v1/Systems/1");
     Members("/bmc/redfish/v1/Managers", "/redfish/v1/Managers/1");
     Members("/bmc/redfish/v1/Managers/1/EthernetInterfaces",

@@ -372,6 +372,17 @@ class Model:
         res = self.resources.get(path)
         return res is not None and res.kind in ("collection", "sessions")
 
+    def inline_subordinates(self, body):
+        """body with each subordinate link (a member outside Links holding only
+        an "@odata.id" this BMC serves) replaced by that resource."""
+        out = dict(body)
+        for key, value in body.items():
+            if key == "Links" or not isinstance(value, dict) or set(value) != {"@odata.id"}:
+                continue
+            if self.exists(value["@odata.id"]):
+                out[key] = self.render(value["@odata.id"])
+        return out
+
     def render(self, path, expand=False):
         """Body of the resource at `path` (None if absent).  The result may share
         structure with the model: callers must not modify it."""

@@ -408,9 +408,15 @@ class Handler(BaseHTTPRequestHandler):
                 expand = value
         if expand is not None and not _EXPAND.match(expand):
             raise BadRequest(400, "QueryParameterValueFormatError", [expand, "$expand"])
-        # '~' expands only Links; collection Members are subordinate, so only '*' and '.' inline them.
-        inline = expand is not None and expand[0] in "*." and self.app.model.is_collection(path)
-        body = self.app.model.render(path, expand=inline)
+        # '~' expands only Links; collection Members and a resource's other
+        # links are subordinate, so only '*' and '.' inline them.
+        inline = expand is not None and expand[0] in "*."
+        if self.app.model.is_collection(path):
+            body = self.app.model.render(path, expand=inline)
+        else:
+            body = self.app.model.render(path)
+            if inline:
+                body = self.app.model.inline_subordinates(body)
         if select is not None:
             props = [p.strip() for p in select.split(",") if p.strip()]
             if not props:

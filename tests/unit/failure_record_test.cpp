@@ -1,0 +1,216 @@
+// What Redfish_GetLastFailure names for each broken link, and the 1.1 calls
+// that read what the library keeps.
+#include <dirent.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <condition_variable>
+#include <cstring>
+#include <fstream>
+#include <thread>
+
+#include "tests/unit/test_support.h"
+#include "transport/bmc_http_connection.h"
+
+using Api = test_support::ApiTest;
+namespace Http = Tessel::Http;
+
+namespace {
+
+constexpr char kRoute[] = "/portico/config/json/bmcApi.json";
+constexpr char kState[] = "/bmc/redfish/v1/Systems/1/?$select=PowerState";
+
+RedfishFailure LastFailure() {
+  RedfishFailure f;
+  std::memset(&f, 0x7f, sizeof f);
+  f.size = sizeof f;
+  EXPECT_EQ(Redfish_GetLastFailure(&f), 0);
+  return f;
+}
+
+}  // namespace
+
+TEST_F(Api, LastFailureNamesTheLinkThatBroke) {
+  const auto redfishError =
+      fake_http::Json(503, R"({"error":{"code":"Base.1.0.GeneralError","message":"general",
+        "@Message.ExtendedInfo":[{"Message":"The service is temporarily unavailable."}]}})");
+  const auto proxyPage = fake_http::Json(
+      502, "<html><head><title>502 Bad Gateway</title></head><body>nginx</body></html>");
+  const struct {
+    const char* name;
+    const char* target;  // scripted for this case only; "" for none
+    fake_http::Reply reply;
+    bool noIpv4;
+    int result;
+    RedfishLink link;
+    int status;
+    const char* uri;
+    const char* detail;  // a part of it
+  } cases[] = {
+      {"no IPv4 in SMBIOS", "", {}, true, 30001, REDFISH_LINK_SMBIOS, 0, "", "no IPv4"},
+      {"config endpoint 503", kRoute, fake_http::Json(503, "busy"), false, 503,
+       REDFISH_LINK_CONFIG_ENDPOINT, 0, kRoute, "answered 503"},
+      {"config endpoint down", kRoute, fake_http::Throw<Tessel::SystemException>(111, "refused"),
+       false, 10004, REDFISH_LINK_CONFIG_ENDPOINT, 0, kRoute, "refused"},
+      {"route not JSON", kRoute, fake_http::Json(200, "garbage"), false, 20001,
+       REDFISH_LINK_ROUTE_DOCUMENT, 0, kRoute, "not JSON"},
+      {"BMC's Redfish error", kState, redfishError, false, 503, REDFISH_LINK_BMC, 503, kState,
+       "the BMC: The service is temporarily unavailable."},
+      {"proxy's error page", kState, proxyPage, false, 502, REDFISH_LINK_PROXY, 502, kState,
+       "the proxy: 502 Bad Gateway"},
+      {"credentials", kState, fake_http::Json(401, "{}"), false, 40005, REDFISH_LINK_CREDENTIALS,
+       401, kState, "refused"},
+      {"slow BMC", kState, fake_http::Throw<Tessel::TimeoutException>("late"), false, 10003,
+       REDFISH_LINK_BMC, 0, kState, "no answer within 100 ms"},
+      {"proxy down", kState, fake_http::Throw<Tessel::SystemException>(111, "refused"), false,
+       10004, REDFISH_LINK_PROXY, 0, kState, "refused"},
+      {"not a document", kState, fake_http::Json(200, "[]"), false, 20004, REDFISH_LINK_DOCUMENT, 0,
+       kState, ""},
+      {"no system", "/bmc/redfish/v1/Systems", fake_http::Json(200, R"({"Members":[]})"), false,
+       40001, REDFISH_LINK_DISCOVERY, 0, "/bmc/redfish/v1/Systems", "no System at index 0"},
+      {"unknown maker", "/bmc/redfish/v1/Systems/1/?$select=Manufacturer",
+       fake_http::Json(200, R"({"Manufacturer":"Contoso"})"), false, 2, REDFISH_LINK_DISCOVERY, 0,
+       "/bmc/redfish/v1/Systems/1/?$select=Manufacturer", "'Contoso'"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Script();
+    if (*c.target) bmc.On(c.target, c.reply);
+    bmc.Install();
+    fake_sysinfo::Current().record[4] = c.noIpv4 ? 0 : 1;
+    redfish::BmcHttpConnection::_bmcJsonUpdated = false;
+    bool on = false;
+    EXPECT_EQ(Redfish_GetPowerState("u", "p", nullptr, 100, &on), c.result);
+    const RedfishFailure f = LastFailure();
+    EXPECT_EQ(f.result, c.result);
+    EXPECT_EQ(f.link, c.link);
+    EXPECT_EQ(f.httpStatus, c.status);
+    EXPECT_STREQ(f.uri, c.uri);
+    EXPECT_NE(std::string(f.detail).find(c.detail), std::string::npos) << f.detail;
+    cleanup();
+  }
+  Script();
+  fake_sysinfo::Current().record[4] = 1;
+
+  bool on = false;
+  ASSERT_EQ(Redfish_GetPowerState("u", "p", nullptr, 100, &on), 0);
+  EXPECT_EQ(LastFailure().link, REDFISH_LINK_NONE) << "a success clears the account";
+  EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, kMac, REDFISHCMD_FORCE_OFF, 100), 40003);
+  EXPECT_EQ(LastFailure().link, REDFISH_LINK_GUARD);
+  EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, "aa:aa:aa:aa:aa:aa", REDFISHCMD_ON, 100),
+            40001);
+  EXPECT_STREQ(LastFailure().detail, "no BMC interface has the MAC address aa:aa:aa:aa:aa:aa");
+
+  // An older caller's shorter struct gets what fits, its last text ended.
+  RedfishFailure small;
+  std::memset(&small, 0x7f, sizeof small);
+  small.size = offsetof(RedfishFailure, uri) + 10;
+  ASSERT_EQ(Redfish_GetLastFailure(&small), 0);
+  EXPECT_EQ(small.result, 40001);
+  EXPECT_EQ(std::strlen(small.uri), 9u);
+  EXPECT_EQ(small.detail[0], 0x7f) << "nothing written past the caller's size";
+  small.size = offsetof(RedfishFailure, link);
+  EXPECT_EQ(Redfish_GetLastFailure(&small), 10002);
+  EXPECT_EQ(Redfish_GetLastFailure(nullptr), 10002);
+}
+
+TEST_F(Api, ReadingsCommandsAndResourcesAreReadWithoutSendingCommands) {
+  bmc.Json(
+         "/bmc/redfish/v1/Chassis",
+         R"({"Members":[{"@odata.id":"/redfish/v1/Chassis/1"},{"@odata.id":"/redfish/v1/Chassis/2"},
+               {"@odata.id":"/redfish/v1/Chassis/3"}]})")
+      .Json("/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)",
+            R"({"Members":[{"Id":"T","Name":"Temp","Reading":20,"ReadingUnits":"Cel"}]})")
+      .Json("/bmc/redfish/v1/Chassis/2?$expand=.($levels=1)",
+            R"({"Thermal":{"Fans":[{"Name":"Fan","Reading":50,"ReadingUnits":"Percent"}]}})")
+      .Json("/bmc/redfish/v1/Chassis/3?$expand=.($levels=1)", R"({"Id":"3"})");
+  bmc.Install();
+  char* json = nullptr;
+  ASSERT_EQ(Redfish_GetSensorReadings("u", "p", nullptr, 100, &json), 0);
+  const std::string first(json);
+  Redfish_FreeText(json);
+  EXPECT_NE(first.find(R"("Source":"ThermalPower","Sensors":[{"Id":"Fans/0","Name":"Fan")"),
+            std::string::npos)
+      << first;
+  EXPECT_EQ(first.find(R"("Id":"3")"), std::string::npos) << "a chassis without readings";
+  fake_http::SetHandler(nullptr);
+  bmc.Install();
+  ASSERT_EQ(Redfish_GetSensorReadings("u", "p", nullptr, 100, &json), 0);
+  Redfish_FreeText(json);
+  EXPECT_EQ(fake_http::Requests().size(), 2u) << "warm: one request per chassis with readings";
+
+  unsigned int commands = 0;
+  EXPECT_EQ(Redfish_GetAllowedCommands("u", "p", nullptr, 100, &commands), 0);
+  EXPECT_EQ(commands, 1u << REDFISHCMD_ON);
+  EXPECT_EQ(Redfish_GetAllowedCommands("u", "p", nullptr, 100, nullptr), 10002);
+
+  EXPECT_EQ(Redfish_GetResource("u", "p", nullptr, "/redfish/v1/Systems", 100, &json), 0);
+  EXPECT_NE(std::string(json).find("/redfish/v1/Systems/1"), std::string::npos);
+  Redfish_FreeText(json);
+  for (const char* outside : {"/redfish/v2", "/bmc/x", "redfish/v1", "/redfish/v1/../../x"}) {
+    EXPECT_EQ(Redfish_GetResource("u", "p", nullptr, outside, 100, &json), 10002) << outside;
+    EXPECT_EQ(json, nullptr);
+  }
+  EXPECT_EQ(Redfish_GetResource("u", "p", nullptr, nullptr, 100, &json), 10002);
+  EXPECT_EQ(Redfish_GetResource("u", "p", nullptr, "/redfish/v1", 100, nullptr), 10002);
+  bmc.Json("/bmc/redfish/v1/x", "[]").Json("/bmc/redfish/v1/y", "{").Install();
+  EXPECT_EQ(Redfish_GetResource("u", "p", nullptr, "/redfish/v1/x", 100, &json), 20004);
+  EXPECT_EQ(Redfish_GetResource("u", "p", nullptr, "/redfish/v1/y", 100, &json), 20002);
+  EXPECT_EQ(Posts(), 0);
+}
+
+// Callers queued behind a creation whose configuration exchange hangs take
+// its outcome instead of each waiting for an attempt of their own.
+TEST_F(Api, CallersWaitingForAFailingCreationShareItsResult) {
+  std::mutex mutex;
+  std::condition_variable cv;
+  bool entered = false, release = false;
+  std::atomic<int> configRequests{0};
+  fake_http::SetHandler([&](const fake_http::Request& r) {
+    ++configRequests;
+    std::unique_lock<std::mutex> lock(mutex);
+    entered = true;
+    cv.notify_all();
+    cv.wait(lock, [&] { return release; });
+    (void)r;
+    return fake_http::Json(503, "");
+  });
+  constexpr int kCallers = 8;
+  std::vector<int> results(kCallers, -1);
+  std::vector<std::thread> callers;
+  std::atomic<pid_t> tids[kCallers] = {};
+  bool on = false;
+  for (int i = 0; i < kCallers; ++i) {
+    callers.emplace_back([&, i] {
+      tids[i] = static_cast<pid_t>(syscall(SYS_gettid));
+      results[i] = Redfish_GetPowerState("u", "p", nullptr, 100, &on);
+    });
+    if (i == 0) {
+      std::unique_lock<std::mutex> lock(mutex);
+      cv.wait(lock, [&] { return entered; });
+    }
+  }
+  // Every other caller is asleep on the registry's lock before the first
+  // attempt ends.
+  for (int i = 1; i < kCallers; ++i) {
+    for (;;) {
+      const pid_t tid = tids[i];
+      std::ifstream wchan("/proc/self/task/" + std::to_string(tid) + "/wchan");
+      std::string where;
+      if (tid != 0 && wchan >> where && where.rfind("futex", 0) == 0) break;
+      std::this_thread::yield();
+    }
+  }
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    release = true;
+  }
+  cv.notify_all();
+  for (auto& t : callers) t.join();
+  EXPECT_EQ(configRequests, 1);
+  for (int r : results) EXPECT_EQ(r, 503);
+  EXPECT_EQ(LastFailure().link, REDFISH_LINK_NONE) << "this thread made no call";
+}
