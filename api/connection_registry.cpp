@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <mutex>
 #include <new>
+#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 
@@ -33,8 +34,10 @@ struct FailedCreation {
   RedfishFailure cause;
 };
 
+// Lookups share the lock; creating a connection holds it alone, for the whole
+// creation, so first calls still wait for one another.
 struct Registry {
-  std::mutex mutex;
+  std::shared_mutex mutex;
   Connections connections;
   std::unordered_map<std::string, FailedCreation> failed;
   Registry* forkedFrom = nullptr;
@@ -93,13 +96,23 @@ int GetOrCreateConnection(const char* user, const char* password, const char* ho
                           std::shared_ptr<BmcRedfishConnection>& connection) {
   const uint64_t seen = gFinishedAttempts.load();
   Registry& registry = *gRegistry;
-  std::lock_guard<std::mutex> lock(registry.mutex);
   Service::Logger* logger = LibraryLogger();
   const std::string key = HostKey(host);
+  {
+    std::shared_lock<std::shared_mutex> lock(registry.mutex);
+    auto found = registry.connections.find(key);
+    if (found != registry.connections.end()) connection = found->second;
+  }
+  if (connection) {
+    TESSEL_LOG(logger, 5, "Using EXISTING Redfish Connection for '%1'", key);
+    return RedfishStatusOk;
+  }
+  std::unique_lock<std::shared_mutex> lock(registry.mutex);
   auto found = registry.connections.find(key);
   if (found != registry.connections.end()) {
-    TESSEL_LOG(logger, 5, "Using EXISTING Redfish Connection for '%1'", key);
     connection = found->second;
+    lock.unlock();
+    TESSEL_LOG(logger, 5, "Using EXISTING Redfish Connection for '%1'", key);
     return RedfishStatusOk;
   }
   // An attempt for this host ended while this caller waited for the lock.
@@ -132,7 +145,7 @@ void CloseConnection(const char* host) {
   std::shared_ptr<BmcRedfishConnection> dropped;
   {
     Registry& registry = *gRegistry;
-    std::lock_guard<std::mutex> lock(registry.mutex);
+    std::lock_guard<std::shared_mutex> lock(registry.mutex);
     auto found = registry.connections.find(HostKey(host));
     if (found == registry.connections.end()) return;
     dropped = std::move(found->second);
@@ -145,7 +158,7 @@ void CloseConnection(const char* host) {
 void CleanupAll() {
   Connections dropped;
   Registry& registry = *gRegistry;
-  std::lock_guard<std::mutex> lock(registry.mutex);
+  std::lock_guard<std::shared_mutex> lock(registry.mutex);
   dropped.swap(registry.connections);
 }
 

@@ -35,6 +35,7 @@ int Refuse(int result, const char* why) {
 template <typename Check, typename Operation>
 int Call(const char* user, const char* password, const char* host, Check check,
          Operation operation) {
+  const Tessel::Service::LogBatch traces;  // one write for the call's traces
   redfish::BeginCall();
   int result = redfish::Initialize();
   if (result == 0) result = check();

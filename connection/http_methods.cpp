@@ -28,13 +28,16 @@ constexpr uint64_t kMaxGetBufferSize = 1 << 20;
 // leave the proxy's BMC route; a refused target is never sent.
 int CreateRequest(Http::HttpMethod method, const std::string& url, Service::Logger* logger,
                   Ref<Http::ClientRequest>& request) {
-  const char* problem = UnsafeRequestTarget(url);
+  // The client checks the rest of the target itself; the reason is looked up
+  // only for a refused one.
+  const char* problem = RouteProblem(url);
   if (problem == nullptr) {
     try {
       Http::CreateHttpRequest(method, url, request);
       return RedfishStatusOk;
     } catch (const Tessel::InvalidArgumentException& e) {
-      problem = e.what();
+      problem = UnsafeRequestTarget(url);
+      if (problem == nullptr) problem = e.what();
     }
   }
   TESSEL_LOG(logger, 3, "%1: refused request target '%2': %3", Http::MethodName(method), url,

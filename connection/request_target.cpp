@@ -4,10 +4,14 @@
 
 namespace redfish {
 
-const char* UnsafeRequestTarget(std::string_view target) noexcept {
+const char* RouteProblem(std::string_view target) noexcept {
   constexpr std::string_view kRoutePrefix = "/bmc/";
-  if (target.substr(0, kRoutePrefix.size()) != kRoutePrefix) return "not under /bmc/";
-  return Tessel::Http::OriginFormProblem(target);
+  return target.substr(0, kRoutePrefix.size()) != kRoutePrefix ? "not under /bmc/" : nullptr;
+}
+
+const char* UnsafeRequestTarget(std::string_view target) noexcept {
+  const char* problem = RouteProblem(target);
+  return problem != nullptr ? problem : Tessel::Http::OriginFormProblem(target);
 }
 
 }  // namespace redfish

@@ -11,4 +11,7 @@ namespace redfish {
 // byte is certain to reach the BMC route and nothing else.
 const char* UnsafeRequestTarget(std::string_view target) noexcept;
 
+// The first half of that: why the target is not under "/bmc/", or null.
+const char* RouteProblem(std::string_view target) noexcept;
+
 }  // namespace redfish

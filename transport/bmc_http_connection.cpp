@@ -101,7 +101,8 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
   Ref<Http::HttpUserAgent> agent = CreateUserAgent();
   const std::string methodName = Http::MethodName(method);
   const int64_t timeoutMs = timeout.count() != 0 ? timeout.count() : kDefaultTimeoutMs;
-  const std::string target = agent->GetConnectionSpec()->ToString();
+  // The proxy's name, for the failure lines only.
+  auto target = [&agent] { return agent->GetConnectionSpec()->ToString(); };
   const int64_t deadline = Tessel::System::GetMonotonicTime() + timeoutMs * 1000;
 
   NoteExchange(methodName, url);
@@ -113,18 +114,18 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
       break;
     } catch (const Tessel::Ssl::SSLVerifyException& e) {
       TESSEL_LOG(_logger, 3, "%1: Failed SSL verification of server with hostname '%2': %3",
-                 methodName, target, e.what());
+                 methodName, target(), e.what());
       NoteFailure(REDFISH_LINK_PROXY, RedfishStatusSslVerify, e.what());
       return RedfishStatusSslVerify;
     } catch (const Tessel::InvalidArgumentException& e) {
       // Deliberately the time-out wording; only the code tells them apart.
       TESSEL_LOG(_logger, 3, "%1: Response from %2 timed out after %3 milliseconds: %4", methodName,
-                 target, timeoutMs, e.what());
+                 target(), timeoutMs, e.what());
       NoteFailure(REDFISH_LINK_GUARD, RedfishStatusInvalidArgument, e.what());
       return RedfishStatusInvalidArgument;
     } catch (const Tessel::TimeoutException& e) {
       TESSEL_LOG(_logger, 3, "%1: Response from %2 timed out after %3 milliseconds: %4", methodName,
-                 target, timeoutMs, e.what());
+                 target(), timeoutMs, e.what());
       NoteFailure(REDFISH_LINK_BMC, RedfishStatusTimeout,
                   Tessel::Detail::ASPrintInternal(
                       "no answer within %1 ms through the proxy (the BMC is slow or unreachable)",
@@ -135,14 +136,14 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
       // platform never reports it once a byte of the request may have left.
       const int64_t timeLeft = deadline - Tessel::System::GetMonotonicTime();
       if (e.GetError() == kConnectTimedOut && timeLeft > 0) {
-        TESSEL_LOG(_logger, 5, "%1: Retrying connection to %2. Time left: %3", methodName, target,
+        TESSEL_LOG(_logger, 5, "%1: Retrying connection to %2. Time left: %3", methodName, target(),
                    timeLeft);
         continue;
       }
       NoteFailure(REDFISH_LINK_PROXY, RedfishStatusSystemError, e.what());
       return RedfishStatusSystemError;
     } catch (const Tessel::Exception& e) {
-      TESSEL_LOG(_logger, 3, "%1: AsyncSendRequest to %2 failed : %3", methodName, target,
+      TESSEL_LOG(_logger, 3, "%1: AsyncSendRequest to %2 failed : %3", methodName, target(),
                  e.what());
       NoteFailure(REDFISH_LINK_PROXY, RedfishStatusTransportError, e.what());
       return RedfishStatusTransportError;

@@ -19,15 +19,23 @@ struct Account {
 
 thread_local Account tAccount;
 
-// Copies text into a fixed field, cut to fit, control bytes made spaces.
+// Copies text into a fixed field, cut to fit (control bytes are replaced when
+// the record is read: this runs for every request).
 template <size_t N>
 void Put(char (&field)[N], std::string_view text) {
   const size_t n = std::min(text.size(), N - 1);
-  for (size_t i = 0; i < n; ++i) {
-    const auto c = static_cast<unsigned char>(text[i]);
-    field[i] = c < 0x20 || c == 0x7f ? ' ' : static_cast<char>(c);
-  }
+  std::memcpy(field, text.data(), n);
   field[n] = '\0';
+}
+
+// A text the BMC sent cannot break a caller's log line or terminal.
+template <size_t N>
+void Sanitise(char (&field)[N]) {
+  for (char& c : field) {
+    if (c == '\0') break;
+    const auto u = static_cast<unsigned char>(c);
+    if (u < 0x20 || u == 0x7f) c = ' ';
+  }
 }
 
 bool ContainsNoCase(std::string_view text, std::string_view word) {
@@ -163,6 +171,9 @@ int CopyLastFailure(RedfishFailure* failure) noexcept {
   const size_t size = std::min<size_t>(failure->size, sizeof(RedfishFailure));
   RedfishFailure copy = tAccount.failure;
   copy.size = failure->size;
+  Sanitise(copy.method);
+  Sanitise(copy.uri);
+  Sanitise(copy.detail);
   // A caller's older, shorter struct may end inside a text: end it there.
   const size_t texts[][2] = {{offsetof(RedfishFailure, method), sizeof copy.method},
                              {offsetof(RedfishFailure, uri), sizeof copy.uri},

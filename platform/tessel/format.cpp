@@ -31,21 +31,26 @@ void FormatArg::AppendTo(std::string& out) const {
 
 std::string ASPrintV(std::string_view format, const FormatArg* args, size_t count) {
   std::string out;
-  out.reserve(format.size() + 32);
-  for (size_t i = 0; i < format.size(); ++i) {
-    char c = format[i];
-    if (c != '%' || i + 1 >= format.size()) {
-      out.push_back(c);
-      continue;
+  out.reserve(format.size() + 48);
+  size_t i = 0;
+  while (i < format.size()) {
+    // Literal text up to the next '%' goes in one piece.
+    const size_t percent = format.find('%', i);
+    if (percent == std::string_view::npos) {
+      out.append(format.substr(i));
+      break;
     }
-    char next = format[i + 1];
+    out.append(format.substr(i, percent - i));
+    i = percent;
+    const char next = i + 1 < format.size() ? format[i + 1] : '\0';
     if (next == '%') {
       out.push_back('%');
-      ++i;
+      i += 2;
       continue;
     }
     if (next < '1' || next > '9') {
-      out.push_back(c);
+      out.push_back('%');
+      ++i;
       continue;
     }
     size_t j = i + 1;
@@ -59,7 +64,7 @@ std::string ASPrintV(std::string_view format, const FormatArg* args, size_t coun
     } else {
       out.append(format.substr(i, j - i));
     }
-    i = j - 1;
+    i = j;
   }
   return out;
 }

@@ -1,17 +1,22 @@
 #include "platform/tessel/logging.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/time.h>
+#include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <memory>
 #include <mutex>
+#include <new>
+#include <shared_mutex>
 
 namespace Tessel::Service {
 namespace {
@@ -19,47 +24,73 @@ namespace {
 constexpr char kDestinationVariable[] = "BMCREDFISH_LOG";
 constexpr char kMaskVariable[] = "BMCREDFISH_LOG_MASK";
 
-std::mutex& SinkMutex() {
-  static std::mutex m;
-  return m;
-}
-
-std::shared_ptr<const LogSink>& SinkSlot() {
-  static std::shared_ptr<const LogSink> slot;
-  return slot;
-}
-
-// The built-in sink, chosen from the environment by the first message.
-struct BuiltInSink {
+// Where the built-in sink writes, chosen from the environment by the first
+// message after start or ReconfigureLogSink.
+struct BuiltInConfig {
   enum class Kind { Stderr, Syslog, File, None };
   bool configured = false;
   Kind kind = Kind::Stderr;
   int fd = -1;
   bool mask = false;
+};
+
+struct SinkState {
+  // Shared by every writer, so that records are written concurrently (one
+  // write each keeps them whole); exclusive only to change the sink, so that
+  // a file is never closed under a writer.
+  std::shared_mutex lock;
+  std::shared_ptr<const LogSink> custom;
+  BuiltInConfig builtIn;
   // At unload or exit: a message logged later goes to standard error.
-  ~BuiltInSink() {
-    Close();
-    kind = Kind::Stderr;
-  }
-  void Close() {
-    if (fd >= 0) ::close(fd);
-    fd = -1;
+  ~SinkState() {
+    if (builtIn.fd >= 0) ::close(builtIn.fd);
+    builtIn = BuiltInConfig{};
+    builtIn.configured = true;
   }
 };
 
-BuiltInSink& Sink() {
-  static BuiltInSink sink;
-  return sink;
+// What a held trace needs of the configuration, readable without the lock:
+// kHoldable while the built-in sink writes to a descriptor and no other sink
+// is set, kMasked when credentials are masked. Written under the exclusive
+// lock whenever the configuration changes.
+constexpr unsigned kHoldable = 1;
+constexpr unsigned kMasked = 2;
+std::atomic<unsigned> gHoldable{0};
+
+SinkState& State() {
+  static SinkState state;
+  return state;
 }
 
-void Configure(BuiltInSink& sink) {
+// The traces a thread holds while a LogBatch lives. Plain memory: a
+// thread-local object with a destructor would keep the library loaded.
+struct HeldTraces {
+  unsigned depth;
+  size_t used;
+  char data[8192];
+};
+thread_local HeldTraces tHeld;
+
+// A child forked while another thread changed the sink would find the lock
+// held for ever; nothing else of the parent's writers matters there, nor what
+// the forking thread held for a call of the parent's.
+void RenewSinkLockInChild() {
+  ::new (static_cast<void*>(&State().lock)) std::shared_mutex();
+  tHeld.used = 0;
+}
+
+struct ForkHandler {
+  ForkHandler() { pthread_atfork(nullptr, nullptr, &RenewSinkLockInChild); }
+} gForkHandler;
+
+void Configure(BuiltInConfig& sink) {
   const char* value = std::getenv(kDestinationVariable);
   const std::string text = value ? value : "";
-  sink.kind = BuiltInSink::Kind::Stderr;
+  sink.kind = BuiltInConfig::Kind::Stderr;
   if (text == "none") {
-    sink.kind = BuiltInSink::Kind::None;
+    sink.kind = BuiltInConfig::Kind::None;
   } else if (text == "syslog") {
-    sink.kind = BuiltInSink::Kind::Syslog;
+    sink.kind = BuiltInConfig::Kind::Syslog;
   } else if (text.compare(0, 5, "file:") == 0 && text.size() > 5) {
     // Credentials may reach the log: readable by the owner only, and never
     // through a link someone else planted.
@@ -67,7 +98,7 @@ void Configure(BuiltInSink& sink) {
         ::open(text.c_str() + 5, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW, 0600);
     // A file that cannot be opened leaves the log on standard error rather
     // than losing failures.
-    if (sink.fd >= 0) sink.kind = BuiltInSink::Kind::File;
+    if (sink.fd >= 0) sink.kind = BuiltInConfig::Kind::File;
   }
   const char* mask = std::getenv(kMaskVariable);
   sink.mask = mask != nullptr && std::strcmp(mask, "1") == 0;
@@ -103,31 +134,97 @@ std::string MaskCredentials(std::string_view message) {
   return out;
 }
 
-void WriteAll(int fd, const std::string& line) {
-  const char* p = line.data();
-  size_t left = line.size();
+// Writes the held traces, then text, in one system call where it can.
+void WriteAll(int fd, std::string_view text) {
+  iovec parts[2] = {{tHeld.data, tHeld.used}, {const_cast<char*>(text.data()), text.size()}};
+  tHeld.used = 0;
+  iovec* next = parts;
+  int left = 2;
   while (left > 0) {
-    ssize_t w = ::write(fd, p, left);
-    if (w <= 0) break;
-    p += w;
-    left -= static_cast<size_t>(w);
+    if (next->iov_len == 0) {
+      ++next;
+      --left;
+      continue;
+    }
+    const ssize_t written = ::writev(fd, next, left);
+    if (written <= 0) return;
+    auto n = static_cast<size_t>(written);
+    for (; left > 0 && n >= next->iov_len; ++next, --left) n -= next->iov_len;
+    if (left > 0) {
+      next->iov_base = static_cast<char*>(next->iov_base) + n;
+      next->iov_len -= n;
+    }
   }
 }
 
-std::string Stamped(const Logger& logger, int level, const std::string& record) {
+// Holds a trace while a batch lives and it fits; false when it must be
+// written now.
+bool Hold(int level, const std::string& line) {
+  if (tHeld.depth == 0 || level <= 3 || line.size() > sizeof tHeld.data) return false;
+  if (tHeld.used + line.size() > sizeof tHeld.data) return false;
+  std::memcpy(tHeld.data + tHeld.used, line.data(), line.size());
+  tHeld.used += line.size();
+  return true;
+}
+
+// Appends a record straight to the held traces; overflows rather than write.
+class HeldOut {
+ public:
+  HeldOut() : start_(tHeld.used) {}
+  size_t size() const { return tHeld.used - start_; }
+  bool Overflowed() const { return overflowed_; }
+  HeldOut& append(std::string_view text) {
+    if (overflowed_ || tHeld.used + text.size() > sizeof tHeld.data) {
+      overflowed_ = true;
+    } else {
+      std::memcpy(tHeld.data + tHeld.used, text.data(), text.size());
+      tHeld.used += text.size();
+    }
+    return *this;
+  }
+  void push_back(char c) { append(std::string_view(&c, 1)); }
+  // Takes back what was appended.
+  void Undo() { tHeld.used = start_; }
+
+ private:
+  size_t start_;
+  bool overflowed_ = false;
+};
+
+int Descriptor(const BuiltInConfig& sink) {
+  return sink.kind == BuiltInConfig::Kind::File ? sink.fd : STDERR_FILENO;
+}
+
+// The UTC time of day to the microsecond. The text of the second is kept per
+// thread: most records of a thread fall into the second of its last one.
+template <typename Out>
+void AppendStamp(Out& line) {
+  struct Second {
+    time_t at;
+    char text[24];
+  };
+  thread_local Second tSecond{-1, {}};
   timeval tv{};
   gettimeofday(&tv, nullptr);
-  tm utc{};
-  gmtime_r(&tv.tv_sec, &utc);
-  char stamp[40];
-  size_t n = strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &utc);
-  std::snprintf(stamp + n, sizeof stamp - n, ".%06ldZ", static_cast<long>(tv.tv_usec));
+  if (tv.tv_sec != tSecond.at) {
+    tm utc{};
+    gmtime_r(&tv.tv_sec, &utc);
+    strftime(tSecond.text, sizeof tSecond.text, "%Y-%m-%dT%H:%M:%S", &utc);
+    tSecond.at = tv.tv_sec;
+  }
+  char micros[] = ".000000Z ";
+  long us = static_cast<long>(tv.tv_usec);
+  for (int digit = 6; digit >= 1; --digit, us /= 10)
+    micros[digit] = static_cast<char>('0' + us % 10);
+  line.append(tSecond.text).append(std::string_view(micros, sizeof micros - 1));
+}
 
-  std::string line;
-  line.reserve(record.size() + logger.GetName().size() + 48);
-  line.append(stamp).append(" ").append(logger.GetName()).append("[");
-  line.append(std::to_string(level)).append("] ").append(record).push_back('\n');
-  return line;
+// The stamp, logger and level that open a record written to a descriptor.
+template <typename Out>
+void AppendPrefix(const Logger& logger, int level, Out& out) {
+  AppendStamp(out);
+  const char levelText[] = {'[', static_cast<char>('0' + level % 10), ']', ' '};
+  out.append(logger.GetName()).append(std::string_view(levelText, sizeof levelText));
 }
 
 int SyslogPriority(int level) {
@@ -136,45 +233,20 @@ int SyslogPriority(int level) {
   return LOG_DEBUG;
 }
 
-void WriteBuiltIn(const Logger& logger, int level, const std::string& message) {
-  std::mutex& mutex = SinkMutex();  // first, so that it outlives the sink at exit
-  BuiltInSink& sink = Sink();
-  bool mask;
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    if (!sink.configured) Configure(sink);
-    if (sink.kind == BuiltInSink::Kind::None) return;
-    mask = sink.mask;
-  }
-  const std::string record = LogRecordText(mask ? MaskCredentials(message) : message);
-  const std::string line = Stamped(logger, level, record);
-  // Written under the lock, so that the file is not closed meanwhile; one
-  // write per record keeps records from concurrent threads whole.
-  std::lock_guard<std::mutex> lock(mutex);
-  switch (sink.kind) {
-    case BuiltInSink::Kind::Syslog:
-      // No openlog: the host process owns the ident and facility.
-      syslog(LOG_USER | SyslogPriority(level), "%s[%d] %s", logger.GetName().c_str(), level,
-             record.c_str());
-      break;
-    case BuiltInSink::Kind::File:
-      WriteAll(sink.fd, line);
-      break;
-    case BuiltInSink::Kind::Stderr:
-      WriteAll(STDERR_FILENO, line);
-      break;
-    case BuiltInSink::Kind::None:
-      break;
-  }
-}
-
-}  // namespace
-
-std::string LogRecordText(std::string_view message) {
+template <typename Out>
+void AppendRecordText(std::string_view message, Out& out) {
   // A message's own final line break is the record's end, not content.
   if (!message.empty() && message.back() == '\n') message.remove_suffix(1);
-  std::string out;
-  out.reserve(std::min(message.size(), kMaxLogRecordBytes) + 32);
+  const size_t start = out.size();
+  // Most records need no escape: they go in one piece.
+  if (message.size() <= kMaxLogRecordBytes &&
+      std::none_of(message.begin(), message.end(), [](char c) {
+        const auto u = static_cast<unsigned char>(c);
+        return u < 0x20 || u == 0x7f;
+      })) {
+    out.append(message);
+    return;
+  }
   size_t i = 0;
   for (; i < message.size(); ++i) {
     const auto u = static_cast<unsigned char>(message[i]);
@@ -190,12 +262,62 @@ std::string LogRecordText(std::string_view message) {
       std::snprintf(hex, sizeof hex, "\\x%02x", u);
       piece = std::string_view(hex, 4);
     }
-    if (out.size() + piece.size() > kMaxLogRecordBytes) break;
+    if (out.size() - start + piece.size() > kMaxLogRecordBytes) break;
     out.append(piece);
   }
   if (i < message.size()) {
     out.append(" [cut ").append(std::to_string(message.size() - i)).append(" bytes]");
   }
+}
+
+// A record as the built-in sink writes it; stamped for a file or standard
+// error, where it ends with a line break.
+std::string Line(const Logger& logger, int level, const std::string& message, bool mask,
+                 bool stamped) {
+  std::string line;
+  line.reserve(std::min(message.size(), kMaxLogRecordBytes) + logger.GetName().size() + 64);
+  if (stamped) AppendPrefix(logger, level, line);
+  AppendRecordText(mask ? MaskCredentials(message) : message, line);
+  if (stamped) line.push_back('\n');
+  return line;
+}
+
+// Called with the sink's lock shared.
+void WriteBuiltIn(const BuiltInConfig& sink, const Logger& logger, int level,
+                  const std::string& message) {
+  std::string line;
+  switch (sink.kind) {
+    case BuiltInConfig::Kind::Syslog:
+      line = Line(logger, level, message, sink.mask, false);
+      // No openlog: the host process owns the ident and facility.
+      syslog(LOG_USER | SyslogPriority(level), "%s[%d] %s", logger.GetName().c_str(), level,
+             line.c_str());
+      break;
+    case BuiltInConfig::Kind::File:
+    case BuiltInConfig::Kind::Stderr:
+      line = Line(logger, level, message, sink.mask, true);
+      if (!Hold(level, line)) WriteAll(Descriptor(sink), line);
+      break;
+    case BuiltInConfig::Kind::None:
+      break;
+  }
+}
+
+void Publish(const SinkState& state) {
+  const bool descriptor = state.builtIn.kind == BuiltInConfig::Kind::File ||
+                          state.builtIn.kind == BuiltInConfig::Kind::Stderr;
+  unsigned flags = 0;
+  if (state.builtIn.configured && descriptor && !state.custom) flags |= kHoldable;
+  if (state.builtIn.mask) flags |= kMasked;
+  gHoldable.store(flags, std::memory_order_release);
+}
+
+}  // namespace
+
+std::string LogRecordText(std::string_view message) {
+  std::string out;
+  out.reserve(std::min(message.size(), kMaxLogRecordBytes) + 32);
+  AppendRecordText(message, out);
   return out;
 }
 
@@ -204,27 +326,62 @@ Ref<Logger> CreateLogger(const char* name) { return MakeRef<Logger>(name ? name 
 void SetLogSink(LogSink sink) {
   std::shared_ptr<const LogSink> next;
   if (sink) next = std::make_shared<const LogSink>(std::move(sink));
-  std::lock_guard<std::mutex> lock(SinkMutex());
-  SinkSlot() = std::move(next);
+  std::unique_lock<std::shared_mutex> lock(State().lock);
+  State().custom.swap(next);
+  Publish(State());
 }
 
 void ReconfigureLogSink() {
-  std::lock_guard<std::mutex> lock(SinkMutex());
-  Sink().Close();
-  Sink().configured = false;
+  SinkState& state = State();
+  std::unique_lock<std::shared_mutex> lock(state.lock);
+  if (state.builtIn.fd >= 0) ::close(state.builtIn.fd);
+  state.builtIn = BuiltInConfig{};
+  Publish(state);
+}
+
+LogBatch::LogBatch() noexcept { ++tHeld.depth; }
+
+LogBatch::~LogBatch() {
+  if (--tHeld.depth > 0 || tHeld.used == 0) return;
+  try {
+    SinkState& state = State();
+    std::shared_lock<std::shared_mutex> lock(state.lock);
+    if (state.builtIn.kind == BuiltInConfig::Kind::File ||
+        state.builtIn.kind == BuiltInConfig::Kind::Stderr) {
+      WriteAll(Descriptor(state.builtIn), {});
+    }
+  } catch (...) {
+  }
+  tHeld.used = 0;
 }
 
 void WriteLog(const Logger& logger, int level, const std::string& message) noexcept {
   try {
-    std::shared_ptr<const LogSink> sink;
-    {
-      std::lock_guard<std::mutex> lock(SinkMutex());
-      sink = SinkSlot();
+    // A trace held for a batch touches nothing shared.
+    const unsigned flags = gHoldable.load(std::memory_order_acquire);
+    if ((flags & kHoldable) != 0 && tHeld.depth > 0 && level > 3 && level < 10) {
+      HeldOut held;
+      AppendPrefix(logger, level, held);
+      AppendRecordText((flags & kMasked) != 0 ? MaskCredentials(message) : message, held);
+      held.push_back('\n');
+      if (!held.Overflowed()) return;
+      held.Undo();  // written below, after what is held
     }
-    if (sink) {
-      (*sink)(logger, level, message);
+    SinkState& state = State();
+    std::shared_lock<std::shared_mutex> lock(state.lock);
+    if (!state.builtIn.configured && !state.custom) {
+      lock.unlock();
+      {
+        std::unique_lock<std::shared_mutex> exclusive(state.lock);
+        if (!state.builtIn.configured) Configure(state.builtIn);
+        Publish(state);
+      }
+      lock.lock();
+    }
+    if (state.custom) {
+      (*state.custom)(logger, level, message);
     } else {
-      WriteBuiltIn(logger, level, message);
+      WriteBuiltIn(state.builtIn, logger, level, message);
     }
   } catch (...) {
   }

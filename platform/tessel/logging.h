@@ -47,6 +47,19 @@ constexpr size_t kMaxLogRecordBytes = 4096;
 // sent can thus neither forge a record nor make a huge one.
 std::string LogRecordText(std::string_view message);
 
+// While one lives on a thread, the built-in sink holds that thread's traces
+// (records above level 3) and writes them with one write when the outermost
+// batch ends: a library call's traces leave together instead of one system
+// call each. A failure record (level 3 or below) is written at once, after
+// the traces held before it, so the order is kept.
+class LogBatch {
+ public:
+  LogBatch() noexcept;
+  ~LogBatch();
+  LogBatch(const LogBatch&) = delete;
+  LogBatch& operator=(const LogBatch&) = delete;
+};
+
 // Hands a finished message to the sink; swallows anything the sink throws.
 void WriteLog(const Logger& logger, int level, const std::string& message) noexcept;
 

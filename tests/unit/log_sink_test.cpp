@@ -101,3 +101,28 @@ TEST_F(BuiltInSink, NoneWritesNothingAndAnUnopenableFileFallsBackToStderr) {
   Tessel::Service::LogInternal(logger, 3, "kept");
   EXPECT_NE(testing::internal::GetCapturedStderr().find("Redfish[3] kept\n"), std::string::npos);
 }
+
+// A call's traces leave in one write at its end; a failure is written at
+// once, after the traces held before it; masking applies to held traces too.
+TEST_F(BuiltInSink, BatchHoldsTracesButNeverAFailureAndKeepsTheOrder) {
+  Use("file:" + path, true);
+  {
+    const Tessel::Service::LogBatch outer;
+    Tessel::Service::LogInternal(logger, 5, "trace 1 _jwt: %1", "YWRtaW46c2VjcmV0");
+    {
+      const Tessel::Service::LogBatch inner;
+      Tessel::Service::LogInternal(logger, 5, "trace 2");
+    }
+    EXPECT_EQ(File(), "") << "held until the outermost batch ends";
+    Tessel::Service::LogInternal(logger, 3, "failure");
+    const std::string atFailure = File();
+    EXPECT_LT(atFailure.find("trace 1 _jwt: ***\n"), atFailure.find("trace 2\n"));
+    EXPECT_LT(atFailure.find("trace 2\n"), atFailure.find("Redfish[3] failure\n"));
+    for (int i = 0; i < 200; ++i)
+      Tessel::Service::LogInternal(logger, 5, "%1", std::string(100, 'x'));
+    Tessel::Service::LogInternal(logger, 5, "last");
+  }
+  const std::string text = File();
+  EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 204) << "a full batch is written, not lost";
+  EXPECT_EQ(text.substr(text.size() - 5), "last\n");
+}

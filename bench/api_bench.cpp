@@ -1,0 +1,104 @@
+// The library's 16-thread figure through its exported functions: threads
+// calling Redfish_GetPowerState on host keys of their own, next to h2load
+// -c1 -m16 on the same proxy path. Run it through run-api-bench, which starts
+// nginx and chooses where the library's log goes.
+//
+//   api_bench [THREADS [KEYS [ROUNDS]]]
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bmcredfish.h"
+
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr char kUser[] = "admin";
+constexpr char kPassword[] = "secret";
+constexpr char kPath[] = "http://127.0.0.1:80/bmc/redfish/v1/Systems/1/?$select=PowerState";
+
+double Median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  return v.empty() ? 0 : v[v.size() / 2];
+}
+
+// The first key names the BMC the route document names, so no PUT is made.
+std::string Key(int i) { return i == 0 ? "127.0.42.1" : "bmc-" + std::to_string(i); }
+
+double ApiRate(int threads, int keys, int each) {
+  std::atomic<int> ready{0};
+  std::atomic<int> failures{0};
+  std::vector<std::thread> pool;
+  const auto start = Clock::now();
+  for (int t = 0; t < threads; ++t) {
+    pool.emplace_back([&, t] {
+      const std::string key = Key(t % keys);
+      for (++ready; ready < threads;) std::this_thread::yield();
+      for (int i = 0; i < each; ++i) {
+        bool on = false;
+        if (Redfish_GetPowerState(kUser, kPassword, key.c_str(), 5000, &on) != 0 || !on) {
+          ++failures;
+        }
+      }
+    });
+  }
+  for (auto& t : pool) t.join();
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  if (failures > 0) std::fprintf(stdout, "api_bench: %d calls failed\n", failures.load());
+  return threads * each / seconds;
+}
+
+double H2load(int streams, int requests) {
+  // The same request the library sends: its credentials and Accept header.
+  const std::string cmd = "h2load -n " + std::to_string(requests) + " -c 1 -m " +
+                          std::to_string(streams) +
+                          " -H 'Authorization: Basic YWRtaW46c2VjcmV0' -H 'Accept: "
+                          "application/json' '" +
+                          kPath + "' 2>/dev/null";
+  FILE* p = popen(cmd.c_str(), "r");
+  if (p == nullptr) return 0;
+  char line[512];
+  double rate = 0;
+  while (std::fgets(line, sizeof line, p)) {
+    if (std::sscanf(line, "finished in %*[^,], %lf req/s", &rate) == 1) break;
+  }
+  pclose(p);
+  return rate;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int threads = argc > 1 ? std::atoi(argv[1]) : 16;
+  const int keys = argc > 2 ? std::atoi(argv[2]) : 16;
+  const int rounds = argc > 3 ? std::atoi(argv[3]) : 5;
+  FeatureState_Init();
+  *GetFeatureState_Slow("REDFISH") = 1;
+  for (int k = 0; k < keys; ++k) {  // discovery, once per key
+    bool on = false;
+    const int rc = Redfish_GetPowerState(kUser, kPassword, Key(k).c_str(), 5000, &on);
+    if (rc != 0) {
+      std::fprintf(stdout, "api_bench: warm-up call for %s failed with %d\n", Key(k).c_str(), rc);
+      return 1;
+    }
+  }
+  ApiRate(threads, keys, 500);
+  std::vector<double> ours, theirs;
+  for (int r = 0; r < rounds; ++r) {
+    ours.push_back(ApiRate(threads, keys, 2000));
+    theirs.push_back(H2load(threads, threads * 2000));
+  }
+  const double rate = Median(ours), h2 = Median(theirs);
+  std::printf("%-44s %10.0f %10.0f req/s %6.2fx  >= 0.70  %s\n",
+              (std::to_string(threads) + " threads x " + std::to_string(keys) +
+               " keys, Redfish_GetPowerState")
+                  .c_str(),
+              rate, h2, h2 > 0 ? rate / h2 : 0, rate >= 0.70 * h2 ? "met" : "MISSED");
+  return 0;
+}
