@@ -160,32 +160,30 @@ BMCREDFISH_API int Redfish_PowerOperation(const char* user, const char* password
 
 /* ---- Since 1.1 ---------------------------------------------------------- */
 
-/*
- * The links of the chain from the caller to the BMC, named where a call
- * failed: X(name, value, label, text). The label is a short lower-case word
- * for logs and metrics; the text says what the link is.
- */
-#define BMCREDFISH_LINKS(X)                                                                  \
-  X(REDFISH_LINK_NONE, 0, "none", "nothing failed")                                          \
-  X(REDFISH_LINK_SWITCH, 1, "switch", "the host switch \"REDFISH\"")                         \
-  X(REDFISH_LINK_SMBIOS, 2, "smbios", "the SMBIOS Redfish host-interface record")            \
-  X(REDFISH_LINK_CONFIG_ENDPOINT, 3, "config-endpoint",                                      \
-    "the proxy's configuration endpoint (localhost:549)")                                    \
-  X(REDFISH_LINK_ROUTE_DOCUMENT, 4, "route-document", "the proxy's route document")          \
-  X(REDFISH_LINK_PROXY, 5, "proxy", "the proxy on localhost:80")                             \
-  X(REDFISH_LINK_BMC, 6, "bmc", "the BMC behind the proxy")                                  \
-  X(REDFISH_LINK_CREDENTIALS, 7, "credentials", "the BMC account's credentials")             \
-  X(REDFISH_LINK_DISCOVERY, 8, "discovery",                                                  \
-    "what the BMC lists: systems, managers, interfaces, chassis, its maker")                 \
-  X(REDFISH_LINK_DOCUMENT, 9, "document", "a BMC document that is not of the Redfish shape") \
-  X(REDFISH_LINK_GUARD, 10, "guard",                                                         \
-    "the library refused the request: MAC guard, reset type, unsafe target")
-
+/* Where a call failed: the links of the chain from the caller to the BMC. */
 typedef enum RedfishLink {
-#define BMCREDFISH_LINK_ENUM_(name, value, label, text) name = value,
-  BMCREDFISH_LINKS(BMCREDFISH_LINK_ENUM_)
-#undef BMCREDFISH_LINK_ENUM_
+  REDFISH_LINK_NONE = 0,            /* nothing failed */
+  REDFISH_LINK_SWITCH = 1,          /* the host switch "REDFISH" */
+  REDFISH_LINK_SMBIOS = 2,          /* the SMBIOS Redfish host-interface record */
+  REDFISH_LINK_CONFIG_ENDPOINT = 3, /* the proxy's configuration endpoint, localhost:549 */
+  REDFISH_LINK_ROUTE_DOCUMENT = 4,  /* the route document it serves */
+  REDFISH_LINK_PROXY = 5,           /* the proxy on localhost:80 */
+  REDFISH_LINK_BMC = 6,             /* the BMC behind the proxy */
+  REDFISH_LINK_CREDENTIALS = 7,     /* the BMC account's credentials */
+  REDFISH_LINK_DISCOVERY = 8,       /* what the BMC lists: systems, managers, chassis, maker */
+  REDFISH_LINK_DOCUMENT = 9,        /* a BMC document not of the Redfish shape */
+  REDFISH_LINK_GUARD = 10           /* the library refused: MAC guard, reset type, target */
 } RedfishLink;
+
+/*
+ * A short lower-case word for each link, for logs and metrics, in value order:
+ *   static const char* const labels[] = BMCREDFISH_LINK_LABELS; labels[link]
+ */
+#define BMCREDFISH_LINK_LABELS                                                       \
+  {                                                                                  \
+    "none", "switch", "smbios", "config-endpoint", "route-document", "proxy", "bmc", \
+        "credentials", "discovery", "document", "guard"                              \
+  }
 
 /*
  * Why the calling thread's last call failed. Set the size member to

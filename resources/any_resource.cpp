@@ -26,14 +26,13 @@ int ReadResource(Inventory& inventory, const std::string& path, std::chrono::mil
                 "only resources under /redfish/v1 are read");
     return RedfishStatusInvalidArgument;
   }
-  std::string body;
-  rapidjson::Document document;
-  const int result = FetchDocument(inventory, inventory.BaseUrl() + path, timeout,
-                                   BodyCheck::kParse, body, document);
+  FetchedDocument fetched;
+  const int result = FetchDocument(inventory, nullptr, inventory.BaseUrl() + path, timeout,
+                                   BodyCheck::kParse, fetched);
   if (result != RedfishStatusOk) return result;
-  if (document.HasParseError()) return RedfishStatusBadJson;
-  if (!document.IsObject()) return RedfishStatusUnexpectedJson;
-  json = std::move(body);
+  if (fetched.document.HasParseError()) return RedfishStatusBadJson;
+  if (!fetched.document.IsObject()) return RedfishStatusUnexpectedJson;
+  json = std::move(fetched.body);
   return RedfishStatusOk;
 }
 

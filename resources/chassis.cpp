@@ -55,14 +55,14 @@ int DiscoverReadings(Inventory& inventory, const std::string& id, milliseconds t
     source.readUris.push_back(sensorsUri + kExpand);
   } else {
     std::string expanded = inventory.BaseUrl() + id + kExpand;
-    std::string body;
-    rapidjson::Document chassis;
-    result = FetchDocument(inventory, expanded, timeout, BodyCheck::kParse, body, chassis);
+    FetchedDocument fetched;
+    result = FetchDocument(inventory, nullptr, expanded, timeout, BodyCheck::kParse, fetched);
     if (result == Tessel::Http::ResponseCode::BadRequest) {
       // A BMC that refuses the query still links its Thermal and Power.
       expanded = inventory.BaseUrl() + id;
-      result = FetchDocument(inventory, expanded, timeout, BodyCheck::kParse, body, chassis);
+      result = FetchDocument(inventory, nullptr, expanded, timeout, BodyCheck::kParse, fetched);
     }
+    const rapidjson::Document& chassis = fetched.document;
     if (result == Tessel::Http::ResponseCode::NotFound) return RedfishStatusOk;
     if (result != RedfishStatusOk) return result;
     std::string thermal, power;
@@ -83,10 +83,10 @@ int ReadChassisReadings(Inventory& inventory, const ReadingsSourceRecord& source
                         milliseconds timeout, ChassisReadings& out) {
   out = ChassisReadings{source.id, source.uri, source.sensors ? "Sensors" : "ThermalPower", {}};
   for (const std::string& uri : source.readUris) {
-    std::string body;
-    rapidjson::Document document;
-    int result = FetchDocument(inventory, uri, timeout, BodyCheck::kParse, body, document);
+    FetchedDocument fetched;
+    int result = FetchDocument(inventory, nullptr, uri, timeout, BodyCheck::kParse, fetched);
     if (result != RedfishStatusOk) return result;
+    const rapidjson::Document& document = fetched.document;
     if (document.HasParseError() || !document.IsObject()) return RedfishStatusUnexpectedJson;
     if (source.sensors) {
       result = ReadingsOfSensors(document, out.sensors);
@@ -116,21 +116,18 @@ int Inventory::PopulateReadings(milliseconds timeout) {
 
 int ReadSensorInfo(Inventory& inventory, std::string& sensorJson, milliseconds timeout,
                    uint8_t chassisIndex) {
-  int result = inventory.PopulateChassis(timeout);
-  if (result == RedfishStatusOk) {
-    result = inventory.CheckIndex("Chassis", chassisIndex, inventory.chassis.size());
-  }
+  int result = inventory.PopulatedChassis(timeout, chassisIndex);
   if (result != RedfishStatusOk) return result;
-  const std::string& uri = inventory.chassis[chassisIndex].sensorsUri;
-  TESSEL_LOG(inventory.Logger(), 5, "SENSOR_URI: %1", uri);
-  std::string body;
-  rapidjson::Document document;
-  result = FetchDocument(inventory, uri, timeout, BodyCheck::kParse, body, document);
+  FetchedDocument fetched;
+  result = FetchDocument(inventory, "SENSOR_URI: %1", inventory.chassis[chassisIndex].sensorsUri,
+                         timeout, BodyCheck::kParse, fetched);
   if (result != RedfishStatusOk) return result;
-  TESSEL_LOG(inventory.Logger(), 5, "SENSOR_URI JSON: %1", body);
+  TESSEL_LOG(inventory.Logger(), 5, "SENSOR_URI JSON: %1", fetched.body);
   // Parsed only to confirm it is an object; the caller gets the text as sent.
-  if (document.HasParseError() || !document.IsObject()) return RedfishStatusUnexpectedJson;
-  sensorJson = body;
+  if (fetched.document.HasParseError() || !fetched.document.IsObject()) {
+    return RedfishStatusUnexpectedJson;
+  }
+  sensorJson = fetched.body;
   return RedfishStatusOk;
 }
 

@@ -16,14 +16,13 @@ Inventory::Inventory(BmcRedfishConnection& connection, Tessel::Service::Logger* 
     : connection_(connection), logger_(logger), baseUrl_(std::move(baseUrl)) {}
 
 int Inventory::WalkCollection(const std::string& uri, milliseconds timeout, const Visit& visit) {
-  std::string body;
-  rapidjson::Document collection;
-  int result = FetchDocument(*this, uri, timeout, BodyCheck::kCollection, body, collection);
+  FetchedDocument collection;
+  int result = FetchDocument(*this, nullptr, uri, timeout, BodyCheck::kCollection, collection);
   if (result != RedfishStatusOk) return result;
   // Members before a malformed entry are visited first, as a walk in order
   // would: the failure comes when the walk reaches it.
   std::vector<std::string> ids;
-  const int shape = MemberIds(collection, ids);
+  const int shape = MemberIds(collection.document, ids);
   for (const std::string& id : ids) {
     result = visit(id);
     if (result != RedfishStatusOk) return result;
@@ -38,6 +37,21 @@ int Inventory::PopulateOnce(bool& populated, const char* collection, millisecond
   const int result = WalkCollection(baseUrl_ + collection, timeout, visit);
   populated = result == RedfishStatusOk;
   return result;
+}
+
+int Inventory::PopulatedSystem(milliseconds timeout, size_t index) {
+  const int result = PopulateSystems(timeout);
+  return result != RedfishStatusOk ? result : CheckIndex("System", index, systems.size());
+}
+
+int Inventory::PopulatedManager(milliseconds timeout, size_t index) {
+  const int result = PopulateManagers(timeout);
+  return result != RedfishStatusOk ? result : CheckIndex("Manager", index, managers.size());
+}
+
+int Inventory::PopulatedChassis(milliseconds timeout, size_t index) {
+  const int result = PopulateChassis(timeout);
+  return result != RedfishStatusOk ? result : CheckIndex("Chassis", index, chassis.size());
 }
 
 int Inventory::CheckIndex(const char* kind, size_t index, size_t size) const {
@@ -57,8 +71,11 @@ std::string ChildUri(const Inventory& inventory, const char* kind, const std::st
   return uri;
 }
 
-int FetchDocument(const Inventory& inventory, const std::string& uri, milliseconds timeout,
-                  BodyCheck check, std::string& body, rapidjson::Document& document) {
+int FetchDocument(const Inventory& inventory, const char* label, const std::string& uri,
+                  milliseconds timeout, BodyCheck check, FetchedDocument& fetched) {
+  std::string& body = fetched.body;
+  rapidjson::Document& document = fetched.document;
+  if (label != nullptr) TESSEL_LOG(inventory.Logger(), 5, label, uri);
   const int result = inventory.Connection().MakeHttpRequestGet(uri, body, timeout);
   if (result != RedfishStatusOk) return result;
   if (check == BodyCheck::kParse) {

@@ -46,6 +46,13 @@ class Inventory {
   // stops at the first failure, visit's included.
   int WalkCollection(const std::string& uri, std::chrono::milliseconds timeout, const Visit& visit);
 
+  // Walks the collection when it is not yet known, then checks that index
+  // names one of its records: 40001 and "Unsupported <kind> Index <i>" when
+  // it does not.
+  int PopulatedSystem(std::chrono::milliseconds timeout, size_t index);
+  int PopulatedManager(std::chrono::milliseconds timeout, size_t index);
+  int PopulatedChassis(std::chrono::milliseconds timeout, size_t index);
+
   // 0 when index is below size; otherwise logs "Unsupported <kind> Index <i>"
   // and returns 40001.
   int CheckIndex(const char* kind, size_t index, size_t size) const;
@@ -83,10 +90,16 @@ std::string ChildUri(const Inventory& inventory, const char* kind, const std::st
 // collection insists on "Members" (BmcRedfishUtils::VerifyJson).
 enum class BodyCheck { kParse, kVerify, kCollection };
 
-// GETs uri and parses its body into document. Returns the GET's result, or
-// VerifyJson's for the verifying checks. body receives the text as sent.
-int FetchDocument(const Inventory& inventory, const std::string& uri,
-                  std::chrono::milliseconds timeout, BodyCheck check, std::string& body,
-                  rapidjson::Document& document);
+// A fetched body as sent, and parsed.
+struct FetchedDocument {
+  std::string body;
+  rapidjson::Document document;
+};
+
+// GETs uri, logging it under label first when one is given ("PowerState
+// URI: %1"), and parses its body. Returns the GET's result, or VerifyJson's
+// for the verifying checks.
+int FetchDocument(const Inventory& inventory, const char* label, const std::string& uri,
+                  std::chrono::milliseconds timeout, BodyCheck check, FetchedDocument& fetched);
 
 }  // namespace redfish

@@ -25,12 +25,6 @@ int DiscoverManager(Inventory& inventory, const std::string& id, milliseconds ti
   return RedfishStatusOk;
 }
 
-int PopulatedManager(Inventory& inventory, milliseconds timeout, uint8_t managerIndex) {
-  const int result = inventory.PopulateManagers(timeout);
-  if (result != RedfishStatusOk) return result;
-  return inventory.CheckIndex("Manager", managerIndex, inventory.managers.size());
-}
-
 }  // namespace
 
 int Inventory::PopulateManagers(milliseconds timeout) {
@@ -39,7 +33,7 @@ int Inventory::PopulateManagers(milliseconds timeout) {
 }
 
 int NicCount(Inventory& inventory, uint8_t managerIndex, uint8_t& nicCount, milliseconds timeout) {
-  const int result = PopulatedManager(inventory, timeout, managerIndex);
+  const int result = inventory.PopulatedManager(timeout, managerIndex);
   if (result != RedfishStatusOk) return result;
   // An 8-bit count: only the first 256 interfaces are addressable anyway.
   nicCount = static_cast<uint8_t>(inventory.managers[managerIndex].nicMacUris.size());
@@ -48,17 +42,15 @@ int NicCount(Inventory& inventory, uint8_t managerIndex, uint8_t& nicCount, mill
 
 int ReadMac(Inventory& inventory, std::string& mac, milliseconds timeout, uint8_t managerIndex,
             uint8_t nicIndex) {
-  int result = PopulatedManager(inventory, timeout, managerIndex);
+  int result = inventory.PopulatedManager(timeout, managerIndex);
   if (result != RedfishStatusOk) return result;
   const std::vector<std::string>& uris = inventory.managers[managerIndex].nicMacUris;
   result = inventory.CheckIndex("Ethernet NIC", nicIndex, uris.size());
   if (result != RedfishStatusOk) return result;
-  TESSEL_LOG(inventory.Logger(), 5, "MAC_URI: %1", uris[nicIndex]);
-  std::string body;
-  rapidjson::Document document;
-  result = FetchDocument(inventory, uris[nicIndex], timeout, BodyCheck::kParse, body, document);
-  if (result != RedfishStatusOk) return result;
-  return MacAddressOf(document, mac);
+  FetchedDocument fetched;
+  result =
+      FetchDocument(inventory, "MAC_URI: %1", uris[nicIndex], timeout, BodyCheck::kParse, fetched);
+  return result != RedfishStatusOk ? result : MacAddressOf(fetched.document, mac);
 }
 
 }  // namespace redfish

@@ -71,13 +71,6 @@ int ActionInfoValues(Inventory& inventory, const std::string& actionInfo, rapidj
   return AllowableValuesAt(info, kActionInfoAllowableValues, values);
 }
 
-// Discovers the systems, then checks that the index names one of them.
-int PopulatedSystem(Inventory& inventory, milliseconds timeout, uint8_t systemIndex) {
-  const int result = inventory.PopulateSystems(timeout);
-  if (result != RedfishStatusOk) return result;
-  return inventory.CheckIndex("System", systemIndex, inventory.systems.size());
-}
-
 }  // namespace
 
 int Inventory::PopulateSystems(milliseconds timeout) {
@@ -86,13 +79,12 @@ int Inventory::PopulateSystems(milliseconds timeout) {
 }
 
 int ReadManufacturer(Inventory& inventory, RedfishSystemRecord& system, milliseconds timeout) {
-  std::string body;
-  rapidjson::Document document;
-  int result =
-      FetchDocument(inventory, system.manufacturerUri, timeout, BodyCheck::kParse, body, document);
+  FetchedDocument fetched;
+  int result = FetchDocument(inventory, nullptr, system.manufacturerUri, timeout, BodyCheck::kParse,
+                             fetched);
   if (result != RedfishStatusOk) return result;
   std::string manufacturer;
-  result = ManufacturerOf(document, manufacturer);
+  result = ManufacturerOf(fetched.document, manufacturer);
   if (result == RedfishStatusOk) {
     result = BmcRedfishUtils::StringToRedfishOem(inventory.Logger(), manufacturer, system.oem);
   }
@@ -139,20 +131,18 @@ int ReadPowerActions(Inventory& inventory, const std::string& json, RedfishSyste
 
 int ReadPowerState(Inventory& inventory, std::string& powerState, milliseconds timeout,
                    uint8_t systemIndex) {
-  int result = PopulatedSystem(inventory, timeout, systemIndex);
+  int result = inventory.PopulatedSystem(timeout, systemIndex);
   if (result != RedfishStatusOk) return result;
-  const std::string& uri = inventory.systems[systemIndex].powerStateUri;
-  TESSEL_LOG(inventory.Logger(), 5, "PowerState URI: %1", uri);
-  std::string body;
-  rapidjson::Document document;
-  result = FetchDocument(inventory, uri, timeout, BodyCheck::kVerify, body, document);
-  if (result != RedfishStatusOk) return result;
-  return PowerStateOf(document, powerState);
+  FetchedDocument fetched;
+  result =
+      FetchDocument(inventory, "PowerState URI: %1", inventory.systems[systemIndex].powerStateUri,
+                    timeout, BodyCheck::kVerify, fetched);
+  return result != RedfishStatusOk ? result : PowerStateOf(fetched.document, powerState);
 }
 
 int SendPowerCommand(Inventory& inventory, REDFISHCMD command, milliseconds timeout,
                      uint8_t systemIndex) {
-  int result = PopulatedSystem(inventory, timeout, systemIndex);
+  int result = inventory.PopulatedSystem(timeout, systemIndex);
   if (result != RedfishStatusOk) return result;
   const RedfishSystemRecord system = inventory.systems[systemIndex];
 
@@ -190,7 +180,7 @@ int SendPowerCommand(Inventory& inventory, REDFISHCMD command, milliseconds time
 
 int AllowedCommands(Inventory& inventory, milliseconds timeout, uint8_t systemIndex,
                     unsigned int& commands) {
-  const int result = PopulatedSystem(inventory, timeout, systemIndex);
+  const int result = inventory.PopulatedSystem(timeout, systemIndex);
   if (result != RedfishStatusOk) return result;
   unsigned int mask = 0;
   for (const auto& entry : inventory.systems[systemIndex].powerActions) {
