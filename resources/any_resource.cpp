@@ -28,7 +28,7 @@ int ReadResource(Inventory& inventory, const std::string& path, std::chrono::mil
   }
   FetchedDocument fetched;
   const int result = FetchDocument(inventory, nullptr, inventory.BaseUrl() + path, timeout,
-                                   BodyCheck::kParse, fetched);
+                                   BodyCheck::Parse, fetched);
   if (result != RedfishStatusOk) return result;
   if (fetched.document.HasParseError()) return RedfishStatusBadJson;
   if (!fetched.document.IsObject()) return RedfishStatusUnexpectedJson;

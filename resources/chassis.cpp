@@ -56,11 +56,11 @@ int DiscoverReadings(Inventory& inventory, const std::string& id, milliseconds t
   } else {
     std::string expanded = inventory.BaseUrl() + id + kExpand;
     FetchedDocument fetched;
-    result = FetchDocument(inventory, nullptr, expanded, timeout, BodyCheck::kParse, fetched);
+    result = FetchDocument(inventory, nullptr, expanded, timeout, BodyCheck::Parse, fetched);
     if (result == Tessel::Http::ResponseCode::BadRequest) {
       // A BMC that refuses the query still links its Thermal and Power.
       expanded = inventory.BaseUrl() + id;
-      result = FetchDocument(inventory, nullptr, expanded, timeout, BodyCheck::kParse, fetched);
+      result = FetchDocument(inventory, nullptr, expanded, timeout, BodyCheck::Parse, fetched);
     }
     const rapidjson::Document& chassis = fetched.document;
     if (result == Tessel::Http::ResponseCode::NotFound) return RedfishStatusOk;
@@ -84,7 +84,7 @@ int ReadChassisReadings(Inventory& inventory, const ReadingsSourceRecord& source
   out = ChassisReadings{source.id, source.uri, source.sensors ? "Sensors" : "ThermalPower", {}};
   for (const std::string& uri : source.readUris) {
     FetchedDocument fetched;
-    int result = FetchDocument(inventory, nullptr, uri, timeout, BodyCheck::kParse, fetched);
+    int result = FetchDocument(inventory, nullptr, uri, timeout, BodyCheck::Parse, fetched);
     if (result != RedfishStatusOk) return result;
     const rapidjson::Document& document = fetched.document;
     if (document.HasParseError() || !document.IsObject()) return RedfishStatusUnexpectedJson;
@@ -120,7 +120,7 @@ int ReadSensorInfo(Inventory& inventory, std::string& sensorJson, milliseconds t
   if (result != RedfishStatusOk) return result;
   FetchedDocument fetched;
   result = FetchDocument(inventory, "SENSOR_URI: %1", inventory.chassis[chassisIndex].sensorsUri,
-                         timeout, BodyCheck::kParse, fetched);
+                         timeout, BodyCheck::Parse, fetched);
   if (result != RedfishStatusOk) return result;
   TESSEL_LOG(inventory.Logger(), 5, "SENSOR_URI JSON: %1", fetched.body);
   // Parsed only to confirm it is an object; the caller gets the text as sent.

@@ -17,7 +17,7 @@ Inventory::Inventory(BmcRedfishConnection& connection, Tessel::Service::Logger* 
 
 int Inventory::WalkCollection(const std::string& uri, milliseconds timeout, const Visit& visit) {
   FetchedDocument collection;
-  int result = FetchDocument(*this, nullptr, uri, timeout, BodyCheck::kCollection, collection);
+  int result = FetchDocument(*this, nullptr, uri, timeout, BodyCheck::Collection, collection);
   if (result != RedfishStatusOk) return result;
   // Members before a malformed entry are visited first, as a walk in order
   // would: the failure comes when the walk reaches it.
@@ -78,12 +78,12 @@ int FetchDocument(const Inventory& inventory, const char* label, const std::stri
   if (label != nullptr) TESSEL_LOG(inventory.Logger(), 5, label, uri);
   const int result = inventory.Connection().MakeHttpRequestGet(uri, body, timeout);
   if (result != RedfishStatusOk) return result;
-  if (check == BodyCheck::kParse) {
+  if (check == BodyCheck::Parse) {
     ParseJson(document, body);
     return RedfishStatusOk;
   }
   return BmcRedfishUtils::VerifyJson(inventory.Logger(), body, document,
-                                     check == BodyCheck::kCollection);
+                                     check == BodyCheck::Collection);
 }
 
 }  // namespace redfish

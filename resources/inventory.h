@@ -88,7 +88,7 @@ std::string ChildUri(const Inventory& inventory, const char* kind, const std::st
 // How a fetched body is checked. Plain parsing logs nothing (a bad body then
 // has a null root); verifying logs a Redfish error or a bad body, and for a
 // collection insists on "Members" (BmcRedfishUtils::VerifyJson).
-enum class BodyCheck { kParse, kVerify, kCollection };
+enum class BodyCheck { Parse, Verify, Collection };
 
 // A fetched body as sent, and parsed.
 struct FetchedDocument {

@@ -49,7 +49,7 @@ int ReadMac(Inventory& inventory, std::string& mac, milliseconds timeout, uint8_
   if (result != RedfishStatusOk) return result;
   FetchedDocument fetched;
   result =
-      FetchDocument(inventory, "MAC_URI: %1", uris[nicIndex], timeout, BodyCheck::kParse, fetched);
+      FetchDocument(inventory, "MAC_URI: %1", uris[nicIndex], timeout, BodyCheck::Parse, fetched);
   return result != RedfishStatusOk ? result : MacAddressOf(fetched.document, mac);
 }
 

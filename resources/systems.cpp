@@ -80,8 +80,8 @@ int Inventory::PopulateSystems(milliseconds timeout) {
 
 int ReadManufacturer(Inventory& inventory, RedfishSystemRecord& system, milliseconds timeout) {
   FetchedDocument fetched;
-  int result = FetchDocument(inventory, nullptr, system.manufacturerUri, timeout, BodyCheck::kParse,
-                             fetched);
+  int result =
+      FetchDocument(inventory, nullptr, system.manufacturerUri, timeout, BodyCheck::Parse, fetched);
   if (result != RedfishStatusOk) return result;
   std::string manufacturer;
   result = ManufacturerOf(fetched.document, manufacturer);
@@ -136,7 +136,7 @@ int ReadPowerState(Inventory& inventory, std::string& powerState, milliseconds t
   FetchedDocument fetched;
   result =
       FetchDocument(inventory, "PowerState URI: %1", inventory.systems[systemIndex].powerStateUri,
-                    timeout, BodyCheck::kVerify, fetched);
+                    timeout, BodyCheck::Verify, fetched);
   return result != RedfishStatusOk ? result : PowerStateOf(fetched.document, powerState);
 }
 

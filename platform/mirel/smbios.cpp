@@ -46,7 +46,7 @@ int Fail(SMBIOS_Problem* problem, int status, const char* what, size_t offset) {
   return status;
 }
 
-enum class Verdict { kNotRedfish, kFound, kMalformed };
+enum class Verdict { NotRedfish, Found, Malformed };
 
 void DecodeRecord(const uint8_t* d, size_t size, SMBIOS_RedfishOverIp* out) {
   std::memcpy(out->serviceUuid, d + kRfUuid, 16);
@@ -73,18 +73,18 @@ void DecodeRecord(const uint8_t* d, size_t size, SMBIOS_RedfishOverIp* out) {
 Verdict ExamineHostInterface(const uint8_t* s, size_t length, size_t tableOffset,
                              SMBIOS_RedfishOverIp* out, SMBIOS_Problem* problem) {
   if (length <= kInterfaceType || s[kInterfaceType] != SMBIOS_INTERFACE_NETWORK) {
-    return Verdict::kNotRedfish;
+    return Verdict::NotRedfish;
   }
   if (length <= kInterfaceDataLength) {
     Note(problem, "network host interface too short for its data length field", tableOffset);
-    return Verdict::kMalformed;
+    return Verdict::Malformed;
   }
   const size_t dataLength = s[kInterfaceDataLength];
   size_t pos = kInterfaceData + dataLength;  // the protocol record count
   if (pos >= length) {
     Note(problem, "host interface data runs past its structure",
          tableOffset + kInterfaceDataLength);
-    return Verdict::kMalformed;
+    return Verdict::Malformed;
   }
   const size_t count = s[pos++];
   const uint8_t* redfish = nullptr;
@@ -92,25 +92,25 @@ Verdict ExamineHostInterface(const uint8_t* s, size_t length, size_t tableOffset
   for (size_t i = 0; i < count; ++i) {
     if (length - pos < 2) {
       Note(problem, "protocol record count exceeds what the structure holds", tableOffset + pos);
-      return Verdict::kMalformed;
+      return Verdict::Malformed;
     }
     const uint8_t type = s[pos];
     const size_t size = s[pos + 1];
     if (size > length - pos - 2) {
       Note(problem, "protocol record runs past its structure", tableOffset + pos);
-      return Verdict::kMalformed;
+      return Verdict::Malformed;
     }
     if (type == SMBIOS_PROTOCOL_REDFISH_OVER_IP && redfish == nullptr) {
       if (size < kRfFixedSize) {
         Note(problem, "Redfish-over-IP record shorter than 91 bytes", tableOffset + pos);
-        return Verdict::kMalformed;
+        return Verdict::Malformed;
       }
       redfish = s + pos + 2;
       redfishSize = size;
     }
     pos += 2 + size;
   }
-  if (redfish == nullptr) return Verdict::kNotRedfish;
+  if (redfish == nullptr) return Verdict::NotRedfish;
   if (out != nullptr) {
     *out = SMBIOS_RedfishOverIp{};
     out->handle = Le16(s + 2);
@@ -118,7 +118,7 @@ Verdict ExamineHostInterface(const uint8_t* s, size_t length, size_t tableOffset
     out->deviceType = dataLength > 0 ? s[kInterfaceData] : 0;
     DecodeRecord(redfish, redfishSize, out);
   }
-  return Verdict::kFound;
+  return Verdict::Found;
 }
 
 bool ChecksumIsZero(const uint8_t* p, size_t n) {
@@ -186,11 +186,11 @@ int SMBIOS_FindRedfishOverIp(const uint8_t* table, size_t length, SMBIOS_Redfish
     if (type == SMBIOS_TYPE_HOST_INTERFACE) {
       SMBIOS_Problem inner{nullptr, offset};
       switch (ExamineHostInterface(s, formatted, offset, record, &inner)) {
-        case Verdict::kFound:
+        case Verdict::Found:
           return NUC_OK;
-        case Verdict::kMalformed:
+        case Verdict::Malformed:
           return Fail(problem, NUC_ERR_CORRUPT_TABLE, inner.what, inner.offset);
-        case Verdict::kNotRedfish:
+        case Verdict::NotRedfish:
           break;
       }
     }

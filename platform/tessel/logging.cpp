@@ -167,13 +167,31 @@ bool Hold(int level, const std::string& line) {
   return true;
 }
 
+// Where a record is made: a string, or straight in the held traces.
+class StringOut {
+ public:
+  explicit StringOut(std::string& text) : text_(text) {}
+  size_t Size() const { return text_.size(); }
+  StringOut& Append(std::string_view text) {
+    text_.append(text);
+    return *this;
+  }
+  StringOut& Append(char c) {
+    text_.push_back(c);
+    return *this;
+  }
+
+ private:
+  std::string& text_;
+};
+
 // Appends a record straight to the held traces; overflows rather than write.
 class HeldOut {
  public:
   HeldOut() : start_(tHeld.used) {}
-  size_t size() const { return tHeld.used - start_; }
+  size_t Size() const { return tHeld.used - start_; }
   bool Overflowed() const { return overflowed_; }
-  HeldOut& append(std::string_view text) {
+  HeldOut& Append(std::string_view text) {
     if (overflowed_ || tHeld.used + text.size() > sizeof tHeld.data) {
       overflowed_ = true;
     } else {
@@ -182,7 +200,7 @@ class HeldOut {
     }
     return *this;
   }
-  void push_back(char c) { append(std::string_view(&c, 1)); }
+  HeldOut& Append(char c) { return Append(std::string_view(&c, 1)); }
   // Takes back what was appended.
   void Undo() { tHeld.used = start_; }
 
@@ -216,7 +234,7 @@ void AppendStamp(Out& line) {
   long us = static_cast<long>(tv.tv_usec);
   for (int digit = 6; digit >= 1; --digit, us /= 10)
     micros[digit] = static_cast<char>('0' + us % 10);
-  line.append(tSecond.text).append(std::string_view(micros, sizeof micros - 1));
+  line.Append(tSecond.text).Append(std::string_view(micros, sizeof micros - 1));
 }
 
 // The stamp, logger and level that open a record written to a descriptor.
@@ -224,7 +242,7 @@ template <typename Out>
 void AppendPrefix(const Logger& logger, int level, Out& out) {
   AppendStamp(out);
   const char levelText[] = {'[', static_cast<char>('0' + level % 10), ']', ' '};
-  out.append(logger.GetName()).append(std::string_view(levelText, sizeof levelText));
+  out.Append(logger.GetName()).Append(std::string_view(levelText, sizeof levelText));
 }
 
 int SyslogPriority(int level) {
@@ -237,14 +255,14 @@ template <typename Out>
 void AppendRecordText(std::string_view message, Out& out) {
   // A message's own final line break is the record's end, not content.
   if (!message.empty() && message.back() == '\n') message.remove_suffix(1);
-  const size_t start = out.size();
+  const size_t start = out.Size();
   // Most records need no escape: they go in one piece.
   if (message.size() <= kMaxLogRecordBytes &&
       std::none_of(message.begin(), message.end(), [](char c) {
         const auto u = static_cast<unsigned char>(c);
         return u < 0x20 || u == 0x7f;
       })) {
-    out.append(message);
+    out.Append(message);
     return;
   }
   size_t i = 0;
@@ -262,11 +280,11 @@ void AppendRecordText(std::string_view message, Out& out) {
       std::snprintf(hex, sizeof hex, "\\x%02x", u);
       piece = std::string_view(hex, 4);
     }
-    if (out.size() - start + piece.size() > kMaxLogRecordBytes) break;
-    out.append(piece);
+    if (out.Size() - start + piece.size() > kMaxLogRecordBytes) break;
+    out.Append(piece);
   }
   if (i < message.size()) {
-    out.append(" [cut ").append(std::to_string(message.size() - i)).append(" bytes]");
+    out.Append(" [cut ").Append(std::to_string(message.size() - i)).Append(" bytes]");
   }
 }
 
@@ -276,9 +294,10 @@ std::string Line(const Logger& logger, int level, const std::string& message, bo
                  bool stamped) {
   std::string line;
   line.reserve(std::min(message.size(), kMaxLogRecordBytes) + logger.GetName().size() + 64);
-  if (stamped) AppendPrefix(logger, level, line);
-  AppendRecordText(mask ? MaskCredentials(message) : message, line);
-  if (stamped) line.push_back('\n');
+  StringOut out(line);
+  if (stamped) AppendPrefix(logger, level, out);
+  AppendRecordText(mask ? MaskCredentials(message) : message, out);
+  if (stamped) out.Append('\n');
   return line;
 }
 
@@ -317,7 +336,8 @@ void Publish(const SinkState& state) {
 std::string LogRecordText(std::string_view message) {
   std::string out;
   out.reserve(std::min(message.size(), kMaxLogRecordBytes) + 32);
-  AppendRecordText(message, out);
+  StringOut text(out);
+  AppendRecordText(message, text);
   return out;
 }
 
@@ -363,7 +383,7 @@ void WriteLog(const Logger& logger, int level, const std::string& message) noexc
       HeldOut held;
       AppendPrefix(logger, level, held);
       AppendRecordText((flags & kMasked) != 0 ? MaskCredentials(message) : message, held);
-      held.push_back('\n');
+      held.Append('\n');
       if (!held.Overflowed()) return;
       held.Undo();  // written below, after what is held
     }
