@@ -65,7 +65,7 @@ void SetAuthentication(Http::ClientRequest& request, const std::optional<std::st
   if (token) {
     request.SetHeader("X-Auth-Token", *token);
   } else {
-    request.SetHeader("Authorization", Tessel::Detail::ASPrintInternal("Basic %1", jwt));
+    request.SetHeader("Authorization", "Basic " + jwt);
   }
 }
 

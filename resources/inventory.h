@@ -90,10 +90,13 @@ std::string ChildUri(const Inventory& inventory, const char* kind, const std::st
 // collection insists on "Members" (BmcRedfishUtils::VerifyJson).
 enum class BodyCheck { Parse, Verify, Collection };
 
-// A fetched body as sent, and parsed.
+// A fetched body as sent, and parsed. Most Redfish answers parse within the
+// pool here, without a heap chunk of the parser's own.
 struct FetchedDocument {
   std::string body;
-  rapidjson::Document document;
+  char pool[2048];
+  rapidjson::MemoryPoolAllocator<> allocator{pool, sizeof pool};
+  rapidjson::Document document{&allocator};
 };
 
 // GETs uri, logging it under label first when one is given ("PowerState

@@ -187,6 +187,7 @@ void ClientRequest::SetHeader(const std::string& name, const std::string& value)
       return;
     }
   }
+  if (headers_.empty()) headers_.reserve(4);  // a request carries a few
   headers_.push_back(Header{name, value});
 }
 
