@@ -587,6 +587,10 @@ void PoolCore::SubmitQueued() {
   static const std::string kMethod = ":method", kScheme = ":scheme", kHttp = "http",
                            kAuthority = ":authority", kPath = ":path", kLength = "content-length";
   while (conn_ == Conn::Up && !queue_.empty() && streams_.size() < config_->maxConcurrentStreams) {
+    if (!nghttp2_session_check_request_allowed(session_)) {
+      conn_ = Conn::Draining;  // stream ids used up, or the session ends: the next connection
+      break;
+    }
     Ref<Exchange> ex = queue_.front();
     const std::string method = MethodName(ex->method);
     const bool hasBody = ex->HasBody();
@@ -608,10 +612,6 @@ void PoolCore::SubmitQueued() {
     ex->bodySent = 0;
     const int32_t id = nghttp2_submit_request(session_, nullptr, nva.data(), nva.size(),
                                               hasBody ? &provider : nullptr, ex.Get());
-    if (id == NGHTTP2_ERR_STREAM_ID_NOT_AVAILABLE) {
-      conn_ = Conn::Draining;  // stream ids used up: the next connection takes it
-      break;
-    }
     queue_.pop_front();
     if (id < 0) {
       Finish(*ex, nullptr, {Failure::Other, 0, nghttp2_strerror(id)});
@@ -670,12 +670,15 @@ void PoolCore::ReadAvailable() {
     return ConnectionLost(std::strerror(errno));
   }
   if (session_ == nullptr) return;
-  if (!nghttp2_session_want_read(session_) && !nghttp2_session_want_write(session_)) {
-    return ConnectionLost("the HTTP/2 session ended");
-  }
   if (conn_ == Conn::Up) SubmitQueued();
   Flush();
-  if (brokenErrno_ != 0 && !driving_) ConnectionLost(std::strerror(brokenErrno_));
+  if (brokenErrno_ != 0 && !driving_) return ConnectionLost(std::strerror(brokenErrno_));
+  // A connection error (a frame that breaks the protocol, bytes that are not
+  // HTTP/2) reads as success: nghttp2 queues a GOAWAY and ends the session
+  // once it is written. Nothing more comes on this connection.
+  if (!nghttp2_session_want_read(session_) && !nghttp2_session_want_write(session_)) {
+    ConnectionLost(sessionError_.empty() ? "the HTTP/2 session ended" : sessionError_);
+  }
 }
 
 void PoolCore::ConnectionLost(const std::string& why) {
@@ -708,6 +711,7 @@ void PoolCore::CloseConnection() {
   outOff_ = 0;
   brokenErrno_ = 0;
   goawayLast_ = -1;
+  sessionError_.clear();
 }
 
 int PoolCore::OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8_t* name,
@@ -772,6 +776,16 @@ int PoolCore::OnFrameRecv(nghttp2_session*, const nghttp2_frame* frame, void* p)
 
 int PoolCore::OnFrameSend(nghttp2_session*, const nghttp2_frame* frame, void* p) {
   auto* self = static_cast<PoolCore*>(p);
+  if (frame->hd.type == NGHTTP2_GOAWAY && frame->goaway.error_code != NGHTTP2_NO_ERROR) {
+    // nghttp2 ends the connection for what the server sent; say why.
+    const auto& goaway = frame->goaway;
+    self->sessionError_ =
+        std::string("HTTP/2 connection error ") + nghttp2_http2_strerror(goaway.error_code);
+    if (goaway.opaque_data_len > 0) {
+      self->sessionError_ += ": " + std::string(reinterpret_cast<const char*>(goaway.opaque_data),
+                                                goaway.opaque_data_len);
+    }
+  }
   if (frame->hd.type != NGHTTP2_HEADERS) return 0;
   auto it = self->streams_.find(frame->hd.stream_id);
   if (it != self->streams_.end()) {

@@ -188,7 +188,8 @@ class PoolCore : public RefCounted {
   int64_t connectDeadline_ = 0;
   nghttp2_session* session_ = nullptr;
   int32_t goawayLast_ = -1;
-  int brokenErrno_ = 0;  // a write failed outside the leader
+  int brokenErrno_ = 0;       // a write failed outside the leader
+  std::string sessionError_;  // why nghttp2 ended the connection, if it did
   std::string out_;
   size_t outOff_ = 0;
   int64_t lastRead_ = 0;
