@@ -102,7 +102,9 @@ void PoolCore::Wait(Exchange& ex, int64_t limitUs) {
   ex.waited = true;
   waiters_.push_back(&ex);
   Lead(&ex, deadline);
-  waiters_.erase(std::find(waiters_.begin(), waiters_.end(), &ex));
+  // A forked child forgets its parent's waiters.
+  auto waiter = std::find(waiters_.begin(), waiters_.end(), &ex);
+  if (waiter != waiters_.end()) waiters_.erase(waiter);
   ex.waited = false;
   if (ex.state == State::Done) return;
 
@@ -197,11 +199,12 @@ void PoolCore::DriveOnce(const Exchange* own, int64_t deadline) {
         INT_MAX, std::max<int64_t>(0, (until - System::GetMonotonicTime() + 999) / 1000)));
   }
   const int fd = fd_;
-  std::vector<Ref<Exchange>> wake;
-  wake.swap(toWake_);
-  mutex_.Unlock();
-  for (auto& w : wake) w->ended.notify_one();
-  wake.clear();
+  {
+    std::vector<Ref<Exchange>> wake;
+    wake.swap(toWake_);
+    mutex_.Unlock();
+    for (auto& w : wake) w->ended.notify_one();
+  }  // nothing on the heap is held across the poll, where a fork() may find it
   const int ready = poll(fds, n, timeoutMs);
   mutex_.Lock();
   if (ready < 0) return;

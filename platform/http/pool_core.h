@@ -6,7 +6,7 @@
 //   leader_follower.cpp  submitting, waiting, leading, the callback thread
 //   socket_connect.cpp   opening the TCP connection
 //   h2_session.cpp       the nghttp2 session on it and nghttp2's callbacks
-//   pool_registry.cpp    construction, stopping and unload
+//   pool_registry.cpp    construction, stopping, unload and fork
 
 #include <nghttp2/nghttp2.h>
 
@@ -33,7 +33,8 @@ Failure StoppedFailure();
 
 class PoolCore;
 
-// The live pools, so that unloading the library stops them all.
+// The live pools, so that unloading the library stops them all, and a child
+// of fork() starts with none of its parent's connections, threads or locks.
 class PoolRegistry {
  public:
   // False once the library is being unloaded: the pool starts stopped.
@@ -46,14 +47,27 @@ class PoolRegistry {
   static void JoinOrPark(std::thread& thread) TESSEL_EXCLUDES(mutex_);
   // Joins the parked threads other than the calling one.
   static void JoinParked() TESSEL_EXCLUDES(mutex_);
+  // Installs the fork() handlers below (once, when the library loads).
+  static void InstallForkHandlers();
 
  private:
+  // pthread_atfork handlers: the registry's mutex and every pool's are held
+  // across fork(), so the child gets them in a known state.
+  static void BeforeFork() TESSEL_NO_THREAD_SAFETY_ANALYSIS;
+  static void AfterForkInParent() TESSEL_NO_THREAD_SAFETY_ANALYSIS;
+  static void AfterForkInChild() TESSEL_NO_THREAD_SAFETY_ANALYSIS;
+
   // Never destroyed: no destructor of it may run at exit before the
-  // finaliser or a late pool.
+  // finaliser or a late pool, nor in a child that keeps its parent's threads.
   static Mutex mutex_;
   static PoolCore* head_ TESSEL_GUARDED_BY(mutex_);
   static std::vector<std::thread>* parked_ TESSEL_GUARDED_BY(mutex_);
   static bool closed_ TESSEL_GUARDED_BY(mutex_);
+  // A forked child's share of its parent's exchanges and threads, kept (and
+  // reachable) but never touched: the threads waiting on them are not there.
+  static std::vector<Ref<Exchange>>* parentExchanges_ TESSEL_GUARDED_BY(mutex_);
+  static std::vector<std::thread>* parentThreads_ TESSEL_GUARDED_BY(mutex_);
+
   friend class PoolCore;
 };
 
@@ -128,8 +142,11 @@ class PoolCore : public RefCounted {
 
   // pool_registry.cpp
   void StopNoJoin(std::vector<std::thread>& later) noexcept TESSEL_EXCLUDES(mutex_);
+  void ForgetParent(std::vector<Ref<Exchange>>& exchanges, std::vector<std::thread>& threads)
+      TESSEL_REQUIRES(mutex_);
 
-  // Fixed at construction.
+  // Fixed at construction (the eventfd is replaced in a forked child, which
+  // has a single thread then).
   Ref<ConnectionSpec> spec_;
   Ref<Http2SvcConfig> config_;
   int wakeFd_ = -1;  // eventfd: interrupts the leader's poll
