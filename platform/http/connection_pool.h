@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-#include "platform/http/internal.h"
+#include "platform/http/pool_core.h"
 
 namespace Tessel::Http {
 

@@ -16,7 +16,8 @@
 #include <climits>
 #include <cstring>
 
-#include "platform/http/internal.h"
+#include "platform/http/exchange.h"
+#include "platform/http/name_resolution.h"
 
 namespace Tessel::Http {
 namespace {

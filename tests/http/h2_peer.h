@@ -2,8 +2,9 @@
 
 // A scripted h2c server for the faults nginx does not produce on demand: a
 // connection reset or closed with a request outstanding, GOAWAY, refused and
-// reset streams. It records each request's header fields and answers with a
-// bare ":status: 200".
+// reset streams, connection errors. It records each request's header fields
+// and answers with a bare ":status: 200". Its SETTINGS wait for the first
+// request, so that an HTTP/1.1 answer there answers the preface.
 #include <netinet/in.h>
 #include <nghttp2/nghttp2.h>
 #include <poll.h>
@@ -33,6 +34,10 @@ class H2Peer {
     ResetStream,
     GoawayAndClose,           // GOAWAY that leaves the stream out, as unprocessed
     GoawayIncludingAndClose,  // GOAWAY that takes the stream in, then no answer
+    // Connection errors; the socket then stays open, silent, until the client closes it.
+    BadHeaderBlock,  // HEADERS whose block does not decode
+    OversizedFrame,  // DATA longer than the client's maximum frame size
+    Http1Answer,     // an HTTP/1.1 error page instead of HTTP/2
   };
   // Called for each complete request: its index over all connections.
   using Script = std::function<Action(int request)>;
@@ -68,6 +73,10 @@ class H2Peer {
     return received_;
   }
   int Requests() { return static_cast<int>(Received().size()); }
+  int Connections() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return static_cast<int>(connections_.size());
+  }
 
  private:
   void Accept() {
@@ -102,9 +111,13 @@ class H2Peer {
     uint8_t preface[24];
     uint32_t lastDone = 0;
     bool writing = true;  // false once our side is closed: frames are only counted
+    bool greeted = false, ackOwed = false;
+    auto greet = [&] {  // our SETTINGS, then the acknowledgement of the client's
+      if (!std::exchange(greeted, true)) Frame(fd, 4, 0, 0);
+      if (std::exchange(ackOwed, false)) Frame(fd, 4, 1, 0);
+    };
     bool open = ReadAll(fd, preface, sizeof preface) &&
                 std::memcmp(preface, "PRI * HTTP/2.0\r\n\r\nSM\r\n\r\n", 24) == 0;
-    if (open) Frame(fd, 4, 0, 0);  // our SETTINGS
     nghttp2_hd_inflater* inflater = nullptr;
     nghttp2_hd_inflate_new(&inflater);
     while (open) {
@@ -120,7 +133,8 @@ class H2Peer {
         received_.push_back(std::move(fields));
       }
       if (!writing) continue;
-      if (type == 4 && !(flags & 1)) Frame(fd, 4, 1, 0);           // SETTINGS: ack
+      ackOwed |= type == 4 && !(flags & 1);
+      if (greeted || type == 6) greet();  // a PING is answered after our SETTINGS
       if (type == 6 && !(flags & 1)) Frame(fd, 6, 1, 0, payload);  // PING: answer
       if ((type != 0 && type != 1) || !(flags & 1)) continue;      // until END_STREAM
       int index;
@@ -129,6 +143,7 @@ class H2Peer {
         index = requests_++;
       }
       const Action action = script_(index);
+      if (action != Http1Answer) greet();
       switch (action) {
         case Respond:
           Frame(fd, 1, 0x5, stream, {0x88});  // END_STREAM|END_HEADERS, ":status: 200"
@@ -156,6 +171,21 @@ class H2Peer {
         case ResetStream:
           Frame(fd, 3, 0, stream, {0, 0, 0, 2});
           break;  // INTERNAL_ERROR
+        case BadHeaderBlock:
+          Frame(fd, 1, 0x5, stream, {0x80});  // index 0: no such field
+          writing = false;
+          break;
+        case OversizedFrame:
+          Frame(fd, 0, 0, stream, std::vector<uint8_t>(16385));
+          writing = false;
+          break;
+        case Http1Answer: {
+          const std::string page =
+              "HTTP/1.1 400 Bad Request\r\nContent-Length: 11\r\n\r\nBad Request";
+          (void)!write(fd, page.data(), page.size());
+          writing = false;
+          break;
+        }
       }
     }
     nghttp2_hd_inflate_del(inflater);

@@ -3,6 +3,8 @@
 // Helpers of the HTTP client tests; they run under with-nginx (see there).
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
 
 #include <atomic>
 #include <chrono>
@@ -56,6 +58,18 @@ bool Eventually(F condition, double seconds = 10) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   return true;
+}
+
+// Waits for a child process for up to `seconds`: its exit status, 128 plus
+// the signal that ended it, or -1 when it had to be killed.
+inline int WaitChild(pid_t pid, double seconds = 30) {
+  int status = 0;
+  if (!Eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, seconds)) {
+    kill(pid, SIGKILL);
+    waitpid(pid, &status, 0);
+    return -1;
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 // What f threw: "errno N" for a SystemException, "timeout: ..." for a time-out,

@@ -1,9 +1,7 @@
 // Unloading the library, or exiting, with an exchange in flight neither
 // crashes nor hangs: pools are stopped and their callback threads joined first.
 #include <dlfcn.h>
-#include <signal.h>
 #include <spawn.h>
-#include <sys/wait.h>
 
 #include "http_test.h"
 
@@ -29,20 +27,14 @@ TEST(Unload, DlcloseWithAnExchangeInFlight) {
   }
 }
 
-// Runs the helper and returns its exit status, or -1 if it had to be killed.
+// Runs the helper and returns what WaitChild says of it.
 int RunHelper(std::vector<std::string> args) {
   std::vector<char*> argv;
   for (auto& a : args) argv.push_back(a.data());
   argv.push_back(nullptr);
   pid_t pid;
   if (posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ) != 0) return -2;
-  int status = 0;
-  if (!Eventually([&] { return waitpid(pid, &status, WNOHANG) == pid; }, 30)) {
-    kill(pid, SIGKILL);
-    waitpid(pid, &status, 0);
-    return -1;
-  }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return WaitChild(pid);
 }
 
 TEST(Unload, ExitWithAnExchangeInFlight) {

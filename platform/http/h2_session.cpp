@@ -1,0 +1,332 @@
+// The nghttp2 session on a pool's connection: submitting requests, writing
+// what nghttp2 has ready, reading into it, and nghttp2's callbacks, which it
+// makes from those calls, under the pool's mutex.
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "platform/http/pool_core.h"
+
+namespace Tessel::Http {
+namespace {
+
+constexpr size_t kReadBuffer = 256 << 10;
+constexpr int32_t kStreamWindow = 16 << 20;  // large bodies flow without waiting for updates
+
+std::string Authority(const ConnectionSpec& spec) {
+  std::string a =
+      spec.GetHost().find(':') != std::string::npos ? "[" + spec.GetHost() + "]" : spec.GetHost();
+  return a + ":" + std::to_string(spec.GetPort());
+}
+
+// A header field for nghttp2, which copies it before the call returns.
+nghttp2_nv HeaderField(const std::string& name, const std::string& value) {
+  return {reinterpret_cast<uint8_t*>(const_cast<char*>(name.data())),
+          reinterpret_cast<uint8_t*>(const_cast<char*>(value.data())), name.size(), value.size(),
+          NGHTTP2_NV_FLAG_NONE};
+}
+
+}  // namespace
+
+// A connection nobody read from for a while may have been closed by the
+// server (idle time-out, restart): learn that before putting a request on it.
+void PoolCore::CheckIdleConnection() { ReadAvailable(); }
+
+void PoolCore::Connected() {
+  // The session copies the callbacks; nothing is kept that an unload would leak.
+  nghttp2_session_callbacks* callbacks = nullptr;
+  int rc = nghttp2_session_callbacks_new(&callbacks);
+  if (rc == 0) {
+    nghttp2_session_callbacks_set_on_header_callback(callbacks, &PoolCore::OnHeader);
+    nghttp2_session_callbacks_set_on_data_chunk_recv_callback(callbacks, &PoolCore::OnData);
+    nghttp2_session_callbacks_set_on_frame_recv_callback(callbacks, &PoolCore::OnFrameRecv);
+    nghttp2_session_callbacks_set_on_frame_send_callback(callbacks, &PoolCore::OnFrameSend);
+    nghttp2_session_callbacks_set_on_stream_close_callback(callbacks, &PoolCore::OnStreamClose);
+    rc = nghttp2_session_client_new(&session_, callbacks, this);
+    nghttp2_session_callbacks_del(callbacks);
+  }
+  addressIndex_ = 0;
+  if (rc != 0) {
+    session_ = nullptr;
+    return ConnectFailed(ENOMEM);
+  }
+  const nghttp2_settings_entry settings[] = {{NGHTTP2_SETTINGS_ENABLE_PUSH, 0},
+                                             {NGHTTP2_SETTINGS_INITIAL_WINDOW_SIZE, kStreamWindow}};
+  nghttp2_submit_settings(session_, NGHTTP2_FLAG_NONE, settings, 2);
+  nghttp2_session_set_local_window_size(session_, NGHTTP2_FLAG_NONE, 0, 1 << 30);
+  conn_ = ConnectionState::Up;
+  goawayLastStream_ = -1;
+  lastReadUs_ = System::GetMonotonicTime();
+  if (in_.empty()) in_.resize(kReadBuffer);
+  SubmitQueued();
+  Flush();
+}
+
+void PoolCore::SubmitQueued() {
+  const std::string authority = Authority(*spec_);
+  std::vector<nghttp2_nv> nva;
+  static const std::string kMethod = ":method", kScheme = ":scheme", kHttp = "http",
+                           kAuthority = ":authority", kPath = ":path", kLength = "content-length";
+  while (conn_ == ConnectionState::Up && !queue_.empty() &&
+         streams_.size() < config_->maxConcurrentStreams) {
+    if (!nghttp2_session_check_request_allowed(session_)) {
+      conn_ = ConnectionState::Draining;  // stream ids used up, or the session ends: the next
+                                          // connection
+      break;
+    }
+    Ref<Exchange> ex = queue_.front();
+    const std::string method = MethodName(ex->method);
+    const bool hasBody = ex->HasBody();
+    const std::string length = std::to_string(ex->body.size());
+    nva.clear();
+    nva.push_back(HeaderField(kMethod, method));
+    nva.push_back(HeaderField(kScheme, kHttp));
+    nva.push_back(HeaderField(kAuthority, authority));
+    nva.push_back(HeaderField(kPath, ex->target));
+    bool hasLength = false;
+    for (const auto& h : ex->headers) {
+      hasLength |= h.name == kLength;
+      nva.push_back(HeaderField(h.name, h.value));
+    }
+    if (hasBody && !hasLength) nva.push_back(HeaderField(kLength, length));
+    nghttp2_data_provider provider{};
+    provider.source.ptr = ex.Get();
+    provider.read_callback = &PoolCore::ReadBody;
+    ex->bodySent = 0;
+    const int32_t id = nghttp2_submit_request(session_, nullptr, nva.data(), nva.size(),
+                                              hasBody ? &provider : nullptr, ex.Get());
+    queue_.pop_front();
+    if (id < 0) {
+      Finish(*ex, nullptr, {Failure::Other, 0, nghttp2_strerror(id)});
+      continue;
+    }
+    ex->state = Exchange::State::OnStream;
+    ex->streamId = id;
+    streams_.emplace(id, std::move(ex));
+  }
+}
+
+// Gathers every frame nghttp2 has ready into one buffer and writes it with
+// one send: many waiting callers' requests leave together.
+bool PoolCore::Flush() {
+  if (session_ == nullptr || fd_ < 0 || brokenErrno_ != 0) return brokenErrno_ == 0;
+  for (;;) {
+    if (outOffset_ == out_.size()) {
+      out_.clear();
+      outOffset_ = 0;
+      while (out_.size() < (1u << 20)) {
+        const uint8_t* data = nullptr;
+        const ssize_t n = nghttp2_session_mem_send(session_, &data);
+        if (n < 0) {
+          brokenErrno_ = EPROTO;
+          return false;
+        }
+        if (n == 0) break;
+        out_.append(reinterpret_cast<const char*>(data), static_cast<size_t>(n));
+      }
+      if (out_.empty()) return true;
+    }
+    const ssize_t w =
+        send(fd_, out_.data() + outOffset_, out_.size() - outOffset_, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (w < 0) {
+      if (errno == EINTR) continue;
+      if (errno != EAGAIN && errno != EWOULDBLOCK) brokenErrno_ = errno;
+      return false;
+    }
+    outOffset_ += static_cast<size_t>(w);
+  }
+}
+
+void PoolCore::ReadAvailable() {
+  while (fd_ >= 0 && session_ != nullptr) {
+    const ssize_t n = recv(fd_, in_.data(), in_.size(), MSG_DONTWAIT);
+    if (n > 0) {
+      lastReadUs_ = System::GetMonotonicTime();
+      const ssize_t rv = nghttp2_session_mem_recv(session_, in_.data(), static_cast<size_t>(n));
+      if (rv < 0) return ConnectionLost(nghttp2_strerror(static_cast<int>(rv)));
+      if (static_cast<size_t>(n) < in_.size()) break;
+      continue;
+    }
+    if (n == 0) return ConnectionLost("the server closed the connection");
+    if (errno == EINTR) continue;
+    if (errno == EAGAIN || errno == EWOULDBLOCK) break;
+    return ConnectionLost(std::strerror(errno));
+  }
+  if (session_ == nullptr) return;
+  if (conn_ == ConnectionState::Up) SubmitQueued();
+  Flush();
+  if (brokenErrno_ != 0 && !driving_) return ConnectionLost(std::strerror(brokenErrno_));
+  // A connection error (a frame that breaks the protocol, bytes that are not
+  // HTTP/2) reads as success: nghttp2 queues a GOAWAY and ends the session
+  // once it is written. Nothing more comes on this connection.
+  if (!nghttp2_session_want_read(session_) && !nghttp2_session_want_write(session_)) {
+    ConnectionLost(sessionError_.empty() ? "the HTTP/2 session ended" : sessionError_);
+  }
+}
+
+void PoolCore::ConnectionLost(const std::string& why) {
+  std::unordered_map<int32_t, Ref<Exchange>> streams;
+  streams.swap(streams_);
+  for (auto& [id, ex] : streams) {
+    if (ex->state != Exchange::State::OnStream) continue;
+    // Not on the wire yet, or declared unprocessed by the server's GOAWAY.
+    if (!ex->onWire || (goawayLastStream_ >= 0 && id > goawayLastStream_)) {
+      Requeue(ex);
+    } else {
+      Finish(*ex, nullptr,
+             {Failure::Other, 0,
+              "the connection failed after the request was sent, which may have been processed; "
+              "it is not sent again (" +
+                  why + ")"});
+    }
+  }
+  CloseConnection();
+}
+
+void PoolCore::CloseConnection() {
+  streams_.clear();
+  if (session_ != nullptr) nghttp2_session_del(session_);
+  session_ = nullptr;
+  if (fd_ >= 0) close(fd_);
+  fd_ = -1;
+  conn_ = ConnectionState::None;
+  out_.clear();
+  outOffset_ = 0;
+  brokenErrno_ = 0;
+  goawayLastStream_ = -1;
+  sessionError_.clear();
+}
+
+int PoolCore::OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8_t* name,
+                       size_t namelen, const uint8_t* value, size_t valuelen, uint8_t, void* p) {
+  auto* self = static_cast<PoolCore*>(p);
+  self->mutex_.AssertHeld();
+  if (frame->hd.type != NGHTTP2_HEADERS) return 0;
+  auto it = self->streams_.find(frame->hd.stream_id);
+  if (it == self->streams_.end()) return 0;
+  Exchange& ex = *it->second;
+  std::string_view n(reinterpret_cast<const char*>(name), namelen);
+  std::string_view v(reinterpret_cast<const char*>(value), valuelen);
+  if (n == ":status") {
+    // A final status after an informational one starts the headers afresh.
+    ex.responseHeaders.clear();
+    ex.status = 0;
+    for (char c : v) ex.status = c >= '0' && c <= '9' ? ex.status * 10 + (c - '0') : 1000;
+    return 0;
+  }
+  if (n.empty() || n[0] == ':') return 0;
+  if (n == "content-length" && frame->headers.cat == NGHTTP2_HCAT_RESPONSE) {
+    uint64_t length = 0;
+    for (char c : v) {
+      length = c >= '0' && c <= '9' && length < (UINT64_MAX - 9) / 10 ? length * 10 + (c - '0')
+                                                                      : UINT64_MAX;
+    }
+    if (length > static_cast<uint64_t>(self->config_->maxResponseBodyBytes)) {
+      ex.tooLarge = true;
+      return NGHTTP2_ERR_TEMPORAL_CALLBACK_FAILURE;  // resets the stream
+    }
+    ex.responseBody.reserve(static_cast<size_t>(length));  // one allocation for the body
+  }
+  ex.responseHeaders.push_back(Header{std::string(n), std::string(v)});
+  return 0;
+}
+
+int PoolCore::OnData(nghttp2_session* session, uint8_t, int32_t stream, const uint8_t* data,
+                     size_t len, void* p) {
+  auto* self = static_cast<PoolCore*>(p);
+  self->mutex_.AssertHeld();
+  auto it = self->streams_.find(stream);
+  if (it == self->streams_.end()) return 0;
+  Exchange& ex = *it->second;
+  if (ex.tooLarge) return 0;
+  if (ex.responseBody.size() + len > static_cast<uint64_t>(self->config_->maxResponseBodyBytes)) {
+    ex.tooLarge = true;
+    nghttp2_submit_rst_stream(session, NGHTTP2_FLAG_NONE, stream, NGHTTP2_CANCEL);
+    return 0;
+  }
+  // The one copy of the body inside the client: from the read buffer into
+  // the string that the response then takes by move.
+  ex.responseBody.append(reinterpret_cast<const char*>(data), len);
+  return 0;
+}
+
+int PoolCore::OnFrameRecv(nghttp2_session*, const nghttp2_frame* frame, void* p) {
+  auto* self = static_cast<PoolCore*>(p);
+  self->mutex_.AssertHeld();
+  if (frame->hd.type == NGHTTP2_GOAWAY) {
+    self->goawayLastStream_ = frame->goaway.last_stream_id;
+    if (self->conn_ == ConnectionState::Up) self->conn_ = ConnectionState::Draining;
+  }
+  return 0;
+}
+
+int PoolCore::OnFrameSend(nghttp2_session*, const nghttp2_frame* frame, void* p) {
+  auto* self = static_cast<PoolCore*>(p);
+  self->mutex_.AssertHeld();
+  if (frame->hd.type == NGHTTP2_GOAWAY && frame->goaway.error_code != NGHTTP2_NO_ERROR) {
+    // nghttp2 ends the connection for what the server sent; say why.
+    const auto& goaway = frame->goaway;
+    self->sessionError_ =
+        std::string("HTTP/2 connection error ") + nghttp2_http2_strerror(goaway.error_code);
+    if (goaway.opaque_data_len > 0) {
+      self->sessionError_ += ": " + std::string(reinterpret_cast<const char*>(goaway.opaque_data),
+                                                goaway.opaque_data_len);
+    }
+  }
+  if (frame->hd.type != NGHTTP2_HEADERS) return 0;
+  auto it = self->streams_.find(frame->hd.stream_id);
+  if (it != self->streams_.end()) {
+    it->second->onWire = true;
+    it->second->everSent = true;
+  }
+  return 0;
+}
+
+int PoolCore::OnStreamClose(nghttp2_session*, int32_t stream, uint32_t error, void* p) {
+  auto* self = static_cast<PoolCore*>(p);
+  self->mutex_.AssertHeld();
+  auto it = self->streams_.find(stream);
+  if (it == self->streams_.end()) return 0;
+  Ref<Exchange> ex = std::move(it->second);
+  self->streams_.erase(it);
+  if (ex->state != Exchange::State::OnStream) return 0;
+  if (ex->tooLarge) {
+    self->Finish(*ex, nullptr,
+                 {Failure::Other, 0,
+                  "response body larger than " +
+                      std::to_string(self->config_->maxResponseBodyBytes) + " bytes"});
+  } else if (error == NGHTTP2_NO_ERROR && ex->status >= 100 && ex->status <= 999) {
+    self->Finish(*ex,
+                 MakeRef<ClientResponse>(ex->status, std::move(ex->responseHeaders),
+                                         std::move(ex->responseBody)),
+                 Failure{});
+  } else if (error == NGHTTP2_REFUSED_STREAM || !ex->onWire) {
+    // REFUSED_STREAM (also how a GOAWAY's unprocessed streams end) means the
+    // server did not act on it.
+    self->Requeue(ex);
+  } else {
+    self->Finish(*ex, nullptr,
+                 {Failure::Other, 0,
+                  std::string("the stream ended without a complete response (") +
+                      nghttp2_http2_strerror(error) +
+                      "); the request may have been processed and is not sent again"});
+  }
+  return 0;
+}
+
+ssize_t PoolCore::ReadBody(nghttp2_session*, int32_t, uint8_t* buf, size_t length, uint32_t* flags,
+                           nghttp2_data_source* source, void*) {
+  auto* ex = static_cast<Exchange*>(source->ptr);
+  const size_t n = std::min(length, ex->body.size() - ex->bodySent);
+  // A body is bytes, not a string: nothing to terminate.
+  // NOLINTNEXTLINE(bugprone-not-null-terminated-result)
+  if (n > 0) std::memcpy(buf, ex->body.data() + ex->bodySent, n);
+  ex->bodySent += n;
+  if (ex->bodySent == ex->body.size()) *flags |= NGHTTP2_DATA_FLAG_EOF;
+  return static_cast<ssize_t>(n);
+}
+
+}  // namespace Tessel::Http

@@ -1,0 +1,313 @@
+// Leader/follower: a pool has no I/O thread. A thread waiting for one of its
+// exchanges drives the connection while nobody else does, and sleeps on its
+// exchange's condition variable otherwise; completion callbacks run on the
+// thread that completed the exchange, or on the pool's callback thread.
+#include <poll.h>
+#include <pthread.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <climits>
+#include <cstring>
+
+#include "platform/http/pool_core.h"
+
+namespace Tessel::Http {
+namespace {
+
+constexpr int kMaxResends = 5;  // a server that keeps refusing a request gets it no more often
+constexpr int64_t kIdleCheckUs = 20000;
+
+// The pool whose completion callback the calling thread runs, if any.
+thread_local const PoolCore* callbackPoolOfThread = nullptr;
+
+}  // namespace
+
+size_t PoolCore::ActiveCount() {
+  MutexLock lock(mutex_);
+  return queue_.size() + streams_.size();
+}
+
+bool PoolCore::InOwnCallback() const noexcept { return callbackPoolOfThread == this; }
+
+// Only the leader polls, and it only lets go of the mutex to poll: holding
+// the mutex with driving_ set means the leader is in (or about to enter)
+// poll. One write per poll is enough; the leader drains it under the mutex.
+void PoolCore::Wake() {
+  if (driving_ && ClaimWake()) SignalWake();
+}
+
+bool PoolCore::ClaimWake() {
+  if (wakePending_) return false;
+  wakePending_ = true;
+  return true;
+}
+
+void PoolCore::SignalWake() const {
+  uint64_t one = 1;
+  (void)!write(wakeFd_, &one, sizeof one);
+}
+
+void PoolCore::Submit(const Ref<Exchange>& ex) {
+  if (ex->callback) PoolRegistry::JoinParked();
+  bool wakeLeader = false;
+  {
+    MutexLock lock(mutex_);
+    if (stopped_ || ClientUnloaded()) {
+      ex->state = Exchange::State::Done;
+      ex->failure = StoppedFailure();
+      return;
+    }
+    if (conn_ == ConnectionState::Up && !driving_ &&
+        System::GetMonotonicTime() - lastReadUs_ > kIdleCheckUs) {
+      CheckIdleConnection();
+    }
+    queue_.push_back(ex);
+    if (ex->callback) {
+      ++callbacksPending_;
+      if (!callbackThreadStarted_) StartCallbackThread();
+      callbackThreadWake_.notify_one();
+    }
+    if (conn_ == ConnectionState::Up) {
+      SubmitQueued();
+      // A leader polls: it sends this with everything else submitted while it
+      // waited, in one send, instead of one send per caller. It is woken after
+      // the mutex is let go, so that it does not wake only to wait for it.
+      if (driving_) {
+        wakeLeader = ClaimWake();
+      } else if (!Flush() || brokenErrno_ != 0) {
+        Wake();
+      }
+    } else {
+      Wake();  // a leader may have to connect
+    }
+  }
+  if (wakeLeader) SignalWake();
+}
+
+void PoolCore::Wait(Exchange& ex, int64_t limitUs) {
+  using State = Exchange::State;
+  MutexLock lock(mutex_);
+  if (ex.state == State::Cancelled) {
+    throw TimeoutException("the exchange was cancelled by a time-out");
+  }
+  if (ex.state == State::Done) return;
+  if (callbackPoolOfThread == this) {
+    throw Exception("cannot wait for an exchange of a pool in its own completion callback");
+  }
+  const int64_t deadline =
+      limitUs > INT64_MAX / 2 ? INT64_MAX : System::GetMonotonicTime() + limitUs;
+  ex.waited = true;
+  waiters_.push_back(&ex);
+  Lead(&ex, deadline);
+  // A forked child forgets its parent's waiters.
+  auto waiter = std::find(waiters_.begin(), waiters_.end(), &ex);
+  if (waiter != waiters_.end()) waiters_.erase(waiter);
+  ex.waited = false;
+  if (ex.state == State::Done) return;
+
+  // Time-out: cancel it wherever it is, for good.
+  const bool onStream = ex.state == State::OnStream;
+  ex.state = State::Cancelled;
+  if (ex.callback) --callbacksPending_;
+  if (onStream) {
+    if (session_ != nullptr &&
+        nghttp2_submit_rst_stream(session_, NGHTTP2_FLAG_NONE, ex.streamId, NGHTTP2_CANCEL) == 0) {
+      if (!Flush()) Wake();
+    }
+  } else {
+    auto it = std::find_if(queue_.begin(), queue_.end(),
+                           [&](const Ref<Exchange>& q) { return q.Get() == &ex; });
+    if (it != queue_.end()) queue_.erase(it);
+  }
+  throw TimeoutException("no response within " + std::to_string(limitUs / 1000) + " ms");
+}
+
+// A waiter leads until its own exchange ends; the callback thread until no
+// exchange with a callback is left.
+bool PoolCore::LeaderDone(const Exchange* own) const {
+  return own != nullptr ? own->state == Exchange::State::Done : callbacksPending_ == 0;
+}
+
+void PoolCore::Lead(Exchange* own, int64_t deadline) {
+  std::condition_variable& cv = own != nullptr ? own->ended : callbackThreadWake_;
+  while (!LeaderDone(own) && !stopped_) {
+    const int64_t now = System::GetMonotonicTime();
+    if (now >= deadline) break;
+    if (!driving_) {
+      driving_ = true;
+      DriveOnce(own, deadline);
+      driving_ = false;
+      if (stopped_) driverGone_.notify_all();
+      RunCallbacks();
+    } else if (deadline == INT64_MAX) {
+      mutex_.Wait(cv);
+    } else {
+      mutex_.WaitFor(cv, std::chrono::microseconds(deadline - now));
+    }
+  }
+  for (auto& w : toWake_) w->ended.notify_one();
+  toWake_.clear();
+  if (!driving_) HandOver();
+}
+
+// The leader leaves: another waiter takes over the connection.
+void PoolCore::HandOver() {
+  if (stopped_ || (queue_.empty() && streams_.empty())) return;
+  for (Exchange* w : waiters_) {
+    if (w->state != Exchange::State::Done) {
+      w->ended.notify_one();
+      return;
+    }
+  }
+  if (callbackThreadWaits_) callbackThreadWake_.notify_one();
+}
+
+// One round of the leader: connect or write what is due, poll (without the
+// mutex) for the socket or a wake-up, then act on what poll saw.
+void PoolCore::DriveOnce(const Exchange* own, int64_t deadline) {
+  using State = ConnectionState;
+  if (conn_ == State::None && !queue_.empty()) StartConnect();
+  if (conn_ == State::Up) SubmitQueued();
+  if (session_ != nullptr) Flush();
+  if (brokenErrno_ != 0) ConnectionLost(std::strerror(brokenErrno_));
+  if (conn_ == State::Draining && streams_.empty()) {
+    CloseConnection();
+    return;  // the next round opens a new one for what is queued
+  }
+  if (conn_ == State::None && !queue_.empty()) return;
+  if (LeaderDone(own)) return;  // e.g. a connect that failed at once ended it
+
+  pollfd fds[2] = {{wakeFd_, POLLIN, 0}, {fd_, 0, 0}};
+  nfds_t n = 1;
+  if (fd_ >= 0) {
+    if (conn_ == State::Connecting) {
+      fds[1].events = POLLOUT;
+    } else {
+      fds[1].events = POLLIN;
+      if (outOffset_ < out_.size()) fds[1].events |= POLLOUT;
+    }
+    n = 2;
+  }
+  int64_t until = deadline;
+  if (conn_ == State::Connecting) until = std::min(until, connectDeadlineUs_);
+  int timeoutMs = -1;
+  if (until != INT64_MAX) {
+    timeoutMs = static_cast<int>(std::min<int64_t>(
+        INT_MAX, std::max<int64_t>(0, (until - System::GetMonotonicTime() + 999) / 1000)));
+  }
+  const int fd = fd_;
+  {
+    std::vector<Ref<Exchange>> wake;
+    wake.swap(toWake_);
+    mutex_.Unlock();
+    for (auto& w : wake) w->ended.notify_one();
+  }  // nothing on the heap is held across the poll, where a fork() may find it
+  const int ready = poll(fds, n, timeoutMs);
+  mutex_.Lock();
+  if (ready < 0) return;
+  deferWake_ = true;
+  HandlePollResult(fd, fds[1].revents, fds[0].revents != 0);
+  deferWake_ = false;
+}
+
+void PoolCore::HandlePollResult(int fd, short socketEvents, bool woken) {
+  if (woken) {
+    uint64_t count;
+    (void)!read(wakeFd_, &count, sizeof count);
+    wakePending_ = false;
+  }
+  if (stopped_ || fd_ != fd || fd < 0) return;
+  if (conn_ == ConnectionState::Connecting) {
+    ConnectProgress(socketEvents != 0);
+    return;
+  }
+  if (socketEvents & (POLLIN | POLLERR | POLLHUP)) ReadAvailable();
+  if (fd_ >= 0 && (socketEvents & POLLOUT)) Flush();
+}
+
+void PoolCore::RunCallbacks() {
+  if (callbacks_.empty()) return;
+  std::vector<Ref<Exchange>> run;
+  run.swap(callbacks_);
+  mutex_.Unlock();
+  for (auto& ex : run) {
+    const PoolCore* outer = callbackPoolOfThread;
+    callbackPoolOfThread = this;
+    try {
+      ex->callback();
+    } catch (const std::exception& e) {
+      TESSEL_LOG(HttpLogger(), 1, "completion callback for %1 threw: %2", spec_->ToString(),
+                 e.what());
+    } catch (...) {
+      TESSEL_LOG(HttpLogger(), 1, "completion callback for %1 threw", spec_->ToString());
+    }
+    callbackPoolOfThread = outer;
+  }
+  run.clear();
+  mutex_.Lock();
+}
+
+void PoolCore::StartCallbackThread() {
+  callbackThreadStarted_ = true;
+  AddRef();  // the thread's own reference
+  try {
+    callbackThread_ = std::thread([this] { RunCallbackThread(); });
+  } catch (...) {
+    callbackThreadStarted_ = false;
+    Release();  // the caller's exchange keeps this alive
+  }
+}
+
+void PoolCore::RunCallbackThread() {
+  pthread_setname_np(pthread_self(), "http-callback");
+  {
+    MutexLock lock(mutex_);
+    for (;;) {
+      while (!stopped_ && callbacksPending_ == 0) mutex_.Wait(callbackThreadWake_);
+      if (stopped_) break;
+      callbackThreadWaits_ = true;
+      Lead(nullptr, INT64_MAX);
+      callbackThreadWaits_ = false;
+    }
+  }
+  Release();
+}
+
+void PoolCore::Finish(Exchange& ex, Ref<ClientResponse> response, Failure failure) {
+  if (ex.state == Exchange::State::Cancelled || ex.state == Exchange::State::Done) return;
+  ex.state = Exchange::State::Done;
+  ex.response = std::move(response);
+  ex.failure = std::move(failure);
+  if (deferWake_) {
+    toWake_.push_back(Ref<Exchange>(&ex));
+  } else {
+    ex.ended.notify_one();
+  }
+  if (ex.callback && !stopped_) {
+    --callbacksPending_;
+    callbacks_.push_back(Ref<Exchange>(&ex));
+  }
+}
+
+void PoolCore::Requeue(const Ref<Exchange>& ex) {
+  if (ex->state == Exchange::State::Cancelled) return;
+  if (++ex->resends > kMaxResends) {
+    Finish(*ex, nullptr,
+           {Failure::Other, 0,
+            "the server declined the request " + std::to_string(kMaxResends) +
+                " times without processing it"});
+    return;
+  }
+  ex->state = Exchange::State::Queued;
+  ex->streamId = 0;
+  ex->onWire = false;
+  ex->status = 0;
+  ex->responseHeaders.clear();
+  ex->responseBody.clear();
+  queue_.push_front(ex);
+}
+
+}  // namespace Tessel::Http
