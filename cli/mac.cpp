@@ -21,7 +21,7 @@ bool ParseMac(const std::string& text, std::string& canonical) {
   return true;
 }
 
-std::vector<std::string> MacNotations(const std::string& canonical, const std::string& like_this) {
+std::vector<std::string> MacNotations(const std::string& canonical, const std::string& likeThis) {
   auto render = [&](bool upper, char separator) {
     std::string s = canonical;
     for (char& c : s) {
@@ -35,10 +35,10 @@ std::vector<std::string> MacNotations(const std::string& canonical, const std::s
   std::vector<std::string> all = {render(false, ':'), render(true, ':'), render(false, '-'),
                                   render(true, '-')};
   std::string dummy;
-  if (ParseMac(like_this, dummy)) {
+  if (ParseMac(likeThis, dummy)) {
     bool upper = false;
-    for (char c : like_this) upper = upper || std::isupper(static_cast<unsigned char>(c));
-    const std::string preferred = render(upper, like_this[2]);
+    for (char c : likeThis) upper = upper || std::isupper(static_cast<unsigned char>(c));
+    const std::string preferred = render(upper, likeThis[2]);
     std::vector<std::string> ordered = {preferred};
     for (const auto& s : all)
       if (s != preferred) ordered.push_back(s);

@@ -8,6 +8,6 @@
 // lower-case colon form.
 bool ParseMac(const std::string& text, std::string& canonical);
 
-// The notations a BMC may use for a canonical MAC, the one of like_this first
-// (like_this: a MAC text the BMC reported, or empty).
-std::vector<std::string> MacNotations(const std::string& canonical, const std::string& like_this);
+// The notations a BMC may use for a canonical MAC, the one of likeThis first
+// (likeThis: a MAC text the BMC reported, or empty).
+std::vector<std::string> MacNotations(const std::string& canonical, const std::string& likeThis);

@@ -36,8 +36,8 @@ int GetRedfishInfo(uint8_t* out) {
   const int status = SMBIOS_ReadRedfishOverIp(kEntryPointPath, kTablePath, &record, &problem);
   if (status != NUC_OK) {
     // The status alone cannot say which byte of the firmware table is wrong.
-    Tessel::Service::LogInternal(SysinfoLogger(), 2, "%1: %2 (table offset %3)",
-                                 NUC_ReturnStatusToString(status), problem.what, problem.offset);
+    TESSEL_LOG(SysinfoLogger(), 2, "%1: %2 (table offset %3)", NUC_ReturnStatusToString(status),
+               problem.what, problem.offset);
     return status;
   }
   PutLe32(out + 0, record.discoveryType);
