@@ -21,7 +21,7 @@ constexpr int kMaxResends = 5;  // a server that keeps refusing a request gets i
 constexpr int64_t kIdleCheckUs = 20000;
 
 // The pool whose completion callback the calling thread runs, if any.
-thread_local const PoolCore* callbackPoolOfThread = nullptr;
+thread_local const PoolCore* tCallbackPool = nullptr;
 
 }  // namespace
 
@@ -30,7 +30,7 @@ size_t PoolCore::ActiveCount() {
   return queue_.size() + streams_.size();
 }
 
-bool PoolCore::InOwnCallback() const noexcept { return callbackPoolOfThread == this; }
+bool PoolCore::InOwnCallback() const noexcept { return tCallbackPool == this; }
 
 // Only the leader polls, and it only lets go of the mutex to poll: holding
 // the mutex with driving_ set means the leader is in (or about to enter)
@@ -94,7 +94,7 @@ void PoolCore::Wait(Exchange& ex, int64_t limitUs) {
     throw TimeoutException("the exchange was cancelled by a time-out");
   }
   if (ex.state == State::Done) return;
-  if (callbackPoolOfThread == this) {
+  if (tCallbackPool == this) {
     throw Exception("cannot wait for an exchange of a pool in its own completion callback");
   }
   const int64_t deadline =
@@ -234,8 +234,8 @@ void PoolCore::RunCallbacks() {
   run.swap(callbacks_);
   mutex_.Unlock();
   for (auto& ex : run) {
-    const PoolCore* outer = callbackPoolOfThread;
-    callbackPoolOfThread = this;
+    const PoolCore* outer = tCallbackPool;
+    tCallbackPool = this;
     try {
       ex->callback();
     } catch (const std::exception& e) {
@@ -244,7 +244,7 @@ void PoolCore::RunCallbacks() {
     } catch (...) {
       TESSEL_LOG(HttpLogger(), 1, "completion callback for %1 threw", spec_->ToString());
     }
-    callbackPoolOfThread = outer;
+    tCallbackPool = outer;
   }
   run.clear();
   mutex_.Lock();
