@@ -243,10 +243,40 @@ int ParseOptions(int argc, char** argv, Options& o) {
   return -1;
 }
 
+// The whole command's deadline passed: said once, either by the watchdog while
+// a call still runs or by the call that came back at or after the deadline
+// (the library's own time-out of the same length), whichever comes first.
+class DeadlineReport {
+ public:
+  DeadlineReport(double seconds, bool json, FILE* err)
+      : seconds_(seconds), json_(json), err_(err) {}
+
+  // True for the one caller that says it.
+  bool Claim() { return !claimed_.exchange(true); }
+
+  // Straight to the descriptors: another thread may hold a stdio lock.
+  void Write() const {
+    dprintf(fileno(err_),
+            "redfishctl: timed out: the command's deadline of %gs passed "
+            "(raise --timeout)\n",
+            seconds_);
+    if (json_)
+      dprintf(STDOUT_FILENO, "{\"result\":%d,\"meaning\":\"deadline passed\"}\n",
+              REDFISH_ERR_TIMEOUT);
+  }
+
+ private:
+  double seconds_;
+  bool json_;
+  FILE* err_;
+  std::atomic<bool> claimed_{false};
+};
+
 // One run of a command against the library: the deadline, the log, the output.
 class Session {
  public:
-  Session(const Options& o, LibraryLog& log) : o_(o), log_(log) {
+  Session(const Options& o, LibraryLog& log, DeadlineReport& report)
+      : o_(o), log_(log), report_(report) {
     deadline_ = Clock::now() + std::chrono::milliseconds(static_cast<long long>(o.timeout * 1000));
     if (o.wait)
       deadline_ += std::chrono::milliseconds(static_cast<long long>(o.waitSeconds * 1000));
@@ -257,14 +287,21 @@ class Session {
   const char* Password() const { return o_.password.c_str(); }
   Clock::time_point Deadline() const { return deadline_; }
 
-  // The per-request time-out: what is left of the whole command's deadline.
+  // The per-request time-out: what is left of the whole command's deadline,
+  // rounded up, so that a request that times out has outlived the deadline.
   unsigned int RequestMs() const {
-    auto left =
-        std::chrono::duration_cast<std::chrono::milliseconds>(deadline_ - Clock::now()).count();
+    auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline_ - Clock::now()).count();
     return static_cast<unsigned int>(std::max<long long>(1, std::min<long long>(left, 3600000)));
   }
 
   int Fail(int code) {
+    if (Clock::now() >= deadline_) {
+      // The watchdog is saying it and ending the process.
+      if (!report_.Claim())
+        for (;;) pause();
+      report_.Write();
+      return 1;
+    }
     const std::string cause = ExplainFailure(code, log_.Drain(), o_.host, o_.command);
     if (o_.json) {
       std::printf("{\"result\":%d,\"meaning\":\"%s\"}\n", code,
@@ -288,6 +325,7 @@ class Session {
  private:
   const Options& o_;
   LibraryLog& log_;
+  DeadlineReport& report_;
   Clock::time_point deadline_;
 };
 
@@ -479,18 +517,12 @@ int PowerCommand(Session& s) {
 // middle of a library call.
 class Watchdog {
  public:
-  Watchdog(Clock::time_point deadline, FILE* err, double seconds, bool json)
-      : thread_([this, deadline, err, seconds, json] {
+  Watchdog(Clock::time_point deadline, DeadlineReport& report)
+      : thread_([this, deadline, &report] {
           std::unique_lock<std::mutex> lock(mutex_);
           if (cv_.wait_until(lock, deadline, [this] { return done_; })) return;
-          // Straight to the descriptor: the main thread may hold a stdio lock.
-          dprintf(fileno(err),
-                  "redfishctl: timed out: the command's deadline of %gs passed "
-                  "(raise --timeout)\n",
-                  seconds);
-          if (json)
-            dprintf(STDOUT_FILENO, "{\"result\":%d,\"meaning\":\"deadline passed\"}\n",
-                    REDFISH_ERR_TIMEOUT);
+          if (!report.Claim()) return;  // a call that came back late says it
+          report.Write();
           _exit(1);
         }) {}
   ~Watchdog() {
@@ -523,9 +555,9 @@ int main(int argc, char** argv) {
     std::fprintf(log.Err(), "redfishctl: cannot write the log to %s\n", o.log.c_str());
     return 2;
   }
-  Session session(o, log);
-  Watchdog watchdog(session.Deadline(), log.Err(), o.timeout + (o.wait ? o.waitSeconds : 0),
-                    o.json);
+  DeadlineReport report(o.timeout + (o.wait ? o.waitSeconds : 0), o.json, log.Err());
+  Session session(o, log, report);
+  Watchdog watchdog(session.Deadline(), report);
   if (o.command == "power-state") return PowerStateCommand(session);
   if (o.command == "mac") return MacCommand(session);
   if (o.command == "sensors") return SensorsCommand(session);
