@@ -3,11 +3,12 @@
 // One exchange of the HTTP client, as handed out for PendingExchange. Only
 // platform/http/ includes it.
 
-#include <condition_variable>
+#include <atomic>
 #include <cstdint>
 #include <string>
 #include <vector>
 
+#include "platform/http/wakeup.h"
 #include "platform/tessel/http.h"
 
 namespace Tessel::Http {
@@ -55,8 +56,11 @@ class Exchange final : public PendingExchange {
   bool tooLarge = false;
   size_t bodySent = 0;  // of the current attempt
   int resends = 0;
-  bool waited = false;  // a thread waits for it (a follower, or the leader)
-  std::condition_variable ended;
+  Wakeup ended;  // posted when it ends, or when its waiter is to lead
+  // Read by its waiter without the mutex: set once it is Done (after the
+  // result), and when the waiter is asked to take over the connection.
+  std::atomic<bool> finished{false};
+  std::atomic<bool> leadAsked{false};
 
   // Response under construction, then the result.
   int status = 0;

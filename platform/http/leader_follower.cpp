@@ -87,30 +87,94 @@ void PoolCore::Submit(const Ref<Exchange>& ex) {
   if (wakeLeader) SignalWake();
 }
 
+namespace {
+
+// Wakes the listed followers when it goes, after the pool's mutex is let go
+// (it is declared before the lock): a follower woken under the mutex would
+// preempt the leader only to sleep again on the mutex.
+struct PostOnExit {
+  std::vector<Ref<Exchange>> list;
+  ~PostOnExit() {
+    for (auto& w : list) w->ended.Post();
+  }
+};
+
+}  // namespace
+
 void PoolCore::Wait(Exchange& ex, int64_t limitUs) {
   using State = Exchange::State;
-  MutexLock lock(mutex_);
-  if (ex.state == State::Cancelled) {
-    throw TimeoutException("the exchange was cancelled by a time-out");
-  }
-  if (ex.state == State::Done) return;
-  if (tCallbackPool == this) {
-    throw Exception("cannot wait for an exchange of a pool in its own completion callback");
-  }
   const int64_t deadline =
       limitUs > INT64_MAX / 2 ? INT64_MAX : System::GetMonotonicTime() + limitUs;
-  ex.waited = true;
-  waiters_.push_back(&ex);
-  Lead(&ex, deadline);
-  // A forked child forgets its parent's waiters.
+  PostOnExit wake;
+  {
+    MutexLock lock(mutex_);
+    if (ex.state == State::Cancelled) {
+      throw TimeoutException("the exchange was cancelled by a time-out");
+    }
+    if (ex.state == State::Done) return;
+    if (tCallbackPool == this) {
+      throw Exception("cannot wait for an exchange of a pool in its own completion callback");
+    }
+    waiters_.push_back(&ex);
+  }
+  for (;;) {
+    {
+      MutexLock lock(mutex_);
+      ex.leadAsked.store(false, std::memory_order_relaxed);
+      if (LeadOrFollow(ex, deadline, wake.list)) {
+        Leave(ex, limitUs);
+        return;
+      }
+    }
+    // A follower sleeps without the mutex. Its exchange mostly ends meanwhile,
+    // and it then leaves without the mutex too: the leader has taken it off
+    // the waiters. Asked to lead instead, it goes round.
+    ex.ended.WaitUntil(deadline);
+    if (ex.finished.load(std::memory_order_acquire) &&
+        !ex.leadAsked.load(std::memory_order_acquire)) {
+      return;
+    }
+  }
+}
+
+// Leads while nobody else does; true when the wait is over (the exchange
+// ended, the pool stopped, the deadline passed), false to follow.
+bool PoolCore::LeadOrFollow(Exchange& ex, int64_t deadline, std::vector<Ref<Exchange>>& wake) {
+  for (;;) {
+    if (ex.state == Exchange::State::Done || stopped_) break;
+    if (System::GetMonotonicTime() >= deadline) break;
+    if (driving_) return false;
+    LeadRound(&ex, deadline);
+  }
+  wake.insert(wake.end(), toWake_.begin(), toWake_.end());
+  toWake_.clear();
+  return true;
+}
+
+// A waiter leads until its own exchange ends; the callback thread until no
+// exchange with a callback is left.
+bool PoolCore::LeaderDone(const Exchange* own) const {
+  return own != nullptr ? own->state == Exchange::State::Done : callbacksPending_ == 0;
+}
+
+// One round of driving the connection, and the callbacks it made due.
+void PoolCore::LeadRound(const Exchange* own, int64_t deadline) {
+  driving_ = true;
+  DriveOnce(own, deadline);
+  driving_ = false;
+  if (stopped_) driverGone_.notify_all();
+  RunCallbacks();
+}
+
+// The waiter leaves: off the waiters, the connection handed to another
+// waiter if nobody drives it, and on time-out its exchange cancelled for good.
+void PoolCore::Leave(Exchange& ex, int64_t limitUs) {
   auto waiter = std::find(waiters_.begin(), waiters_.end(), &ex);
   if (waiter != waiters_.end()) waiters_.erase(waiter);
-  ex.waited = false;
-  if (ex.state == State::Done) return;
-
-  // Time-out: cancel it wherever it is, for good.
-  const bool onStream = ex.state == State::OnStream;
-  ex.state = State::Cancelled;
+  if (!driving_) HandOver();
+  if (ex.state == Exchange::State::Done) return;
+  const bool onStream = ex.state == Exchange::State::OnStream;
+  ex.state = Exchange::State::Cancelled;
   if (ex.callback) --callbacksPending_;
   if (onStream) {
     if (session_ != nullptr &&
@@ -125,30 +189,16 @@ void PoolCore::Wait(Exchange& ex, int64_t limitUs) {
   throw TimeoutException("no response within " + std::to_string(limitUs / 1000) + " ms");
 }
 
-// A waiter leads until its own exchange ends; the callback thread until no
-// exchange with a callback is left.
-bool PoolCore::LeaderDone(const Exchange* own) const {
-  return own != nullptr ? own->state == Exchange::State::Done : callbacksPending_ == 0;
-}
-
-void PoolCore::Lead(Exchange* own, int64_t deadline) {
-  std::condition_variable& cv = own != nullptr ? own->ended : callbackThreadWake_;
-  while (!LeaderDone(own) && !stopped_) {
-    const int64_t now = System::GetMonotonicTime();
-    if (now >= deadline) break;
+// The callback thread leads until no exchange with a callback is left.
+void PoolCore::LeadForCallbacks() {
+  while (!LeaderDone(nullptr) && !stopped_) {
     if (!driving_) {
-      driving_ = true;
-      DriveOnce(own, deadline);
-      driving_ = false;
-      if (stopped_) driverGone_.notify_all();
-      RunCallbacks();
-    } else if (deadline == INT64_MAX) {
-      mutex_.Wait(cv);
+      LeadRound(nullptr, INT64_MAX);
     } else {
-      mutex_.WaitFor(cv, std::chrono::microseconds(deadline - now));
+      mutex_.Wait(callbackThreadWake_);
     }
   }
-  for (auto& w : toWake_) w->ended.notify_one();
+  for (auto& w : toWake_) w->ended.Post();
   toWake_.clear();
   if (!driving_) HandOver();
 }
@@ -158,7 +208,8 @@ void PoolCore::HandOver() {
   if (stopped_ || (queue_.empty() && streams_.empty())) return;
   for (Exchange* w : waiters_) {
     if (w->state != Exchange::State::Done) {
-      w->ended.notify_one();
+      w->leadAsked.store(true, std::memory_order_release);
+      w->ended.Post();
       return;
     }
   }
@@ -203,7 +254,7 @@ void PoolCore::DriveOnce(const Exchange* own, int64_t deadline) {
     std::vector<Ref<Exchange>> wake;
     wake.swap(toWake_);
     mutex_.Unlock();
-    for (auto& w : wake) w->ended.notify_one();
+    for (auto& w : wake) w->ended.Post();
   }  // nothing on the heap is held across the poll, where a fork() may find it
   const int ready = poll(fds, n, timeoutMs);
   mutex_.Lock();
@@ -269,7 +320,7 @@ void PoolCore::RunCallbackThread() {
       while (!stopped_ && callbacksPending_ == 0) mutex_.Wait(callbackThreadWake_);
       if (stopped_) break;
       callbackThreadWaits_ = true;
-      Lead(nullptr, INT64_MAX);
+      LeadForCallbacks();
       callbackThreadWaits_ = false;
     }
   }
@@ -281,10 +332,14 @@ void PoolCore::Finish(Exchange& ex, Ref<ClientResponse> response, Failure failur
   ex.state = Exchange::State::Done;
   ex.response = std::move(response);
   ex.failure = std::move(failure);
+  ex.finished.store(true, std::memory_order_release);
+  // Its waiter may leave without the mutex: it is no waiter from here on.
+  auto waiter = std::find(waiters_.begin(), waiters_.end(), &ex);
+  if (waiter != waiters_.end()) waiters_.erase(waiter);
   if (deferWake_) {
     toWake_.push_back(Ref<Exchange>(&ex));
   } else {
-    ex.ended.notify_one();
+    ex.ended.Post();
   }
   if (ex.callback && !stopped_) {
     --callbacksPending_;

@@ -103,7 +103,11 @@ class PoolCore : public RefCounted {
 
   // leader_follower.cpp
   bool LeaderDone(const Exchange* own) const TESSEL_REQUIRES(mutex_);
-  void Lead(Exchange* own, int64_t deadlineUs) TESSEL_REQUIRES(mutex_);
+  bool LeadOrFollow(Exchange& exchange, int64_t deadlineUs, std::vector<Ref<Exchange>>& wake)
+      TESSEL_REQUIRES(mutex_);
+  void LeadRound(const Exchange* own, int64_t deadlineUs) TESSEL_REQUIRES(mutex_);
+  void Leave(Exchange& exchange, int64_t limitUs) TESSEL_REQUIRES(mutex_);
+  void LeadForCallbacks() TESSEL_REQUIRES(mutex_);
   void DriveOnce(const Exchange* own, int64_t deadlineUs) TESSEL_REQUIRES(mutex_);
   void HandlePollResult(int fd, short socketEvents, bool woken) TESSEL_REQUIRES(mutex_);
   void HandOver() TESSEL_REQUIRES(mutex_);

@@ -170,7 +170,7 @@ void PoolCore::StopNoJoin(std::vector<std::thread>& later) noexcept {
     callbacks_.clear();
     Wake();
     callbackThreadWake_.notify_all();
-    for (Exchange* w : waiters_) w->ended.notify_all();
+    for (Exchange* w : waiters_) w->ended.Post();
     while (driving_) mutex_.Wait(driverGone_);
     CloseConnection();
   }
