@@ -82,6 +82,7 @@ void PoolCore::SubmitQueued() {
     const bool hasBody = ex->HasBody();
     const std::string length = std::to_string(ex->body.size());
     nva.clear();
+    nva.reserve(5 + ex->headers.size());
     nva.push_back(HeaderField(kMethod, method));
     nva.push_back(HeaderField(kScheme, kHttp));
     nva.push_back(HeaderField(kAuthority, authority));
@@ -230,6 +231,7 @@ int PoolCore::OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8
     }
     ex.responseBody.reserve(static_cast<size_t>(length));  // one allocation for the body
   }
+  if (ex.responseHeaders.empty()) ex.responseHeaders.reserve(8);  // an answer has a few
   ex.responseHeaders.push_back(Header{std::string(n), std::string(v)});
   return 0;
 }

@@ -77,7 +77,7 @@ void HttpUserAgent::AsyncSendRequest(ClientRequest* request, CompletionCallback 
     throw InvalidArgumentException("unknown HTTP method " +
                                    std::to_string(static_cast<int>(request->GetMethod())));
   }
-  if (!IsOriginFormTarget(request->GetTarget())) {
+  if (!request->TargetChecked() && !IsOriginFormTarget(request->GetTarget())) {
     throw InvalidArgumentException("unsafe request target '" + request->GetTarget() + "'");
   }
   if (HttpConnectionPool* pool = PoolForSend()) {

@@ -119,6 +119,9 @@ class ClientRequest : public RefCounted {
       : method_(method), target_(std::move(target)) {}
   HttpMethod GetMethod() const noexcept { return method_; }
   const std::string& GetTarget() const noexcept { return target_; }
+  // Made by CreateHttpRequest, which checked the target (it never changes):
+  // sending it need not check it again.
+  bool TargetChecked() const noexcept { return targetChecked_; }
   // Replaces an earlier header of the same name (names compare case-insensitively).
   void SetHeader(const std::string& name, const std::string& value);
   const std::vector<Header>& GetHeaders() const noexcept { return headers_; }
@@ -126,8 +129,10 @@ class ClientRequest : public RefCounted {
   const std::string& GetBody() const noexcept { return body_; }
 
  private:
+  friend void CreateHttpRequest(HttpMethod, std::string_view, Ref<ClientRequest>&);
   HttpMethod method_;
   std::string target_;
+  bool targetChecked_ = false;
   std::vector<Header> headers_;
   std::string body_;
 };

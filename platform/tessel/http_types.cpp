@@ -205,6 +205,7 @@ void CreateHttpRequest(HttpMethod method, std::string_view target, Ref<ClientReq
     throw InvalidArgumentException("invalid request target '" + std::string(target) + "'");
   }
   request = MakeRef<ClientRequest>(method, std::string(target));
+  request->targetChecked_ = true;
 }
 
 std::optional<std::string_view> ClientResponse::GetHeader(std::string_view name) const {
