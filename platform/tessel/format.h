@@ -7,6 +7,15 @@
 
 namespace Tessel::Detail {
 
+// Where formatted text goes: a string, or a logger's record buffer.
+class FormatSink {
+ public:
+  virtual void Append(std::string_view text) = 0;
+
+ protected:
+  ~FormatSink() = default;
+};
+
 // One argument of a positional format. Texts are kept as views, so an argument
 // must outlive the formatting call (it always does: arguments are temporaries
 // of that call).
@@ -30,7 +39,7 @@ class FormatArg {
   template <typename T, std::enable_if_t<std::is_enum_v<T>, int> = 0>
   FormatArg(T value) noexcept : FormatArg(static_cast<std::underlying_type_t<T>>(value)) {}
 
-  void AppendTo(std::string& out) const;
+  void AppendTo(FormatSink& out) const;
 
  private:
   enum class Kind { Text, Signed, Unsigned, Double };
@@ -43,6 +52,7 @@ class FormatArg {
 
 // Replaces "%1".."%N" with the arguments; "%%" is a literal percent sign.
 // A placeholder without an argument is kept as written.
+void FormatTo(std::string_view format, const FormatArg* args, size_t count, FormatSink& out);
 std::string ASPrintV(std::string_view format, const FormatArg* args, size_t count);
 
 template <typename... Args>

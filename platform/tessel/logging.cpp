@@ -3,12 +3,12 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/time.h>
-#include <sys/uio.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
+#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -34,6 +34,8 @@ struct BuiltInConfig {
   bool mask = false;
 };
 
+void DrainSpool(int fd);
+
 struct SinkState {
   // Shared by every writer, so that records are written concurrently (one
   // write each keeps them whole); exclusive only to change the sink, so that
@@ -43,6 +45,9 @@ struct SinkState {
   BuiltInConfig builtIn;
   // At unload or exit: a message logged later goes to standard error.
   ~SinkState() {
+    if (builtIn.kind == BuiltInConfig::Kind::File || builtIn.kind == BuiltInConfig::Kind::Stderr) {
+      DrainSpool(builtIn.kind == BuiltInConfig::Kind::File ? builtIn.fd : STDERR_FILENO);
+    }
     if (builtIn.fd >= 0) ::close(builtIn.fd);
     builtIn = BuiltInConfig{};
     builtIn.configured = true;
@@ -71,12 +76,54 @@ struct HeldTraces {
 };
 thread_local HeldTraces tHeld;
 
+// Records handed over for the descriptor and not yet written. A call's
+// traces wait here while other calls run, and leave with theirs in one write
+// when the last running call ends, when they fill kSpoolBatch or when the
+// oldest has waited kSpoolAgeUs: on a busy host it is the write, not the
+// formatting, that a log costs, and a few large writes cost far less than
+// one per call. A thread that hands records over while another writes leaves
+// them to that writer (a group commit); a failure record, and everything
+// before it, is written before its call goes on. The writer holds the sink's
+// lock shared while it drains, so the descriptor stays open under it; the
+// sink is only changed, and the process only exits, after a drain.
+struct Spool {
+  std::mutex mutex;
+  std::condition_variable written;
+  std::string pending;
+  std::string writing;  // what the writer writes now; its capacity is kept
+  bool busy = false;
+  int64_t oldestUs = 0;   // when pending became non-empty
+  uint64_t accepted = 0;  // bytes handed over, ever
+  uint64_t done = 0;      // bytes written (or given up on)
+  // Outside the mutex: calls running (outermost batches), and whether
+  // pending holds anything, so that the last call out finds what to write.
+  std::atomic<int> activeCalls{0};
+  std::atomic<bool> hasPending{false};
+};
+// A writer slower than its callers makes them wait beyond this much.
+constexpr size_t kSpoolLimit = 1 << 20;
+constexpr size_t kSpoolBatch = 32 << 10;
+constexpr int64_t kSpoolAgeUs = 50000;
+
+Spool& TheSpool() {
+  static Spool* spool = new Spool();  // never destroyed: a writer may outlive exit
+  return *spool;
+}
+
 // A child forked while another thread changed the sink would find the lock
 // held for ever; nothing else of the parent's writers matters there, nor what
 // the forking thread held for a call of the parent's.
 void RenewSinkLockInChild() {
   ::new (static_cast<void*>(&State().lock)) std::shared_mutex();
   tHeld.used = 0;
+  Spool& spool = TheSpool();
+  ::new (static_cast<void*>(&spool.mutex)) std::mutex();
+  ::new (static_cast<void*>(&spool.written)) std::condition_variable();
+  spool.pending.clear();  // the parent writes them
+  spool.hasPending = false;
+  spool.busy = false;
+  spool.accepted = spool.done = 0;
+  spool.activeCalls = tHeld.depth > 0 ? 1 : 0;  // only the forking thread's own call goes on
 }
 
 struct ForkHandler {
@@ -134,27 +181,76 @@ std::string MaskCredentials(std::string_view message) {
   return out;
 }
 
-// Writes the held traces, then text, in one system call where it can.
-void WriteAll(int fd, std::string_view text) {
-  iovec parts[2] = {{tHeld.data, tHeld.used}, {const_cast<char*>(text.data()), text.size()}};
-  tHeld.used = 0;
-  iovec* next = parts;
-  int left = 2;
-  while (left > 0) {
-    if (next->iov_len == 0) {
-      ++next;
-      --left;
-      continue;
-    }
-    const ssize_t written = ::writev(fd, next, left);
-    if (written <= 0) return;
-    auto n = static_cast<size_t>(written);
-    for (; left > 0 && n >= next->iov_len; ++next, --left) n -= next->iov_len;
-    if (left > 0) {
-      next->iov_base = static_cast<char*>(next->iov_base) + n;
-      next->iov_len -= n;
-    }
+void WriteFully(int fd, const std::string& text) {
+  size_t offset = 0;
+  while (offset < text.size()) {
+    const ssize_t n = ::write(fd, text.data() + offset, text.size() - offset);
+    if (n <= 0) return;  // a log that cannot be written is given up, never retried for ever
+    offset += static_cast<size_t>(n);
   }
+}
+
+int64_t MonotonicUs() {
+  timespec ts{};
+  clock_gettime(CLOCK_MONOTONIC, &ts);
+  return static_cast<int64_t>(ts.tv_sec) * 1000000 + ts.tv_nsec / 1000;
+}
+
+// Writes what the spool holds, as the one writer, or leaves it to the writer
+// at work (durable: waits until it has written up to mine). Called with the
+// spool's mutex held, and the sink's lock shared.
+void Drain(std::unique_lock<std::mutex>& lock, int fd, bool durable) {
+  Spool& spool = TheSpool();
+  const uint64_t mine = spool.accepted;
+  if (spool.busy) {
+    if (durable) spool.written.wait(lock, [&] { return spool.done >= mine; });
+    return;
+  }
+  spool.busy = true;
+  while (!spool.pending.empty()) {
+    spool.writing.swap(spool.pending);
+    spool.hasPending = false;
+    lock.unlock();
+    WriteFully(fd, spool.writing);
+    lock.lock();
+    spool.done += spool.writing.size();
+    spool.writing.clear();
+    spool.written.notify_all();
+  }
+  spool.busy = false;
+  if (spool.pending.capacity() > kSpoolLimit) spool.pending.shrink_to_fit();
+}
+
+// Hands the thread's held traces, then text, to the spool. They are written
+// now when now is true, else when the spool's rule says so (see Spool).
+// Called with the sink's lock shared.
+void Commit(int fd, std::string_view text, bool now) {
+  HeldTraces& held = tHeld;
+  Spool& spool = TheSpool();
+  std::unique_lock<std::mutex> lock(spool.mutex);
+  while (spool.busy && spool.pending.size() > kSpoolLimit) spool.written.wait(lock);
+  if (held.used + text.size() > 0) {
+    if (spool.pending.empty()) spool.oldestUs = MonotonicUs();
+    spool.pending.append(held.data, held.used).append(text);
+    spool.accepted += held.used + text.size();
+    held.used = 0;
+    spool.hasPending = true;
+  }
+  if (spool.pending.empty()) return;
+  // Read after hasPending is set: either this sees the last call's end, or
+  // that call sees hasPending and drains.
+  if (now || spool.activeCalls.load() == 0 || spool.pending.size() >= kSpoolBatch ||
+      MonotonicUs() - spool.oldestUs >= kSpoolAgeUs) {
+    Drain(lock, fd, now);
+  }
+}
+
+// Writes whatever waits in the spool: the sink is about to change, or the
+// process to end.
+void DrainSpool(int fd) {
+  Spool& spool = TheSpool();
+  std::unique_lock<std::mutex> lock(spool.mutex);
+  if (!spool.pending.empty() && fd >= 0) Drain(lock, fd, true);
 }
 
 // Holds a trace while a batch lives and it fits; false when it must be
@@ -188,23 +284,24 @@ class StringOut {
 // Appends a record straight to the held traces; overflows rather than write.
 class HeldOut {
  public:
-  HeldOut() : start_(tHeld.used) {}
-  size_t Size() const { return tHeld.used - start_; }
+  HeldOut() : held_(tHeld), start_(held_.used) {}
+  size_t Size() const { return held_.used - start_; }
   bool Overflowed() const { return overflowed_; }
   HeldOut& Append(std::string_view text) {
-    if (overflowed_ || tHeld.used + text.size() > sizeof tHeld.data) {
+    if (overflowed_ || held_.used + text.size() > sizeof held_.data) {
       overflowed_ = true;
     } else {
-      std::memcpy(tHeld.data + tHeld.used, text.data(), text.size());
-      tHeld.used += text.size();
+      std::memcpy(held_.data + held_.used, text.data(), text.size());
+      held_.used += text.size();
     }
     return *this;
   }
   HeldOut& Append(char c) { return Append(std::string_view(&c, 1)); }
   // Takes back what was appended.
-  void Undo() { tHeld.used = start_; }
+  void Undo() { held_.used = start_; }
 
  private:
+  HeldTraces& held_;
   size_t start_;
   bool overflowed_ = false;
 };
@@ -213,36 +310,77 @@ int Descriptor(const BuiltInConfig& sink) {
   return sink.kind == BuiltInConfig::Kind::File ? sink.fd : STDERR_FILENO;
 }
 
-// The UTC time of day to the microsecond. The text of the second is kept per
-// thread: most records of a thread fall into the second of its last one.
-template <typename Out>
-void AppendStamp(Out& line) {
-  struct Second {
-    time_t at;
-    char text[24];
-  };
-  thread_local Second tSecond{-1, {}};
-  timeval tv{};
-  gettimeofday(&tv, nullptr);
-  if (tv.tv_sec != tSecond.at) {
-    tm utc{};
-    gmtime_r(&tv.tv_sec, &utc);
-    strftime(tSecond.text, sizeof tSecond.text, "%Y-%m-%dT%H:%M:%S", &utc);
-    tSecond.at = tv.tv_sec;
+// Before the sink changes: what waits in the spool goes where it was meant to.
+void DrainBuiltIn(const BuiltInConfig& sink) {
+  if (sink.kind == BuiltInConfig::Kind::File || sink.kind == BuiltInConfig::Kind::Stderr) {
+    DrainSpool(Descriptor(sink));
   }
-  char micros[] = ".000000Z ";
-  long us = static_cast<long>(tv.tv_usec);
-  for (int digit = 6; digit >= 1; --digit, us /= 10)
-    micros[digit] = static_cast<char>('0' + us % 10);
-  line.Append(tSecond.text).Append(std::string_view(micros, sizeof micros - 1));
 }
 
-// The stamp, logger and level that open a record written to a descriptor.
+// The stamp (UTC, to the microsecond), logger and level that open a record
+// written to a descriptor, appended in one piece. The text of the second is
+// kept per thread: most records of a thread fall into the second of its last.
 template <typename Out>
 void AppendPrefix(const Logger& logger, int level, Out& out) {
-  AppendStamp(out);
-  const char levelText[] = {'[', static_cast<char>('0' + level % 10), ']', ' '};
-  out.Append(logger.GetName()).Append(std::string_view(levelText, sizeof levelText));
+  struct Second {
+    time_t at;
+    size_t length;
+    char text[32];
+  };
+  thread_local Second tSecond{-1, 0, {}};
+  Second& second = tSecond;
+  timeval tv{};
+  gettimeofday(&tv, nullptr);
+  if (tv.tv_sec != second.at) {
+    tm utc{};
+    gmtime_r(&tv.tv_sec, &utc);
+    second.length = strftime(second.text, sizeof second.text, "%Y-%m-%dT%H:%M:%S", &utc);
+    second.at = tv.tv_sec;
+  }
+  char prefix[64];
+  std::memcpy(prefix, second.text, second.length);
+  size_t n = second.length;
+  prefix[n] = '.';
+  long us = static_cast<long>(tv.tv_usec);
+  for (size_t digit = 6; digit >= 1; --digit, us /= 10) {
+    prefix[n + digit] = static_cast<char>('0' + us % 10);
+  }
+  n += 7;
+  prefix[n++] = 'Z';
+  prefix[n++] = ' ';
+  const std::string& name = logger.GetName();
+  if (name.size() > sizeof prefix - n - 4) {
+    out.Append(std::string_view(prefix, n));
+    out.Append(name);
+    n = 0;
+  } else {
+    std::memcpy(prefix + n, name.data(), name.size());
+    n += name.size();
+  }
+  prefix[n++] = '[';
+  prefix[n++] = static_cast<char>('0' + level % 10);
+  prefix[n++] = ']';
+  prefix[n++] = ' ';
+  out.Append(std::string_view(prefix, n));
+}
+
+// Whether text holds a control byte (below 0x20, or 0x7F), eight bytes at a
+// time: every trace is scanned, and almost none holds one.
+bool HasControlByte(std::string_view text) {
+  constexpr uint64_t kOnes = 0x0101010101010101ull, kHighs = 0x8080808080808080ull;
+  size_t i = 0;
+  for (; i + 8 <= text.size(); i += 8) {
+    uint64_t x;
+    std::memcpy(&x, text.data() + i, 8);
+    const uint64_t del = x ^ (0x7f * kOnes);
+    // A byte below n exists exactly when (x - n*ones) & ~x & highs is non-zero.
+    if ((((x - 0x20 * kOnes) & ~x) | ((del - kOnes) & ~del)) & kHighs) return true;
+  }
+  for (; i < text.size(); ++i) {
+    const auto u = static_cast<unsigned char>(text[i]);
+    if (u < 0x20 || u == 0x7f) return true;
+  }
+  return false;
 }
 
 int SyslogPriority(int level) {
@@ -257,11 +395,7 @@ void AppendRecordText(std::string_view message, Out& out) {
   if (!message.empty() && message.back() == '\n') message.remove_suffix(1);
   const size_t start = out.Size();
   // Most records need no escape: they go in one piece.
-  if (message.size() <= kMaxLogRecordBytes &&
-      std::none_of(message.begin(), message.end(), [](char c) {
-        const auto u = static_cast<unsigned char>(c);
-        return u < 0x20 || u == 0x7f;
-      })) {
+  if (message.size() <= kMaxLogRecordBytes && !HasControlByte(message)) {
     out.Append(message);
     return;
   }
@@ -315,7 +449,7 @@ void WriteBuiltIn(const BuiltInConfig& sink, const Logger& logger, int level,
     case BuiltInConfig::Kind::File:
     case BuiltInConfig::Kind::Stderr:
       line = Line(logger, level, message, sink.mask, true);
-      if (!Hold(level, line)) WriteAll(Descriptor(sink), line);
+      if (!Hold(level, line)) Commit(Descriptor(sink), line, true);
       break;
     case BuiltInConfig::Kind::None:
       break;
@@ -347,6 +481,7 @@ void SetLogSink(LogSink sink) {
   std::shared_ptr<const LogSink> next;
   if (sink) next = std::make_shared<const LogSink>(std::move(sink));
   std::unique_lock<std::shared_mutex> lock(State().lock);
+  DrainBuiltIn(State().builtIn);
   State().custom.swap(next);
   Publish(State());
 }
@@ -354,32 +489,75 @@ void SetLogSink(LogSink sink) {
 void ReconfigureLogSink() {
   SinkState& state = State();
   std::unique_lock<std::shared_mutex> lock(state.lock);
+  DrainBuiltIn(state.builtIn);
   if (state.builtIn.fd >= 0) ::close(state.builtIn.fd);
   state.builtIn = BuiltInConfig{};
   Publish(state);
 }
 
-LogBatch::LogBatch() noexcept { ++tHeld.depth; }
+LogBatch::LogBatch() noexcept {
+  if (tHeld.depth++ == 0) TheSpool().activeCalls.fetch_add(1);
+}
 
 LogBatch::~LogBatch() {
-  if (--tHeld.depth > 0 || tHeld.used == 0) return;
+  if (--tHeld.depth > 0) return;
+  Spool& spool = TheSpool();
+  spool.activeCalls.fetch_sub(1);
+  // The last call out writes what others left, as does a call with traces.
+  if (tHeld.used == 0 && !spool.hasPending.load()) return;
   try {
     SinkState& state = State();
     std::shared_lock<std::shared_mutex> lock(state.lock);
     if (state.builtIn.kind == BuiltInConfig::Kind::File ||
         state.builtIn.kind == BuiltInConfig::Kind::Stderr) {
-      WriteAll(Descriptor(state.builtIn), {});
+      Commit(Descriptor(state.builtIn), {}, false);
     }
   } catch (...) {
   }
   tHeld.used = 0;
 }
 
-void WriteLog(const Logger& logger, int level, const std::string& message) noexcept {
+namespace {
+
+// Formats a held trace straight into the held records: no message string is
+// made. False (nothing kept) when it does not fit, needs escaping or masking,
+// or the record must be cut: the general path below makes it then.
+bool HoldFormatted(const Logger& logger, int level, std::string_view format,
+                   const Detail::FormatArg* args, size_t count) {
+  class Out final : public Detail::FormatSink {
+   public:
+    void Append(std::string_view text) override { held_.Append(text); }
+    HeldOut& Held() { return held_; }
+
+   private:
+    HeldOut held_;
+  } out;
+  HeldOut& held = out.Held();
+  AppendPrefix(logger, level, held);
+  const size_t messageStart = tHeld.used;
+  Detail::FormatTo(format, args, count, out);
+  const std::string_view message(tHeld.data + messageStart, tHeld.used - messageStart);
+  const bool plain =
+      !held.Overflowed() && message.size() <= kMaxLogRecordBytes && !HasControlByte(message);
+  if (plain) held.Append('\n');
+  if (plain && !held.Overflowed()) return true;
+  held.Undo();
+  return false;
+}
+
+}  // namespace
+
+void WriteLog(const Logger& logger, int level, const char* format, const Detail::FormatArg* args,
+              size_t count) noexcept {
   try {
     // A trace held for a batch touches nothing shared.
     const unsigned flags = gHoldable.load(std::memory_order_acquire);
-    if ((flags & kHoldable) != 0 && tHeld.depth > 0 && level > 3 && level < 10) {
+    const bool holdable = (flags & kHoldable) != 0 && tHeld.depth > 0 && level > 3 && level < 10;
+    if (holdable && (flags & kMasked) == 0 && HoldFormatted(logger, level, format, args, count)) {
+      return;
+    }
+    const std::string message = Detail::ASPrintV(format, args, count);
+    if (holdable) {
       HeldOut held;
       AppendPrefix(logger, level, held);
       AppendRecordText((flags & kMasked) != 0 ? MaskCredentials(message) : message, held);

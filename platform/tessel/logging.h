@@ -60,18 +60,18 @@ class LogBatch {
   LogBatch& operator=(const LogBatch&) = delete;
 };
 
-// Hands a finished message to the sink; swallows anything the sink throws.
-void WriteLog(const Logger& logger, int level, const std::string& message) noexcept;
+// Formats a message and hands it to the sink; swallows anything either
+// throws (logging must never take the caller down). A trace held for a batch
+// is formatted straight into the held records.
+void WriteLog(const Logger& logger, int level, const char* format, const Detail::FormatArg* args,
+              size_t count) noexcept;
 
 template <typename... Args>
 void LogInternal(const Logger* logger, int level, const char* format,
                  const Args&... args) noexcept {
   if (logger == nullptr || logger->GetLevel() < level) return;
-  try {
-    WriteLog(*logger, level, Detail::ASPrintInternal(format, args...));
-  } catch (...) {
-    // Logging must never take the caller down; an unformattable message is dropped.
-  }
+  const Detail::FormatArg list[] = {Detail::FormatArg(args)..., Detail::FormatArg("")};
+  WriteLog(*logger, level, format ? format : "", list, sizeof...(Args));
 }
 
 template <typename... Args>

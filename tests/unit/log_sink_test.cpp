@@ -4,10 +4,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "platform/tessel/logging.h"
 
@@ -19,6 +22,11 @@ TEST(LogRecord, ControlBytesAreEscapedAndLongMessagesCut) {
   EXPECT_EQ(LogRecordText("a\nb\r\tc"), "a\\nb\\r\\tc");
   EXPECT_EQ(LogRecordText(std::string("n\0l\x1b[31m\x7f", 9)), "n\\x00l\\x1b[31m\\x7f");
   EXPECT_EQ(LogRecordText("caf\xc3\xa9 \\n"), "caf\xc3\xa9 \\n") << "UTF-8 and backslashes kept";
+  // Bytes are scanned eight at a time: any position, next to any neighbour.
+  EXPECT_EQ(LogRecordText("0123456789abc\x1f ~\x80\xff"), "0123456789abc\\x1f ~\x80\xff");
+  EXPECT_EQ(LogRecordText("0123456789abcde\x7f"), "0123456789abcde\\x7f");
+  EXPECT_EQ(LogRecordText(" !~\x80\x9f\xc3\xa9\xff !~\x80\x9f\xc3\xa9\xff"),
+            " !~\x80\x9f\xc3\xa9\xff !~\x80\x9f\xc3\xa9\xff");
 
   const std::string huge(60 << 20, 'x');
   const std::string cut = LogRecordText(huge);
@@ -125,4 +133,36 @@ TEST_F(BuiltInSink, BatchHoldsTracesButNeverAFailureAndKeepsTheOrder) {
   const std::string text = File();
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 204) << "a full batch is written, not lost";
   EXPECT_EQ(text.substr(text.size() - 5), "last\n");
+}
+
+// Records of calls on many threads leave together (one thread writes what
+// others handed over): none is lost, split or reordered within its thread.
+TEST_F(BuiltInSink, ConcurrentCallsRecordsStayWholeAndInOrder) {
+  Use("file:" + path);
+  constexpr int kThreads = 8, kCalls = 400;
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([this, t] {
+      for (int i = 0; i < kCalls; ++i) {
+        const Tessel::Service::LogBatch call;
+        Tessel::Service::LogInternal(logger, 5, "t%1 c%2 plain", t, i);
+        Tessel::Service::LogInternal(logger, 5, "t%1 c%2 tab\tescaped", t, i);
+        if (i % 50 == 0) Tessel::Service::LogInternal(logger, 3, "t%1 c%2 failure", t, i);
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  std::istringstream lines(File());
+  std::vector<int> next(kThreads, 0);
+  int count = 0;
+  for (std::string line; std::getline(lines, line); ++count) {
+    int t = -1, c = -1;
+    const size_t at = line.find("] t");
+    ASSERT_NE(at, std::string::npos) << line;
+    ASSERT_EQ(std::sscanf(line.c_str() + at + 3, "%d c%d", &t, &c), 2) << line;
+    ASSERT_TRUE(t >= 0 && t < kThreads) << line;
+    EXPECT_GE(c, next[t]) << "out of order: " << line;
+    next[t] = c;
+  }
+  EXPECT_EQ(count, kThreads * (2 * kCalls + kCalls / 50));
 }
