@@ -47,11 +47,13 @@ constexpr size_t kMaxLogRecordBytes = 4096;
 // sent can thus neither forge a record nor make a huge one.
 std::string LogRecordText(std::string_view message);
 
-// While one lives on a thread, the built-in sink holds that thread's traces
-// (records above level 3) and writes them with one write when the outermost
-// batch ends: a library call's traces leave together instead of one system
-// call each. A failure record (level 3 or below) is written at once, after
-// the traces held before it, so the order is kept.
+// While one lives on a thread (a library call), the built-in sink holds that
+// thread's traces (records above level 3) and hands them over when the
+// outermost batch ends. They are written with those of other calls, in one
+// write, when the last call running ends, when 32 KiB wait, or when the
+// oldest has waited 50 ms; so a process that goes quiet has written all. A
+// failure record (level 3 or below), and everything handed over before it, is
+// written before the call goes on, so the order is kept and no failure waits.
 class LogBatch {
  public:
   LogBatch() noexcept;
