@@ -354,8 +354,7 @@ void AppendPrefix(const Logger& logger, int level, Out& out) {
     out.Append(name);
     n = 0;
   } else {
-    std::memcpy(prefix + n, name.data(), name.size());
-    n += name.size();
+    n += name.copy(prefix + n, name.size());
   }
   prefix[n++] = '[';
   prefix[n++] = static_cast<char>('0' + level % 10);
