@@ -159,8 +159,8 @@ bool ReadCapped(const char* path, size_t limit, std::vector<uint8_t>* out) {
 // Returns NUC_OK, NUC_ERR_NO_TABLE or NUC_ERR_CORRUPT_TABLE; offset ends where
 // the walk stopped.
 template <typename Visit>
-int WalkHostInterfaces(const uint8_t* table, size_t length, SMBIOS_Problem* problem,
-                       size_t& offset, Visit visit) {
+int WalkHostInterfaces(const uint8_t* table, size_t length, SMBIOS_Problem* problem, size_t& offset,
+                       Visit visit) {
   offset = 0;
   if (table == nullptr || length == 0) {
     return Fail(problem, NUC_ERR_NO_TABLE, "the SMBIOS table is empty", 0);

@@ -146,8 +146,9 @@ TEST(SmbiosParse, ListsEveryHostInterfaceInTableOrder) {
   EXPECT_EQ(first.handle, found[1].handle) << "the search takes the first Redfish record";
 
   const GeneratedTable bad = Generate("--kcs-first --corrupt count-past-struct");
-  EXPECT_EQ(SMBIOS_ListHostInterfaces(bad.table.data(), bad.table.size(), found, 4, &count, nullptr),
-            NUC_ERR_CORRUPT_TABLE);
+  EXPECT_EQ(
+      SMBIOS_ListHostInterfaces(bad.table.data(), bad.table.size(), found, 4, &count, nullptr),
+      NUC_ERR_CORRUPT_TABLE);
   EXPECT_EQ(count, 1u);
 }
 
