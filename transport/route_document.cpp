@@ -45,7 +45,7 @@ Ref<Http::ClientResponse> ConfigExchange(Http::HttpMethod method, const std::str
 
 Http::ClientResponse::Status ReadRouteDocument(std::string& text) {
   const Ref<Http::ClientResponse> response = ConfigExchange(Http::Get, nullptr);
-  const Http::ClientResponse::Status status = response->GetStatus();
+  Http::ClientResponse::Status status = response->GetStatus();
   text.clear();
   if (status.code == Http::ResponseCode::Ok) {
     std::vector<char> buffer(kMaxDocumentBytes);
