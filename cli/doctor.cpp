@@ -503,10 +503,8 @@ class Doctor {
       out += std::string(&l == &lines_.front() ? "" : ",") + "{\"link\":\"" + l.link +
              "\",\"status\":\"" + kVerdicts[static_cast<int>(l.verdict)] + "\",\"detail\":\"" +
              JsonEscape(l.detail) + "\"";
-      if (l.failure.result != 0)
-        out += "," + FailureJson(l.failure, l.check);
-      else if (!l.check.empty())
-        out += ",\"check\":\"" + JsonEscape(l.check) + "\"";
+      if (!l.check.empty()) out += ",\"check\":\"" + JsonEscape(l.check) + "\"";
+      if (l.failure.result != 0) out += ",\"failure\":{" + FailureJson(l.failure) + "}";
       out += "}";
     }
     std::printf("%s]}\n", out.c_str());

@@ -20,8 +20,7 @@ bool IsHttpStatus(int code) { return code >= 100 && code < 600; }
 
 std::string ProxyCheck(const RedfishFailure& f) {
   if (f.result == REDFISH_ERR_SYSTEM) return "is the proxy running and listening on localhost:80?";
-  if (IsHttpStatus(f.result))
-    return "the proxy's route for /bmc/ (redfishctl doctor) and the proxy's log";
+  if (IsHttpStatus(f.result)) return "the proxy's route for /bmc/ and the proxy's log";
   return "does the proxy on localhost:80 speak HTTP/2 cleartext (prior knowledge)? "
          "curl --http2-prior-knowledge http://localhost/bmc/redfish/v1";
 }
@@ -30,8 +29,8 @@ std::string BmcCheck(const RedfishFailure& f, const std::string& host) {
   if (f.result == REDFISH_ERR_TIMEOUT)
     return "raise --timeout; a BMC that is busy or resetting answers late or not at all";
   if (f.httpStatus == 502 || f.httpStatus == 504)
-    return "the proxy cannot reach the BMC" + (host.empty() ? "" : " at " + host) +
-           ": is it up, and does the route document name it? (redfishctl doctor)";
+    return "the proxy cannot reach the BMC" +
+           (host.empty() ? ": is it up?" : " at " + host + ": is it up, and is that its address?");
   if (f.httpStatus == 503)
     return "the BMC's Redfish service is unavailable (busy, starting or resetting): retry in a "
            "minute; if it stays so, reset the BMC";
@@ -55,7 +54,7 @@ std::string DiscoveryCheck(const RedfishFailure& f, const std::string& command) 
   if (command == "sensors")
     return "the chassis under /redfish/v1/Chassis: none links a Sensors collection, Thermal or "
            "Power";
-  return "what the BMC lists under /redfish/v1 (Systems, Managers, Chassis): redfishctl doctor";
+  return "what the BMC lists under /redfish/v1: Systems, Managers, Chassis";
 }
 
 std::string GuardCheck(const RedfishFailure& f) {
@@ -144,9 +143,9 @@ std::string JsonEscape(const std::string& text) {
   return out;
 }
 
-std::string FailureJson(const RedfishFailure& f, const std::string& check) {
+std::string FailureJson(const RedfishFailure& f) {
   return "\"result\":" + std::to_string(f.result) + ",\"link\":\"" + LinkLabel(f.link) +
          "\",\"httpStatus\":" + std::to_string(f.httpStatus) + ",\"method\":\"" +
          JsonEscape(f.method) + "\",\"uri\":\"" + JsonEscape(f.uri) + "\",\"detail\":\"" +
-         JsonEscape(f.detail) + "\",\"check\":\"" + JsonEscape(check) + "\"";
+         JsonEscape(f.detail) + "\"";
 }

@@ -26,5 +26,5 @@ std::string FailureCheck(const RedfishFailure& failure, const std::string& host,
 std::string JsonEscape(const std::string& text);
 
 // The record as JSON members, without braces:
-// "result":503,"link":"bmc","httpStatus":503,"method":"GET","uri":"...","detail":"...","check":"..."
-std::string FailureJson(const RedfishFailure& failure, const std::string& check);
+// "result":503,"link":"bmc","httpStatus":503,"method":"GET","uri":"...","detail":"..."
+std::string FailureJson(const RedfishFailure& failure);

@@ -287,8 +287,8 @@ class Session {
     const std::string cause = FailureCause(failure);
     const std::string check = FailureCheck(failure, o_.host, o_.command);
     if (o_.json) {
-      std::printf("{%s,\"meaning\":\"%s\"}\n", FailureJson(failure, check).c_str(),
-                  JsonEscape(ResultText(code)).c_str());
+      std::printf("{%s,\"check\":\"%s\",\"meaning\":\"%s\"}\n", FailureJson(failure).c_str(),
+                  JsonEscape(check).c_str(), JsonEscape(ResultText(code)).c_str());
       std::fflush(stdout);
     }
     FILE* err = log_.Err();
@@ -298,6 +298,8 @@ class Session {
       std::fprintf(err, "  link:  %s\n", LinkLabel(failure.link));
     if (!cause.empty()) std::fprintf(err, "  cause: %s\n", cause.c_str());
     if (!check.empty()) std::fprintf(err, "  check: %s\n", check.c_str());
+    if (failure.link >= REDFISH_LINK_SMBIOS && failure.link <= REDFISH_LINK_DISCOVERY)
+      std::fprintf(err, "  see:   redfishctl doctor (checks each link to the BMC)\n");
     std::fflush(err);
     return 1;
   }
