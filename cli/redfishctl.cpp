@@ -298,7 +298,7 @@ class Session {
       std::fprintf(err, "  link:  %s\n", LinkLabel(failure.link));
     if (!cause.empty()) std::fprintf(err, "  cause: %s\n", cause.c_str());
     if (!check.empty()) std::fprintf(err, "  check: %s\n", check.c_str());
-    if (failure.link >= REDFISH_LINK_SMBIOS && failure.link <= REDFISH_LINK_DISCOVERY)
+    if (failure.link >= REDFISH_LINK_SMBIOS && failure.link <= REDFISH_LINK_CREDENTIALS)
       std::fprintf(err, "  see:   redfishctl doctor (checks each link to the BMC)\n");
     std::fflush(err);
     return 1;
