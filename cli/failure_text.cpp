@@ -16,6 +16,17 @@ bool Resolves(const std::string& host) {
   return true;
 }
 
+constexpr char kSmbiosCheck[] =
+    "redfishctl doctor shows the host interface record; run on a host with a Redfish host "
+    "interface or inside tools/host-sim, or name the BMC with --host";
+constexpr char kRouteCheck[] =
+    "the route document: curl http://localhost:549/portico/config/json/bmcApi.json";
+constexpr char kCredentialsCheck[] =
+    "--user (or $BMC_USER) and the password ($BMC_PASSWORD or --password-file); failed logins "
+    "may have locked the account";
+constexpr char kDocumentCheck[] =
+    "the BMC's document at that URI is not what Redfish says it should be";
+
 bool IsHttpStatus(int code) { return code >= 100 && code < 600; }
 
 std::string ProxyCheck(const RedfishFailure& f) {
@@ -108,20 +119,8 @@ std::string FailureCheck(const RedfishFailure& f, const std::string& host,
   if (f.link == REDFISH_LINK_BMC) return BmcCheck(f, host);
   if (f.link == REDFISH_LINK_DISCOVERY) return DiscoveryCheck(f, command);
   if (f.link == REDFISH_LINK_GUARD) return GuardCheck(f);
-  static const char* const kChecks[] = {
-      "",
-      "",
-      "redfishctl doctor shows the host interface record; run on a host with a Redfish host "
-      "interface or inside tools/host-sim, or name the BMC with --host",
-      "",
-      "the route document: curl http://localhost:549/portico/config/json/bmcApi.json",
-      "",
-      "",
-      "--user (or $BMC_USER) and the password ($BMC_PASSWORD or --password-file); failed "
-      "logins may have locked the account",
-      "",
-      "the BMC's document at that URI is not what Redfish says it should be",
-  };
+  static const char* const kChecks[] = {"", "", kSmbiosCheck,      "", kRouteCheck,
+                                        "", "", kCredentialsCheck, "", kDocumentCheck};
   const auto index = static_cast<size_t>(f.link);
   return index < sizeof kChecks / sizeof kChecks[0] ? kChecks[index] : "";
 }
