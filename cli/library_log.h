@@ -3,10 +3,11 @@
 #include <cstdio>
 #include <string>
 
-// The library writes its log to standard error. redfishctl points fd 2 at an
-// unlinked file so it can read the lines back to explain a failure, copies
-// them to --log FILE or (with --verbose) to the real standard error, and keeps
-// its own messages on the real standard error.
+// The library's log is shown only when asked for: with --verbose on standard
+// error, with --log FILE appended to FILE; otherwise the library writes none
+// (its traces hold the Base64 credentials). When asked, the library writes to
+// standard error, which points at an unlinked file whose new lines are copied
+// out after each call; redfishctl's own messages go to the real standard error.
 class LibraryLog {
  public:
   LibraryLog(const std::string& copyPath, bool verbose);
@@ -18,8 +19,8 @@ class LibraryLog {
   bool CopyOpen() const { return copy_ != nullptr; }
   // The real standard error, for redfishctl's own messages.
   FILE* Err() const { return err_; }
-  // Log text written since the last call; it is copied as configured first.
-  std::string Drain();
+  // Copies the lines written since the last call where they were asked for.
+  void Drain();
 
  private:
   FILE* err_ = stderr;
@@ -28,8 +29,3 @@ class LibraryLog {
   FILE* copy_ = nullptr;
   bool verbose_ = false;
 };
-
-// The cause of a failing result, from the result code and the library's log:
-// who answered, and what to check. Lines end with '\n'.
-std::string ExplainFailure(int code, const std::string& log, const std::string& host,
-                           const std::string& command);

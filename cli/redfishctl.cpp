@@ -11,18 +11,20 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <map>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "actions.h"
 #include "bmcredfish.h"
+#include "doctor.h"
+#include "failure_text.h"
 #include "library_log.h"
 #include "mac.h"
 #include "result_text.h"
 #include "sensors_table.h"
-#include "thermal_power.h"
 
 namespace {
 
@@ -43,25 +45,6 @@ std::string LoadedLibraryVersion() {
 
 using Clock = std::chrono::steady_clock;
 
-enum class Target { On, Off, Toggle, Same };
-
-struct Action {
-  REDFISHCMD command;
-  Target target;  // the power state --wait waits for
-};
-
-const std::map<std::string, Action> kActions = {
-    {"on", {REDFISHCMD_ON, Target::On}},
-    {"force-on", {REDFISHCMD_FORCE_ON, Target::On}},
-    {"force-off", {REDFISHCMD_FORCE_OFF, Target::Off}},
-    {"graceful-shutdown", {REDFISHCMD_GRACEFUL_SHUTDOWN, Target::Off}},
-    {"force-restart", {REDFISHCMD_FORCE_RESTART, Target::On}},
-    {"graceful-restart", {REDFISHCMD_GRACEFUL_RESTART, Target::On}},
-    {"power-cycle", {REDFISHCMD_POWER_CYCLE, Target::On}},
-    {"push-power-button", {REDFISHCMD_PUSH_POWER_BUTTON, Target::Toggle}},
-    {"nmi", {REDFISHCMD_NMI, Target::Same}},
-};
-
 const char kUsage[] =
     "usage: redfishctl [options] COMMAND\n"
     "\n"
@@ -76,6 +59,8 @@ const char kUsage[] =
     "                                      push-power-button nmi\n"
     "  mac [--mac MAC]             the BMC's MAC address (or: does the BMC have MAC?)\n"
     "  sensors                     the chassis sensors as a table\n"
+    "  doctor [--fix-route]        check the chain to the BMC, link by link, and say what to\n"
+    "                              check at the first broken one (sends no power command)\n"
     "\n"
     "options:\n"
     "  --host HOST          the BMC (default: this host's own BMC, found through SMBIOS)\n"
@@ -86,14 +71,17 @@ const char kUsage[] =
     "                       Each request may take what remains of it.\n"
     "  --wait[=SECONDS]     power: after the BMC accepted, read the power state until\n"
     "                       it is what the action implies (default 120 s)\n"
-    "  --json               machine-readable output (sensors: the BMC's document)\n"
+    "  --json               machine-readable output (sensors: the readings document)\n"
+    "  --fix-route          doctor: let the library rewrite a route document that does\n"
+    "                       not name this BMC (otherwise doctor never writes it)\n"
     "  --log FILE           append the library's log to FILE\n"
     "  --verbose            show the library's log on standard error\n"
     "  --version            redfishctl's and the library's version\n"
     "  -h, --help           this text\n"
     "\n"
     "exit status: 0 success (power: the BMC accepted, or no action was needed; with\n"
-    "--wait: the state was reached), 1 failure or time-out (the line names the cause),\n"
+    "--wait: the state was reached; doctor: every link works, warnings or not),\n"
+    "1 failure, time-out or broken link (the lines name the cause and what to check),\n"
     "2 usage error (nothing was sent).\n";
 
 struct Options {
@@ -111,6 +99,7 @@ struct Options {
   double waitSeconds = 120;
   bool json = false;
   bool verbose = false;
+  bool fixRoute = false;
   std::string log;
 };
 
@@ -125,23 +114,6 @@ bool ParseSeconds(const std::string& text, double& out) {
   if (text.empty() || *end != '\0' || !std::isfinite(v) || v <= 0 || v > 86400) return false;
   out = v;
   return true;
-}
-
-std::string JsonEscape(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (static_cast<unsigned char>(c) < 0x20) {
-      char buf[8];
-      std::snprintf(buf, sizeof buf, "\\u%04x", c);
-      out += buf;
-    } else {
-      out += c;
-    }
-  }
-  return out;
 }
 
 // Returns -1 when the options are complete, else the exit status.
@@ -211,6 +183,8 @@ int ParseOptions(int argc, char** argv, Options& o) {
       o.json = true;
     } else if (a == "--verbose") {
       o.verbose = true;
+    } else if (a == "--fix-route") {
+      o.fixRoute = true;
     } else if (a == "--log") {
       if (!value(o.log)) return UsageError("--log needs a value");
     } else if (a.size() > 1 && a[0] == '-') {
@@ -224,7 +198,7 @@ int ParseOptions(int argc, char** argv, Options& o) {
   }
   if (positional.empty()) return UsageError("no command");
   o.command = positional[0];
-  static const char* const kCommands[] = {"power-state", "power", "mac", "sensors"};
+  static const char* const kCommands[] = {"power-state", "power", "mac", "sensors", "doctor"};
   bool known = false;
   for (const char* c : kCommands) known = known || o.command == c;
   if (!known) return UsageError("unknown command " + o.command);
@@ -233,12 +207,13 @@ int ParseOptions(int argc, char** argv, Options& o) {
     return UsageError("wrong arguments for " + o.command);
   if (isPower) {
     o.action = positional[1];
-    if (kActions.find(o.action) == kActions.end())
+    if (FindAction(o.action.c_str()) == nullptr)
       return UsageError("unknown power action " + o.action);
     if (!o.hasMac)
       return UsageError("power needs --mac MAC: the BMC's MAC guards every power command");
   }
   if (o.wait && !isPower) return UsageError("--wait goes with power");
+  if (o.fixRoute && o.command != "doctor") return UsageError("--fix-route goes with doctor");
   if (!o.havePassword) return UsageError("no password: set $BMC_PASSWORD or use --password-file");
   return -1;
 }
@@ -254,15 +229,19 @@ class DeadlineReport {
   // True for the one caller that says it.
   bool Claim() { return !claimed_.exchange(true); }
 
+  // The link doctor is checking, named when the deadline passes in it.
+  void Checking(const char* link) { link_ = link; }
+
   // Straight to the descriptors: another thread may hold a stdio lock.
   void Write() const {
+    const char* link = link_;
     dprintf(fileno(err_),
-            "redfishctl: timed out: the command's deadline of %gs passed "
+            "redfishctl: timed out%s%s: the command's deadline of %gs passed "
             "(raise --timeout)\n",
-            seconds_);
+            link ? " checking " : "", link ? link : "", seconds_);
     if (json_)
-      dprintf(STDOUT_FILENO, "{\"result\":%d,\"meaning\":\"deadline passed\"}\n",
-              REDFISH_ERR_TIMEOUT);
+      dprintf(STDOUT_FILENO, "{\"result\":%d,\"meaning\":\"deadline passed\",\"link\":\"%s\"}\n",
+              REDFISH_ERR_TIMEOUT, link ? link : "");
   }
 
  private:
@@ -270,6 +249,7 @@ class DeadlineReport {
   bool json_;
   FILE* err_;
   std::atomic<bool> claimed_{false};
+  std::atomic<const char*> link_{nullptr};
 };
 
 // One run of a command against the library: the deadline, the log, the output.
@@ -302,15 +282,25 @@ class Session {
       report_.Write();
       return 1;
     }
-    const std::string cause = ExplainFailure(code, log_.Drain(), o_.host, o_.command);
+    log_.Drain();
+    const RedfishFailure failure = LastFailure(code);
+    const std::string cause = FailureCause(failure);
+    const std::string check = FailureCheck(failure, o_.host, o_.command);
     if (o_.json) {
-      std::printf("{\"result\":%d,\"meaning\":\"%s\"}\n", code,
-                  JsonEscape(ResultText(code)).c_str());
+      std::printf("{%s,\"check\":\"%s\",\"meaning\":\"%s\"}\n", FailureJson(failure).c_str(),
+                  JsonEscape(check).c_str(), JsonEscape(ResultText(code)).c_str());
       std::fflush(stdout);
     }
-    std::fprintf(log_.Err(), "redfishctl: %s failed: result %d: %s\n%s", o_.command.c_str(), code,
-                 ResultText(code), cause.c_str());
-    std::fflush(log_.Err());
+    FILE* err = log_.Err();
+    std::fprintf(err, "redfishctl: %s failed: result %d: %s\n", o_.command.c_str(), code,
+                 ResultText(code));
+    if (failure.link != REDFISH_LINK_NONE)
+      std::fprintf(err, "  link:  %s\n", LinkLabel(failure.link));
+    if (!cause.empty()) std::fprintf(err, "  cause: %s\n", cause.c_str());
+    if (!check.empty()) std::fprintf(err, "  check: %s\n", check.c_str());
+    if (failure.link >= REDFISH_LINK_SMBIOS && failure.link <= REDFISH_LINK_CREDENTIALS)
+      std::fprintf(err, "  see:   redfishctl doctor (checks each link to the BMC)\n");
+    std::fflush(err);
     return 1;
   }
 
@@ -321,6 +311,7 @@ class Session {
 
   void Drain() { log_.Drain(); }
   const Options& Opt() const { return o_; }
+  DeadlineReport& Report() { return report_; }
 
  private:
   const Options& o_;
@@ -389,44 +380,41 @@ int MacCommand(Session& s) {
   return 0;
 }
 
-// Some BMCs have no Sensors collection and report readings under the chassis'
-// Thermal and Power resources only; the library reads Sensors alone.
-int ThermalAndPower(Session& s) {
-  std::string doc, why, table;
-  if (!ReadThermalAndPower(s.Opt().user, s.Opt().password, s.RequestMs(), doc, why) ||
-      !SensorsTable(doc, table)) {
-    int status = s.Fail(REDFISH_ERR_NO_MEMBER);
-    if (!why.empty()) s.Note("reading Thermal and Power instead failed: " + why);
-    return status;
-  }
-  s.Note("this BMC has no Sensors collection; these are its Thermal and Power readings");
-  std::fputs(table.c_str(), stdout);
-  return 0;
-}
-
 int SensorsCommand(Session& s) {
-  unsigned int length = 0;
-  int rc =
-      Redfish_GetSensorsInfo(s.User(), s.Password(), s.Host(), s.RequestMs(), nullptr, &length);
-  if (rc == REDFISH_ERR_NO_MEMBER && !s.Opt().json) return ThermalAndPower(s);
+  char* json = nullptr;
+  const int rc = Redfish_GetSensorReadings(s.User(), s.Password(), s.Host(), s.RequestMs(), &json);
   if (rc != 0) return s.Fail(rc);
-  std::vector<char> buffer(static_cast<size_t>(length) + 1);
-  length = static_cast<unsigned int>(buffer.size());
-  rc = Redfish_GetSensorsInfo(s.User(), s.Password(), s.Host(), s.RequestMs(), buffer.data(),
-                              &length);
-  if (rc != 0) return s.Fail(rc);
-  const std::string doc(buffer.data());
+  const std::string doc(json);
+  Redfish_FreeText(json);
   if (s.Opt().json) {
     std::printf("%s\n", doc.c_str());
     return 0;
   }
-  std::string table;
-  if (!SensorsTable(doc, table)) {
-    s.Note("sensors: the BMC's document is not a sensor collection (see --json)");
+  Readings readings;
+  if (!ParseReadings(doc, readings)) {
+    s.Note("sensors: the readings document is not of its documented shape (see --json)");
     return 1;
   }
-  std::fputs(table.c_str(), stdout);
+  if (readings.fromSensors == 0)
+    s.Note("this BMC has no Sensors collection; these are its Thermal and Power readings");
+  std::fputs(ReadingsTable(readings).c_str(), stdout);
   return 0;
+}
+
+// Each library call may take what is left of the deadline but a moment, so
+// that a call that times out comes back in time to name its link.
+int DoctorCommand(Session& s) {
+  DoctorOptions options{s.Opt().user, s.Opt().password, s.Opt().host, s.Opt().json,
+                        s.Opt().fixRoute};
+  const std::function<unsigned int()> requestMs = [&] {
+    const unsigned int left = s.RequestMs();
+    return left > 600 ? left - 300 : std::max(1u, left / 2);
+  };
+  const std::function<void(const char*)> starting = [&](const char* link) {
+    s.Drain();
+    s.Report().Checking(link);
+  };
+  return RunDoctor(options, requestMs, starting);
 }
 
 // Reads the power state until it is the wanted one or the deadline passes.
@@ -476,7 +464,7 @@ int WaitForState(Session& s, bool wantOn) {
 }
 
 int PowerCommand(Session& s) {
-  const Action& action = kActions.at(s.Opt().action);
+  const Action& action = *FindAction(s.Opt().action.c_str());
   std::string bmcMac;
   int rc = ResolveMac(s, s.Opt().mac, bmcMac);
   if (rc != 0) return s.Fail(rc);
@@ -561,5 +549,6 @@ int main(int argc, char** argv) {
   if (o.command == "power-state") return PowerStateCommand(session);
   if (o.command == "mac") return MacCommand(session);
   if (o.command == "sensors") return SensorsCommand(session);
+  if (o.command == "doctor") return DoctorCommand(session);
   return PowerCommand(session);
 }

@@ -2,8 +2,8 @@
 
 #include <rapidjson/document.h>
 
+#include <algorithm>
 #include <cstdio>
-#include <vector>
 
 namespace {
 
@@ -18,7 +18,6 @@ std::string Text(const rapidjson::Value& object, const char* name) {
     std::snprintf(buf, sizeof buf, "%.6g", v.GetDouble());
     return buf;
   }
-  if (v.IsBool()) return v.GetBool() ? "true" : "false";
   return "";
 }
 
@@ -29,38 +28,50 @@ std::string Printable(std::string s) {
   return s;
 }
 
+std::string OrDash(std::string s) { return s.empty() ? "-" : Printable(std::move(s)); }
+
 }  // namespace
 
-bool SensorsTable(const std::string& json, std::string& table) {
+bool ParseReadings(const std::string& json, Readings& readings) {
   rapidjson::Document doc;
   doc.Parse(json.c_str(), json.size());
   if (doc.HasParseError() || !doc.IsObject()) return false;
-  auto members = doc.FindMember("Members");
-  if (members == doc.MemberEnd() || !members->value.IsArray()) return false;
-
-  std::vector<std::vector<std::string>> rows = {{"NAME", "READING", "UNITS", "HEALTH"}};
-  for (const auto& m : members->value.GetArray()) {
-    std::string name = Text(m, "Name");
-    if (name.empty()) name = Text(m, "Id");
-    if (name.empty()) name = Text(m, "@odata.id");
-    std::string reading = Text(m, "Reading");
-    std::string health;
-    if (m.IsObject() && m.HasMember("Status")) health = Text(m["Status"], "Health");
-    rows.push_back({Printable(name), reading.empty() ? "-" : Printable(reading),
-                    Printable(Text(m, "ReadingUnits")), health.empty() ? "-" : Printable(health)});
+  auto chassis = doc.FindMember("Chassis");
+  if (chassis == doc.MemberEnd() || !chassis->value.IsArray()) return false;
+  readings = Readings{};
+  for (const auto& c : chassis->value.GetArray()) {
+    auto sensors = c.IsObject() ? c.FindMember("Sensors") : c.MemberEnd();
+    if (!c.IsObject() || sensors == c.MemberEnd() || !sensors->value.IsArray()) return false;
+    ++readings.chassis;
+    if (Text(c, "Source") == "Sensors") ++readings.fromSensors;
+    const std::string id = Printable(Text(c, "Id"));
+    for (const auto& s : sensors->value.GetArray()) {
+      std::string name = Text(s, "Name");
+      if (name.empty()) name = Text(s, "Id");
+      readings.rows.push_back({id, Printable(name), OrDash(Text(s, "Reading")),
+                               Printable(Text(s, "ReadingUnits")), OrDash(Text(s, "Health"))});
+    }
   }
-  std::vector<size_t> width(4, 0);
+  return true;
+}
+
+std::string ReadingsTable(const Readings& readings) {
+  const size_t first = readings.chassis > 1 ? 0 : 1;  // the chassis column only when it tells
+  std::vector<std::array<std::string, 5>> rows = {
+      {"CHASSIS", "NAME", "READING", "UNITS", "HEALTH"}};
+  rows.insert(rows.end(), readings.rows.begin(), readings.rows.end());
+  std::array<size_t, 5> width{};
   for (const auto& r : rows)
-    for (size_t i = 0; i < r.size(); ++i) width[i] = std::max(width[i], r[i].size());
-  table.clear();
+    for (size_t i = first; i < r.size(); ++i) width[i] = std::max(width[i], r[i].size());
+  std::string table;
   for (const auto& r : rows) {
     std::string line;
-    for (size_t i = 0; i < r.size(); ++i) {
+    for (size_t i = first; i < r.size(); ++i) {
       line += r[i];
       if (i + 1 < r.size()) line += std::string(width[i] - r[i].size() + 2, ' ');
     }
     while (!line.empty() && line.back() == ' ') line.pop_back();
     table += line + "\n";
   }
-  return true;
+  return table;
 }

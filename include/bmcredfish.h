@@ -168,7 +168,8 @@ typedef enum RedfishLink {
   REDFISH_LINK_CONFIG_ENDPOINT = 3, /* the proxy's configuration endpoint, localhost:549 */
   REDFISH_LINK_ROUTE_DOCUMENT = 4,  /* the route document it serves */
   REDFISH_LINK_PROXY = 5,           /* the proxy on localhost:80 */
-  REDFISH_LINK_BMC = 6,             /* the BMC behind the proxy */
+  REDFISH_LINK_BMC = 6,             /* the BMC behind the proxy (also when the proxy
+                                       answers 502, 503 or 504 for it) */
   REDFISH_LINK_CREDENTIALS = 7,     /* the BMC account's credentials */
   REDFISH_LINK_DISCOVERY = 8,       /* what the BMC lists: systems, managers, chassis, maker */
   REDFISH_LINK_DOCUMENT = 9,        /* a BMC document not of the Redfish shape */

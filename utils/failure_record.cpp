@@ -123,8 +123,11 @@ void NoteAnswer(int status, std::string_view body) noexcept {
       NoteFailure(REDFISH_LINK_BMC, status, "the BMC: " + message);
     } else if (ContainsNoCase(body, "<html") || status == 502 || status == 504) {
       // A gateway error or an HTML page is the proxy speaking, not the BMC.
+      // The proxy works then; a gateway status says the BMC behind it did not
+      // answer, and that is the link to look at.
+      const bool gateway = status == 502 || status == 503 || status == 504;
       const std::string_view title = Title(body);
-      NoteFailure(REDFISH_LINK_PROXY, status,
+      NoteFailure(gateway ? REDFISH_LINK_BMC : REDFISH_LINK_PROXY, status,
                   std::string("the proxy: ") +
                       (title.empty() ? std::string(body.substr(0, 120)) : std::string(title)));
     } else {

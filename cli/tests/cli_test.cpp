@@ -1,10 +1,8 @@
-// redfishctl's pure parts: MAC notations, the sensors table, failure causes.
+// redfishctl's pure parts: MAC notations, the sensors table.
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "bmcredfish.h"
-#include "library_log.h"
 #include "mac.h"
 #include "sensors_table.h"
 
@@ -28,41 +26,27 @@ TEST(Mac, TriesTheBmcsOwnNotationFirst) {
   EXPECT_EQ(MacNotations("0a:ca:fe:f0:0d:04", "garbage").size(), 4u);
 }
 
-TEST(SensorsTable, AlignsColumnsAndNeverPassesControlBytes) {
-  std::string t;
-  ASSERT_TRUE(SensorsTable(
-      R"({"Members":[{"Name":"CPU1 Temp","Reading":41,"ReadingUnits":"Cel","Status":{"Health":"OK"}},
-                     {"Id":"Fan\u001b[2J","Reading":null},"not an object"]})",
-      t));
-  EXPECT_EQ(t,
+TEST(SensorsTable, AlignsColumnsNamesChassisOnlyWhenSeveralAndNeverPassesControlBytes) {
+  Readings r;
+  ASSERT_TRUE(ParseReadings(
+      R"({"Chassis":[{"Id":"1","Source":"Sensors","Sensors":[
+           {"Name":"CPU1 Temp","Reading":41,"ReadingUnits":"Cel","Health":"OK"},
+           {"Id":"Fan\u001b[2J","Reading":null,"ReadingUnits":"","Health":""}]}]})",
+      r));
+  EXPECT_EQ(r.fromSensors, 1u);
+  EXPECT_EQ(ReadingsTable(r),
             "NAME       READING  UNITS  HEALTH\n"
             "CPU1 Temp  41       Cel    OK\n"
-            "Fan?[2J    -               -\n"
-            "           -               -\n");
-  EXPECT_FALSE(SensorsTable("{\"Members\":{}}", t));
-  EXPECT_FALSE(SensorsTable("[1,2]", t));
-  EXPECT_FALSE(SensorsTable("{\"Members\":[", t));
-}
-
-TEST(ExplainFailure, NamesWhoAnsweredFromTheLoggedBody) {
-  const std::string bmc =
-      "2026-01-01T00:00:00Z Redfish[3] GET: Error getting from /bmc/x: 503 (Service Unavailable)\n"
-      "2026-01-01T00:00:00Z Redfish[5] [ClientResponse::Read] Read 99 bytes\\n"
-      "'{\"error\":{\"message\":\"see info\",\"@Message.ExtendedInfo\":[{\"Message\":\"It's "
-      "busy'\\n\"}]}}'\n"
-      "2026-01-01T00:00:00Z Redfish[3] next line\n";
-  EXPECT_NE(ExplainFailure(503, bmc, "", "mac").find("the BMC (Redfish error): It's busy"),
-            std::string::npos);
-  const std::string proxy =
-      "x Redfish[5] [ClientResponse::Read] Read 9 bytes\\n'<html><head><title>502 Bad "
-      "Gateway</title></head><center>nginx</center></html>'\n";
-  EXPECT_NE(ExplainFailure(502, proxy, "", "mac").find("the proxy (error page: 502 Bad Gateway)"),
-            std::string::npos);
-  EXPECT_NE(ExplainFailure(REDFISH_ERR_NO_BMC_ADDRESS, "", "", "mac").find("tools/host-sim"),
-            std::string::npos);
-  EXPECT_NE(ExplainFailure(REDFISH_ERR_NO_MEMBER, "", "", "sensors").find("no Sensors collection"),
-            std::string::npos);
-  // A log cut in the middle of a body, or none at all, still gives an answer.
-  EXPECT_NO_THROW(ExplainFailure(500, "Read 3 bytes\\n'{\"err", "", "mac"));
-  EXPECT_EQ(ExplainFailure(418, "", "", "mac"), "");
+            "Fan?[2J    -               -\n");
+  ASSERT_TRUE(ParseReadings(
+      R"({"Chassis":[{"Id":"1","Source":"ThermalPower","Sensors":[{"Name":"Inlet","Reading":21.5}]},
+                     {"Id":"Blade.2","Source":"Sensors","Sensors":[{"Name":"V","Reading":12}]}]})",
+      r));
+  EXPECT_EQ(ReadingsTable(r),
+            "CHASSIS  NAME   READING  UNITS  HEALTH\n"
+            "1        Inlet  21.5            -\n"
+            "Blade.2  V      12              -\n");
+  for (const char* bad :
+       {"[1,2]", R"({"Chassis":{}})", R"({"Chassis":[{"Id":"1"}]})", "{\"Chassis\":["})
+    EXPECT_FALSE(ParseReadings(bad, r)) << bad;
 }

@@ -153,15 +153,18 @@ bool ReadCapped(const char* path, size_t limit, std::vector<uint8_t>* out) {
   return ok;
 }
 
-}  // namespace
-
-int SMBIOS_FindRedfishOverIp(const uint8_t* table, size_t length, SMBIOS_RedfishOverIp* record,
-                             SMBIOS_Problem* problem) {
+// Walks the table's structures up to the end-of-table marker (or until fewer
+// than a header's 4 bytes remain) and hands each type 42 structure's formatted
+// area to visit(structure, length, offset), which returns false to stop.
+// Returns NUC_OK, NUC_ERR_NO_TABLE or NUC_ERR_CORRUPT_TABLE; offset ends where
+// the walk stopped.
+template <typename Visit>
+int WalkHostInterfaces(const uint8_t* table, size_t length, SMBIOS_Problem* problem, size_t& offset,
+                       Visit visit) {
+  offset = 0;
   if (table == nullptr || length == 0) {
     return Fail(problem, NUC_ERR_NO_TABLE, "the SMBIOS table is empty", 0);
   }
-  size_t offset = 0;
-  // Fewer than a header's 4 bytes left means the table is over.
   while (length - offset >= 4) {
     const uint8_t* s = table + offset;
     const uint8_t type = s[0];
@@ -182,22 +185,63 @@ int SMBIOS_FindRedfishOverIp(const uint8_t* table, size_t length, SMBIOS_Redfish
       return Fail(problem, NUC_ERR_CORRUPT_TABLE, "structure strings run past the end of the table",
                   offset);
     }
-    end += 2;
-    if (type == SMBIOS_TYPE_HOST_INTERFACE) {
-      SMBIOS_Problem inner{nullptr, offset};
-      switch (ExamineHostInterface(s, formatted, offset, record, &inner)) {
-        case Verdict::Found:
-          return NUC_OK;
-        case Verdict::Malformed:
-          return Fail(problem, NUC_ERR_CORRUPT_TABLE, inner.what, inner.offset);
-        case Verdict::NotRedfish:
-          break;
-      }
-    }
-    offset = end;
+    if (type == SMBIOS_TYPE_HOST_INTERFACE && !visit(s, formatted, offset)) return NUC_OK;
+    offset = end + 2;
   }
-  return Fail(problem, NUC_ERR_NO_ENTRY, "no network host interface with a Redfish-over-IP record",
-              offset);
+  return NUC_OK;
+}
+
+}  // namespace
+
+int SMBIOS_FindRedfishOverIp(const uint8_t* table, size_t length, SMBIOS_RedfishOverIp* record,
+                             SMBIOS_Problem* problem) {
+  int found = NUC_ERR_NO_ENTRY;
+  size_t end = 0;
+  const int walked = WalkHostInterfaces(
+      table, length, problem, end, [&](const uint8_t* s, size_t formatted, size_t offset) {
+        SMBIOS_Problem inner{nullptr, offset};
+        switch (ExamineHostInterface(s, formatted, offset, record, &inner)) {
+          case Verdict::Found:
+            found = NUC_OK;
+            return false;
+          case Verdict::Malformed:
+            found = Fail(problem, NUC_ERR_CORRUPT_TABLE, inner.what, inner.offset);
+            return false;
+          case Verdict::NotRedfish:
+            break;
+        }
+        return true;
+      });
+  if (walked != NUC_OK) return walked;
+  if (found == NUC_ERR_NO_ENTRY) {
+    Note(problem, "no network host interface with a Redfish-over-IP record", end);
+  }
+  return found;
+}
+
+int SMBIOS_ListHostInterfaces(const uint8_t* table, size_t length, SMBIOS_HostInterface* out,
+                              size_t max, size_t* count, SMBIOS_Problem* problem) {
+  size_t n = 0;
+  size_t end = 0;
+  int malformed = NUC_OK;
+  const int walked = WalkHostInterfaces(
+      table, length, problem, end, [&](const uint8_t* s, size_t formatted, size_t offset) {
+        SMBIOS_HostInterface entry{};
+        entry.handle = Le16(s + 2);
+        entry.interfaceType = formatted > kInterfaceType ? s[kInterfaceType] : 0;
+        SMBIOS_Problem inner{nullptr, offset};
+        const Verdict verdict = ExamineHostInterface(s, formatted, offset, &entry.redfish, &inner);
+        if (verdict == Verdict::Malformed) {
+          malformed = Fail(problem, NUC_ERR_CORRUPT_TABLE, inner.what, inner.offset);
+          return false;
+        }
+        entry.hasRedfish = verdict == Verdict::Found;
+        if (out != nullptr && n < max) out[n] = entry;
+        ++n;
+        return true;
+      });
+  if (count != nullptr) *count = n;
+  return walked != NUC_OK ? walked : malformed;
 }
 
 size_t SMBIOS_TableLengthFromEntryPoint(const uint8_t* ep, size_t length) {
@@ -221,16 +265,21 @@ size_t SMBIOS_TableLengthFromEntryPoint(const uint8_t* ep, size_t length) {
   return 0;
 }
 
-int SMBIOS_ReadRedfishOverIp(const char* entryPointPath, const char* tablePath,
-                             SMBIOS_RedfishOverIp* record, SMBIOS_Problem* problem) {
+bool SMBIOS_ReadTable(const char* entryPointPath, const char* tablePath,
+                      std::vector<uint8_t>& bytes) {
   size_t limit = SMBIOS_MAX_TABLE_BYTES;
-  std::vector<uint8_t> bytes;
   // Without a usable entry point the file's own length has to do.
   if (entryPointPath != nullptr && ReadCapped(entryPointPath, 64, &bytes)) {
     const size_t announced = SMBIOS_TableLengthFromEntryPoint(bytes.data(), bytes.size());
     if (announced > 0 && announced < limit) limit = announced;
   }
-  if (tablePath == nullptr || !ReadCapped(tablePath, limit, &bytes)) {
+  return tablePath != nullptr && ReadCapped(tablePath, limit, &bytes);
+}
+
+int SMBIOS_ReadRedfishOverIp(const char* entryPointPath, const char* tablePath,
+                             SMBIOS_RedfishOverIp* record, SMBIOS_Problem* problem) {
+  std::vector<uint8_t> bytes;
+  if (!SMBIOS_ReadTable(entryPointPath, tablePath, bytes)) {
     return Fail(problem, NUC_ERR_NO_TABLE, "cannot read the SMBIOS table file", 0);
   }
   return SMBIOS_FindRedfishOverIp(bytes.data(), bytes.size(), record, problem);

@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <vector>
 
 // Reading the Redfish-over-IP host interface out of raw SMBIOS tables. Pure
 // parsing apart from SMBIOS_ReadRedfishOverIp; statuses are the NUC_* values
@@ -11,6 +12,7 @@
 // SMBIOS type 42 constants this reader relies on.
 constexpr uint8_t SMBIOS_TYPE_HOST_INTERFACE = 42;
 constexpr uint8_t SMBIOS_TYPE_END_OF_TABLE = 127;
+constexpr uint8_t SMBIOS_INTERFACE_KCS = 0x02;
 constexpr uint8_t SMBIOS_INTERFACE_NETWORK = 0x40;
 constexpr uint8_t SMBIOS_PROTOCOL_REDFISH_OVER_IP = 0x04;
 constexpr uint8_t SMBIOS_ADDRESS_FORMAT_IPV4 = 1;
@@ -57,6 +59,23 @@ struct SMBIOS_Problem {
 int SMBIOS_FindRedfishOverIp(const uint8_t* table, size_t length, SMBIOS_RedfishOverIp* record,
                              SMBIOS_Problem* problem);
 
+// One type 42 structure: its interface type and, for a network interface that
+// holds a Redfish-over-IP record, that record decoded (hasRedfish).
+struct SMBIOS_HostInterface {
+  uint16_t handle;
+  uint8_t interfaceType;  // 0 when the structure is too short to say
+  bool hasRedfish;
+  SMBIOS_RedfishOverIp redfish;
+};
+
+// Every type 42 structure in table order, for a reader that must know more
+// than the first Redfish record: the first max are written to out (may be
+// null) and *count receives how many were met. Returns NUC_OK (also when there
+// are none), NUC_ERR_NO_TABLE, or NUC_ERR_CORRUPT_TABLE with *count covering
+// the structures before the fault.
+int SMBIOS_ListHostInterfaces(const uint8_t* table, size_t length, SMBIOS_HostInterface* out,
+                              size_t max, size_t* count, SMBIOS_Problem* problem);
+
 // The table length an entry point announces ("_SM3_": maximum size, "_SM_" and
 // "_DMI_": exact length), or 0 when the bytes are not a well-formed entry point
 // (unknown anchor, bad checksum, length field past the given bytes).
@@ -64,6 +83,16 @@ size_t SMBIOS_TableLengthFromEntryPoint(const uint8_t* entryPoint, size_t length
 
 // Largest table read from a file; real tables are a few KiB.
 constexpr size_t SMBIOS_MAX_TABLE_BYTES = 1024 * 1024;
+
+// Where Linux exports the firmware's tables.
+constexpr const char SMBIOS_SYSFS_ENTRY_POINT[] = "/sys/firmware/dmi/tables/smbios_entry_point";
+constexpr const char SMBIOS_SYSFS_TABLE[] = "/sys/firmware/dmi/tables/DMI";
+
+// The table bytes at tablePath: at most the length entryPointPath announces
+// (when that file exists and is well formed) and at most
+// SMBIOS_MAX_TABLE_BYTES. False when the table file cannot be read.
+bool SMBIOS_ReadTable(const char* entryPointPath, const char* tablePath,
+                      std::vector<uint8_t>& bytes);
 
 // Reads the table at tablePath (at most the length entryPointPath announces,
 // when that file exists and is well formed, and at most SMBIOS_MAX_TABLE_BYTES)

@@ -8,9 +8,6 @@
 
 namespace {
 
-constexpr const char kEntryPointPath[] = "/sys/firmware/dmi/tables/smbios_entry_point";
-constexpr const char kTablePath[] = "/sys/firmware/dmi/tables/DMI";
-
 // Linux has no kernel interface signature to compare against; the library's
 // own build date stands in for both sides.
 constexpr const char kBuildDate[] = __DATE__;
@@ -33,7 +30,8 @@ const Tessel::Service::Logger* SysinfoLogger() {
 int GetRedfishInfo(uint8_t* out) {
   SMBIOS_RedfishOverIp record{};
   SMBIOS_Problem problem{"", 0};
-  const int status = SMBIOS_ReadRedfishOverIp(kEntryPointPath, kTablePath, &record, &problem);
+  const int status =
+      SMBIOS_ReadRedfishOverIp(SMBIOS_SYSFS_ENTRY_POINT, SMBIOS_SYSFS_TABLE, &record, &problem);
   if (status != NUC_OK) {
     // The status alone cannot say which byte of the firmware table is wrong.
     TESSEL_LOG(SysinfoLogger(), 2, "%1: %2 (table offset %3)", NUC_ReturnStatusToString(status),

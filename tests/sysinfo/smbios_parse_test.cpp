@@ -128,6 +128,30 @@ TEST(SmbiosParse, TruncatedTablesFailUntilTheRecordIsWhole) {
   }
 }
 
+// The list sees every type 42 structure, where the search stops at the first
+// Redfish record; a fault after some structures keeps the count of those.
+TEST(SmbiosParse, ListsEveryHostInterfaceInTableOrder) {
+  const GeneratedTable g = Generate("--kcs-first --first-record fd00:42::9 --ipv4 127.0.42.7");
+  SMBIOS_HostInterface found[4] = {};
+  size_t count = 0;
+  ASSERT_EQ(SMBIOS_ListHostInterfaces(g.table.data(), g.table.size(), found, 2, &count, nullptr),
+            NUC_OK);
+  ASSERT_EQ(count, 3u) << "counted past the two that fit";
+  EXPECT_EQ(found[0].interfaceType, SMBIOS_INTERFACE_KCS);
+  EXPECT_FALSE(found[0].hasRedfish);
+  ASSERT_TRUE(found[1].hasRedfish);
+  EXPECT_EQ(Address(found[1].redfish.addressFormat, found[1].redfish.address), "fd00:42::9");
+  SMBIOS_RedfishOverIp first{};
+  ASSERT_EQ(Parse(g.table, g.table.size(), &first), NUC_OK);
+  EXPECT_EQ(first.handle, found[1].handle) << "the search takes the first Redfish record";
+
+  const GeneratedTable bad = Generate("--kcs-first --corrupt count-past-struct");
+  EXPECT_EQ(
+      SMBIOS_ListHostInterfaces(bad.table.data(), bad.table.size(), found, 4, &count, nullptr),
+      NUC_ERR_CORRUPT_TABLE);
+  EXPECT_EQ(count, 1u);
+}
+
 TEST(SmbiosEntryPoint, AnnouncesTheTableLengthOnlyWhenWellFormed) {
   sysinfo_test::ScratchDir dir;
   for (const std::string format : {"3", "2"}) {

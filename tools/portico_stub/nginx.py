@@ -45,8 +45,9 @@ def _hostport(address, port):
     return host if port == 443 else "%s:%d" % (host, port)
 
 
-def render(prefix, listen, http_port, generation, endpoint):
-    """nginx.conf text. endpoint is (address, port) or None while no document exists."""
+def render(prefix, listen, http_port, generation, endpoint, http1=False):
+    """nginx.conf text. endpoint is (address, port) or None while no document exists.
+    http1: the HTTP port speaks HTTP/1.1 only, as a proxy without HTTP/2 would."""
     user = "user root root;\n" if os.geteuid() == 0 else ""
     if endpoint is None:
         upstream = ""
@@ -100,7 +101,7 @@ http {
     access_log %(p)s/access.log portico;
 
 %(upstream)s    server {
-        listen %(listen)s:%(port)d http2;
+        listen %(listen)s:%(port)d%(http2)s;
 
         location = /__portico/generation {
             default_type text/plain;
@@ -113,7 +114,8 @@ http {
     }
 }
 """ % {"user": user, "p": prefix, "gen": generation, "upstream": upstream, "bmc": bmc,
-       "listen": "[%s]" % listen if ":" in listen else listen, "port": http_port}
+       "listen": "[%s]" % listen if ":" in listen else listen, "port": http_port,
+       "http2": "" if http1 else " http2"}
 
 
 def render_config_front(prefix, socket_path, backend_port):
@@ -154,8 +156,9 @@ http {
 
 
 class Nginx:
-    def __init__(self, binary, prefix, listen, http_port):
+    def __init__(self, binary, prefix, listen, http_port, http1=False):
         self.binary = binary or shutil.which("nginx") or "/usr/sbin/nginx"
+        self.http1 = http1
         self.prefix = os.path.abspath(prefix)
         self.listen = listen
         self.http_port = http_port
@@ -219,8 +222,9 @@ class Nginx:
         url = "http://%s:%d/__portico/generation" % (
             "[%s]" % self.listen if ":" in self.listen else self.listen, self.http_port)
         try:
-            r = subprocess.run(["curl", "-s", "--http2-prior-knowledge", "--max-time", str(timeout),
-                                url], capture_output=True, text=True, timeout=timeout + 2)
+            r = subprocess.run(["curl", "-s", "--http1.1" if self.http1 else "--http2-prior-knowledge",
+                                "--max-time", str(timeout), url],
+                               capture_output=True, text=True, timeout=timeout + 2)
         except subprocess.TimeoutExpired:
             return None
         return int(r.stdout) if r.returncode == 0 and r.stdout.isdigit() else None

@@ -25,7 +25,7 @@ class Portico:
 
     def __init__(self, args, faults):
         self.args = args
-        self.nginx = Nginx(args.nginx, args.dir, args.listen, args.http_port)
+        self.nginx = Nginx(args.nginx, args.dir, args.listen, args.http_port, args.http1)
         self.faults = faultmod.FaultSet(faults)
         self.document = None  # bytes as last stored
         self.endpoint = None
@@ -52,7 +52,8 @@ class Portico:
         with self.reload_lock:
             generation = self.generation + 1
             problem = self.nginx.write(render(self.nginx.prefix, self.args.listen,
-                                              self.args.http_port, generation, endpoint))
+                                              self.args.http_port, generation, endpoint,
+                                              self.args.http1))
             if problem:
                 return "nginx refused the configuration: " + problem
             if self.nginx.proc is not None:  # running already: reload it
@@ -280,6 +281,8 @@ def _parser():
     p.add_argument("--listen", default="127.0.0.1", help="address of both listeners")
     p.add_argument("--http-port", type=int, default=80)
     p.add_argument("--config-port", type=int, default=549)
+    p.add_argument("--http1", action="store_true",
+                   help="the HTTP port speaks HTTP/1.1 only, not HTTP/2 cleartext")
     p.add_argument("--document", metavar="FILE", help="route document to start with")
     p.add_argument("--fault", action="append", default=[], metavar="FAULT",
                    help="get=503, put=503, put=200, garbage, slow=SECONDS, big; optional @N; "

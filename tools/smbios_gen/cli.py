@@ -31,6 +31,9 @@ def _parser():
     p.add_argument("--uuid", help="Redfish service UUID")
     p.add_argument("--kcs-first", action="store_true",
                    help="put a KCS management controller structure before the network one")
+    p.add_argument("--first-record", metavar="ADDR",
+                   help="put another Redfish host interface, announcing ADDR (IPv4 or IPv6), "
+                   "before this one")
     p.add_argument("--entry-point", type=int, choices=(2, 3), default=3,
                    help="entry point format: 3 (64-bit _SM3_, default) or 2 (32-bit _SM_)")
     p.add_argument("--corrupt", metavar="KIND", choices=sorted(tables.CORRUPT_KINDS),
@@ -79,6 +82,8 @@ def options_from_args(args):
     if args.uuid:
         opts.service_uuid = args.uuid
     opts.kcs_first = args.kcs_first
+    if args.first_record:
+        opts.first_record = str(ipaddress.ip_address(args.first_record))
     opts.entry_point = args.entry_point
     opts.corrupt = args.corrupt
     opts.truncate = args.truncate

@@ -7,6 +7,7 @@ the end-of-table marker (type 127). Corruptions damage the table in one
 specific way each so that readers can be tested against it.
 """
 
+import dataclasses
 import ipaddress
 import struct
 import uuid
@@ -62,6 +63,7 @@ class Options:
     device: str = "usb"
     service_uuid: str = "2f6a3d4e-8b1c-4d2e-9f10-a1b2c3d4e5f6"
     kcs_first: bool = False
+    first_record: Optional[str] = None  # address of another Redfish interface placed first
     corrupt: Optional[str] = None
     truncate: Optional[int] = None
     entry_point: int = 3
@@ -230,6 +232,14 @@ def build(opts):
     add(1, system)
     if opts.kcs_first:
         add(42, _kcs_interface(handle))
+    if opts.redfish and opts.first_record:
+        # Firmware that publishes two interfaces; a reader taking the first gets this one.
+        family = ipaddress.ip_address(opts.first_record).version
+        other = dataclasses.replace(
+            opts, address=opts.first_record, mask=None, corrupt=None,
+            address_format=ADDRESS_FORMAT_IPV4 if family == 4 else ADDRESS_FORMAT_IPV6)
+        formatted, strings = _host_interface(handle, other)
+        add(42, formatted + _strings(*strings))
     ends_table = False
     if opts.redfish:
         formatted, strings = _host_interface(handle, opts)
