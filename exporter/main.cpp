@@ -188,8 +188,10 @@ int RunServer(const Options& o, BmcReader reader) {
   int received = 0;
   while (sigwait(&signals, &received) == 0 && received == SIGHUP) {
   }
+  // Waiting scrapes are answered first, so that the server need not wait out their deadlines.
+  const bool readerEnded = collector.Stop(std::chrono::seconds(2));
   server.Stop();
-  if (!collector.Stop(std::chrono::seconds(2))) std::quick_exit(0);
+  if (!readerEnded) std::quick_exit(0);
   return 0;
 }
 
