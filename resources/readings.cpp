@@ -32,22 +32,25 @@ std::optional<double> Number(const Value& object, const char* name) {
 }
 
 // One entry of a Thermal or Power array: the reading under its own property
-// name, the units that name implies unless the entry gives its own.
+// name (or an older schema's), the units that name implies unless the entry
+// gives its own.
 struct ArrayKind {
   const char* array;
-  const char* reading;
+  const char* readings[3];
   const char* units;
   const char* type;
 };
 
+// Older fans: "ReadingRPM" (the first Thermal schema) and "CurrentReading"
+// with "Units" (HPE iLO 4, before the standard names).
 constexpr ArrayKind kThermalArrays[] = {
-    {"Temperatures", "ReadingCelsius", "Cel", "Temperature"},
-    {"Fans", "Reading", "RPM", "Rotational"},
+    {"Temperatures", {"ReadingCelsius"}, "Cel", "Temperature"},
+    {"Fans", {"Reading", "ReadingRPM", "CurrentReading"}, "RPM", "Rotational"},
 };
 constexpr ArrayKind kPowerArrays[] = {
-    {"Voltages", "ReadingVolts", "V", "Voltage"},
-    {"PowerControl", "PowerConsumedWatts", "W", "Power"},
-    {"PowerSupplies", "LastPowerOutputWatts", "W", "Power"},
+    {"Voltages", {"ReadingVolts"}, "V", "Voltage"},
+    {"PowerControl", {"PowerConsumedWatts"}, "W", "Power"},
+    {"PowerSupplies", {"LastPowerOutputWatts"}, "W", "Power"},
 };
 
 template <size_t N>
@@ -68,8 +71,11 @@ void ReadArrays(const Value& document, const ArrayKind (&kinds)[N],
       if (r.name.empty()) r.name = Text(entry, "FanName");  // older Thermal schemas
       if (r.name.empty())
         r.name = std::string(kind.array) + " " + (member.empty() ? position : member);
-      r.reading = Number(entry, kind.reading);
+      for (const char* name : kind.readings) {
+        if (name != nullptr && !r.reading) r.reading = Number(entry, name);
+      }
       r.units = Text(entry, "ReadingUnits");
+      if (r.units.empty()) r.units = Text(entry, "Units");
       if (r.units.empty()) r.units = kind.units;
       r.type = kind.type;
       r.health = StatusField(entry, "Health");

@@ -188,6 +188,15 @@ TEST(Readings, ThermalAndPowerOfARealBmc) {
   EXPECT_EQ(readings[2].id, "PowerSupplies/1") << "ids are unique per chassis";
   EXPECT_DOUBLE_EQ(*readings[0].reading, 531);
 
+  // iLO 4 names a fan's reading and units before the standard did.
+  readings.clear();
+  ReadingsOfThermal(Parsed(Sample("hpe/libredfish-testdata-thermal-hpe.json")), readings);
+  ASSERT_FALSE(readings.empty());
+  EXPECT_EQ(readings.back().name, "Fan 10");
+  ASSERT_TRUE(readings.back().reading.has_value());
+  EXPECT_DOUBLE_EQ(*readings.back().reading, 60);
+  EXPECT_EQ(readings.back().units, "Percent");
+
   const rapidjson::Document chassis = Parsed(Sample("hpe/libredfish-hpe-Chassis-1.json"));
   EXPECT_FALSE(HasInlineThermalOrPower(chassis)) << "a plain chassis only links them";
   std::string thermal, power;

@@ -1,0 +1,95 @@
+#include "bmc_reader.h"
+
+#include <chrono>
+#include <cstdio>
+#include <exception>
+
+#include "bmcredfish.h"
+
+namespace {
+
+std::string Printable(const char* text) {
+  std::string out(text);
+  for (char& c : out) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
+  }
+  return out;
+}
+
+// The failing call's outcome, and a line saying why, from the library's record.
+CallOutcome Outcome(const char* call, int result, std::string& why) {
+  if (result == 0) return {0, REDFISH_LINK_NONE};
+  RedfishFailure failure{};
+  failure.size = sizeof failure;
+  if (Redfish_GetLastFailure(&failure) != 0 || failure.result != result) {
+    failure = RedfishFailure{};
+  }
+  constexpr const char* kLinks[] = BMCREDFISH_LINK_LABELS;
+  const int link = failure.link;
+  const bool known = link >= 0 && link < static_cast<int>(sizeof kLinks / sizeof kLinks[0]);
+  if (!why.empty()) why += "; ";
+  why += std::string(call) + ": result " + std::to_string(result) + " (" + ResultText(result) +
+         "), link " + (known ? kLinks[link] : "?");
+  if (failure.uri[0] != '\0')
+    why += ", " + Printable(failure.method) + " " + Printable(failure.uri);
+  if (failure.httpStatus != 0) why += ": HTTP " + std::to_string(failure.httpStatus);
+  if (failure.detail[0] != '\0') why += ": " + Printable(failure.detail);
+  return {result, link};
+}
+
+// The library's calls leave only caller-made failures as exceptions: the one
+// that is not a standard exception is its credentials-encoding status.
+template <typename Call>
+int Guarded(Call call) {
+  try {
+    return call();
+  } catch (const std::exception&) {
+    return REDFISH_ERR_TRANSPORT;
+  } catch (...) {
+    return REDFISH_ERR_CREDENTIALS_ENCODING;
+  }
+}
+
+}  // namespace
+
+std::string ResultText(int result) {
+  switch (result) {
+#define BMCREDFISH_RESULT_TEXT_(name, value, text) \
+  case value:                                      \
+    return text;
+    BMCREDFISH_RESULT_CODES(BMCREDFISH_RESULT_TEXT_)
+#undef BMCREDFISH_RESULT_TEXT_
+    default:
+      return "HTTP status " + std::to_string(result);
+  }
+}
+
+ReadResult BmcReader::operator()() {
+  const auto start = std::chrono::steady_clock::now();
+  const char* user = credentials_.user.c_str();
+  const char* password = credentials_.password.c_str();
+  ReadResult read;
+  std::string why;
+  bool on = false;
+  const int power =
+      Guarded([&] { return Redfish_GetPowerState(user, password, nullptr, timeoutMs_, &on); });
+  read.power = Outcome("power_state", power, why);
+  read.powerOn = on;
+  char* json = nullptr;
+  const int sensors = Guarded(
+      [&] { return Redfish_GetSensorReadings(user, password, nullptr, timeoutMs_, &json); });
+  read.sensors = Outcome("sensor_readings", sensors, why);
+  if (sensors == 0 && json != nullptr) read.readings = json;
+  Redfish_FreeText(json);
+  read.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+
+  if (why != lastFailure_) {
+    if (why.empty()) {
+      std::fprintf(stderr, "bmcredfish-exporter: BMC reads succeed again\n");
+    } else {
+      std::fprintf(stderr, "bmcredfish-exporter: BMC read failed: %s\n", why.c_str());
+    }
+    lastFailure_ = why;
+  }
+  return read;
+}

@@ -1,0 +1,71 @@
+#pragma once
+
+// What the exporter knows about the BMC: the outcome of its last read and the
+// last good values, which it keeps serving (marked stale) when a read fails
+// or runs late, so that no series vanishes.
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct Sensor {
+  std::string chassis;
+  std::string id;
+  std::string name;
+  std::string units;   // as the BMC wrote them
+  std::string type;    // Redfish ReadingType, "" when not given
+  std::string health;  // "OK", "Warning", "Critical" or ""
+  std::optional<double> reading;
+};
+
+// The result and failing link (RedfishLink) of one library call.
+struct CallOutcome {
+  int result = 0;
+  int link = 0;
+};
+
+// One read of the BMC: the power state, then every chassis' readings.
+struct ReadResult {
+  CallOutcome power;
+  CallOutcome sensors;
+  bool powerOn = false;
+  std::string readings;  // the library's readings document, when sensors.result is 0
+  double seconds = 0;    // how long the read took
+  bool Ok() const { return power.result == 0 && sensors.result == 0; }
+};
+
+// Sensor readings as the library sent them and as parsed.
+struct Readings {
+  std::string document;
+  std::vector<Sensor> sensors;
+};
+
+struct Snapshot {
+  bool haveRead = false;  // a read has completed
+  CallOutcome power;      // outcomes of the last completed read
+  CallOutcome sensors;
+  std::optional<bool> powerOn;               // last good power state
+  std::shared_ptr<const Readings> readings;  // last good readings (null: none yet)
+  double readingsTime = 0;                   // wall-clock seconds of the read that gave them
+  double lastSuccess = 0;  // wall-clock seconds of the last read with both calls good
+  double readSeconds = 0;  // duration of the last completed read
+  uint64_t reads = 0;
+  uint64_t failures = 0;
+  bool stale = false;  // this answer's values are not from a current, good read
+
+  bool LastReadOk() const { return haveRead && power.result == 0 && sensors.result == 0; }
+};
+
+inline double WallSeconds() {
+  return std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+}
+
+// Folds a completed read into the snapshot, read at wall-clock time now.
+void ApplyRead(Snapshot& snapshot, const ReadResult& read, double now);
+
+// The library's readings document as sensors, in its order. False when the
+// text is not of that shape.
+bool ParseReadings(const std::string& json, std::vector<Sensor>& out);

@@ -1,0 +1,84 @@
+// Scrapes share BMC reads and answer by their deadline.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <vector>
+
+#include "collector.h"
+
+namespace {
+
+using Clock = Collector::Clock;
+using std::chrono::milliseconds;
+
+// A BMC read that takes as long as the test says, counting the reads.
+struct FakeBmc {
+  std::atomic<int> reads{0};
+  std::atomic<int> delayMs{0};
+  Collector::ReadFunction Function() {
+    return [this] {
+      std::this_thread::sleep_for(milliseconds(delayMs.load()));
+      ReadResult r;
+      r.powerOn = ++reads % 2 == 1;
+      r.readings = R"({"Chassis":[]})";
+      return r;
+    };
+  }
+};
+
+Snapshot ScrapeWithin(Collector& c, int ms) { return c.Scrape(Clock::now() + milliseconds(ms)); }
+
+}  // namespace
+
+TEST(Collector, ConcurrentScrapesShareOneRead) {
+  FakeBmc bmc;
+  bmc.delayMs = 1000;
+  Collector collector(bmc.Function(), milliseconds(0));
+  std::vector<std::future<Snapshot>> scrapes;
+  for (int i = 0; i < 50; ++i) {
+    scrapes.push_back(
+        std::async(std::launch::async, [&] { return ScrapeWithin(collector, 5000); }));
+  }
+  for (auto& s : scrapes) {
+    const Snapshot snapshot = s.get();
+    EXPECT_TRUE(snapshot.LastReadOk());
+    EXPECT_FALSE(snapshot.stale);
+  }
+  // The start-up read, which all 50 waited for.
+  EXPECT_EQ(bmc.reads, 1);
+}
+
+TEST(Collector, ASlowReadAnswersByTheDeadlineWithEarlierValuesMarkedStale) {
+  FakeBmc bmc;
+  Collector collector(bmc.Function(), milliseconds(0));
+  const Snapshot first = ScrapeWithin(collector, 5000);
+  ASSERT_FALSE(first.stale);
+
+  bmc.delayMs = 2000;
+  const auto start = Clock::now();
+  const Snapshot late = ScrapeWithin(collector, 300);
+  const auto waited = Clock::now() - start;
+  EXPECT_GE(waited, milliseconds(300));
+  EXPECT_LT(waited, milliseconds(1500));
+  EXPECT_TRUE(late.stale);
+  EXPECT_EQ(late.powerOn, first.powerOn) << "the earlier read's value";
+  EXPECT_EQ(late.reads, first.reads);
+
+  // The read goes on and serves the next scrape, which starts no other.
+  const Snapshot next = ScrapeWithin(collector, 5000);
+  EXPECT_FALSE(next.stale);
+  EXPECT_NE(next.powerOn, first.powerOn);
+  EXPECT_EQ(bmc.reads, static_cast<int>(first.reads) + 1);
+}
+
+TEST(Collector, AReadYoungerThanTheMaximumAgeServesWithoutReading) {
+  FakeBmc bmc;
+  Collector collector(bmc.Function(), milliseconds(400));
+  ScrapeWithin(collector, 5000);
+  ScrapeWithin(collector, 5000);
+  EXPECT_EQ(bmc.reads, 1);
+  std::this_thread::sleep_for(milliseconds(500));
+  EXPECT_EQ(ScrapeWithin(collector, 5000).reads, 2u);
+  EXPECT_EQ(bmc.reads, 2);
+}

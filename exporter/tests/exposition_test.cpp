@@ -1,0 +1,146 @@
+// The exposition of canned readings documents: metric per unit, labels,
+// escaping, and the series kept across failed reads.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <set>
+#include <sstream>
+
+#include "exposition.h"
+
+namespace {
+
+// Readings documents shaped as the library builds them from each vendor's
+// payloads (units and types as those BMCs write them).
+const char kReadings[] = R"({"Chassis":[
+ {"Id":"System.Embedded.1","Source":"Sensors","Sensors":[
+  {"Id":"CPU1Temp","Name":"CPU1 Temp","Reading":41,"ReadingUnits":"Cel","ReadingType":"Temperature","Health":"OK"},
+  {"Id":"Fan1A","Name":"Fan 1A","Reading":6431,"ReadingUnits":"RPM","ReadingType":"AirFlow","Health":"Warning"},
+  {"Id":"67L0","Name":"PSU2 AC In Pwr","Reading":170,"ReadingUnits":"Watts","ReadingType":"Current","Health":"OK"},
+  {"Id":"242L0","Name":"SysBrd 12V","Reading":11.935,"ReadingUnits":"V","ReadingType":"Voltage","Health":""},
+  {"Id":"PS1Current","Name":"PS1 Current","Reading":1250,"ReadingUnits":"mA","ReadingType":"Current","Health":"Critical"},
+  {"Id":"CPUFan1","Name":"CPU #1 Fan Speed","Reading":80,"ReadingUnits":"%","ReadingType":"Percent","Health":"OK"},
+  {"Id":"150L0","Name":"Drive 0","Reading":null,"ReadingUnits":"","ReadingType":"","Health":""},
+  {"Id":"CPU1Temp","Name":"CPU1 Temp","Reading":99,"ReadingUnits":"Cel","ReadingType":"Temperature","Health":"OK"}]},
+ {"Id":"1","Source":"ThermalPower","Sensors":[
+  {"Id":"Fans/0","Name":"Fan 1","Reading":51,"ReadingUnits":"Percent","ReadingType":"Rotational","Health":"OK"},
+  {"Id":"PowerSupplies/0","Name":"HpeServerPowerSupply","Reading":277,"ReadingUnits":"W","ReadingType":"Power","Health":"OK"},
+  {"Id":"PowerSupplies/1","Name":"HpeServerPowerSupply","Reading":254,"ReadingUnits":"W","ReadingType":"Power","Health":"OK"}]}]})";
+
+ReadResult Good(const std::string& readings = kReadings) {
+  ReadResult r;
+  r.powerOn = true;
+  r.readings = readings;
+  r.seconds = 0.012;
+  return r;
+}
+
+// Every sample line (name and labels -> value), checking on the way that each
+// metric has its HELP and TYPE once, before its samples, which are contiguous.
+std::map<std::string, std::string> Samples(const std::string& text) {
+  std::map<std::string, std::string> samples;
+  std::set<std::string> closed;
+  std::string current, line;
+  std::istringstream in(text);
+  while (std::getline(in, line)) {
+    if (line.rfind("# HELP ", 0) == 0) {
+      const std::string name = line.substr(7, line.find(' ', 7) - 7);
+      EXPECT_TRUE(closed.insert(name).second) << "second HELP for " << name;
+      current = name;
+      continue;
+    }
+    if (line[0] == '#') continue;
+    const size_t space = line.rfind(' ');
+    const std::string series = line.substr(0, space);
+    EXPECT_EQ(series.substr(0, series.find('{')), current) << "sample outside its metric: " << line;
+    EXPECT_TRUE(samples.emplace(series, line.substr(space + 1)).second) << "duplicate " << series;
+  }
+  return samples;
+}
+
+std::set<std::string> Series(const std::map<std::string, std::string>& samples) {
+  std::set<std::string> names;
+  for (const auto& s : samples) names.insert(s.first);
+  return names;
+}
+
+}  // namespace
+
+TEST(Exposition, EachReadingGoesToTheMetricOfItsUnitInBaseUnits) {
+  Snapshot s;
+  ApplyRead(s, Good(), 1000);
+  const auto samples = Samples(Render(s, {1005, 0.02}));
+  const std::string dell = R"(chassis="System.Embedded.1",id=")";
+  const std::map<std::string, std::string> expected = {
+      {"bmcredfish_sensor_temperature_celsius{" + dell + R"(CPU1Temp",name="CPU1 Temp"})", "41"},
+      // Units win over a firmware's wrong ReadingType.
+      {"bmcredfish_sensor_fan_speed_rpm{" + dell + R"(Fan1A",name="Fan 1A"})", "6431"},
+      {"bmcredfish_sensor_power_watts{" + dell + R"(67L0",name="PSU2 AC In Pwr"})", "170"},
+      {"bmcredfish_sensor_voltage_volts{" + dell + R"(242L0",name="SysBrd 12V"})", "11.935"},
+      {"bmcredfish_sensor_current_amperes{" + dell + R"(PS1Current",name="PS1 Current"})", "1.25"},
+      {"bmcredfish_sensor_percent{" + dell + R"(CPUFan1",name="CPU #1 Fan Speed"})", "80"},
+      {"bmcredfish_sensor_reading{" + dell + R"(150L0",name="Drive 0",units=""})", "NaN"},
+      {R"(bmcredfish_sensor_fan_speed_percent{chassis="1",id="Fans/0",name="Fan 1"})", "51"},
+      {R"(bmcredfish_sensor_power_watts{chassis="1",id="PowerSupplies/1",name="HpeServerPowerSupply"})",
+       "254"},
+      {"bmcredfish_sensor_health{" + dell + R"(Fan1A",name="Fan 1A"})", "1"},
+      {"bmcredfish_sensor_health{" + dell + R"(PS1Current",name="PS1 Current"})", "2"},
+      {"bmcredfish_sensor_health{" + dell + R"(242L0",name="SysBrd 12V"})", "NaN"},
+      {"bmcredfish_up", "1"},
+      {"bmcredfish_stale", "0"},
+      {"bmcredfish_power_on", "1"},
+      {"bmcredfish_readings_age_seconds", "5"},
+      {"bmcredfish_last_success_timestamp_seconds", "1000"},
+      {R"(bmcredfish_last_result{call="sensor_readings"})", "0"},
+  };
+  for (const auto& e : expected) {
+    auto found = samples.find(e.first);
+    ASSERT_NE(found, samples.end()) << e.first;
+    EXPECT_EQ(found->second, e.second) << e.first;
+  }
+  // The repeated CPU1Temp shows once, with its first reading.
+  EXPECT_EQ(samples.size(), 14u + 10u + 10u);
+}
+
+TEST(Exposition, LabelValuesAreEscapedAndAlwaysValidUtf8) {
+  EXPECT_EQ(LabelValue("a\"b\\c\nd"), "a\\\"b\\\\c\\nd");
+  EXPECT_EQ(LabelValue("Temp \xC2\xB0"
+                       "C \xE2\x82\xAC \xF0\x9F\x94\xA5"),
+            "Temp \xC2\xB0"
+            "C \xE2\x82\xAC \xF0\x9F\x94\xA5");
+  // Stray, overlong, surrogate and truncated sequences, and a NUL: each byte replaced.
+  std::string replaced;
+  for (int i = 0; i < 9; ++i) replaced += "\xEF\xBF\xBD";
+  EXPECT_EQ(LabelValue(std::string("x\xFF\xC0\xAF\xED\xA0\x80\xE2\x82\0", 10)), "x" + replaced);
+  EXPECT_EQ(SampleValue(0.1 + 0.2), "0.30000000000000004");
+  EXPECT_EQ(SampleValue(-1.0 / 0.0), "-Inf");
+}
+
+TEST(Exposition, FailedAndMalformedReadsKeepEverySeriesMarkedStale) {
+  Snapshot s;
+  const auto before = Series(Samples(Render(s, {1000, 0})));
+  EXPECT_EQ(before.count("bmcredfish_up"), 1u);
+  EXPECT_EQ(before.count(R"(bmcredfish_last_result{call="power_state"})"), 0u) << "no read yet";
+
+  ApplyRead(s, Good(), 1000);
+  const auto good = Samples(Render(s, {1000, 0}));
+
+  ReadResult refused;
+  refused.power = refused.sensors = {40005, 7};
+  ApplyRead(s, refused, 1060);
+  auto failed = Samples(Render(s, {1060, 0}));
+  EXPECT_EQ(Series(failed), Series(good));
+  EXPECT_EQ(failed["bmcredfish_up"], "0");
+  EXPECT_EQ(failed["bmcredfish_stale"], "1");
+  EXPECT_EQ(failed[R"(bmcredfish_last_result{call="power_state"})"], "40005");
+  EXPECT_EQ(failed[R"(bmcredfish_last_failure_link{call="sensor_readings"})"], "7");
+  EXPECT_EQ(failed["bmcredfish_readings_age_seconds"], "60");
+  EXPECT_EQ(failed["bmcredfish_read_failures_total"], "1");
+
+  // The library's document not of the expected shape counts as a bad document.
+  ApplyRead(s, Good(R"({"Chassis":{}})"), 1070);
+  failed = Samples(Render(s, {1070, 0}));
+  EXPECT_EQ(Series(failed), Series(good));
+  EXPECT_EQ(failed[R"(bmcredfish_last_result{call="sensor_readings"})"], "20004");
+  EXPECT_EQ(failed[R"(bmcredfish_last_result{call="power_state"})"], "0");
+}
