@@ -18,14 +18,6 @@ TEST(Mac, AcceptsWhatPeopleTypeAndRefusesTheRest) {
     EXPECT_FALSE(ParseMac(bad, c)) << bad;
 }
 
-TEST(Mac, TriesTheBmcsOwnNotationFirst) {
-  auto n = MacNotations("0a:ca:fe:f0:0d:04", "3C-A8-2A-5F-90-1C");
-  ASSERT_EQ(n.size(), 4u);
-  EXPECT_EQ(n[0], "0A-CA-FE-F0-0D-04");
-  EXPECT_EQ(MacNotations("0a:ca:fe:f0:0d:04", "")[0], "0a:ca:fe:f0:0d:04");
-  EXPECT_EQ(MacNotations("0a:ca:fe:f0:0d:04", "garbage").size(), 4u);
-}
-
 TEST(SensorsTable, AlignsColumnsNamesChassisOnlyWhenSeveralAndNeverPassesControlBytes) {
   Readings r;
   ASSERT_TRUE(ParseReadings(

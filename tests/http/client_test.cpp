@@ -50,7 +50,7 @@ TEST(RoundTrip, EightMiBBodiesAndTheBodyLimit) {
   ASSERT_EQ(file.size(), 8u << 20);
   auto exact = GetDefaultHttp2SvcCfg();
   exact->maxResponseBodyBytes = 8 << 20;
-  Endpoint ep(80, false, "127.0.0.1", exact);
+  Endpoint ep(80, "127.0.0.1", exact);
   EXPECT_TRUE(Body(*Send(*ep.agent, Get, "/big.bin")) == file);
   // nginx keeps the body in a file and answers with its name.
   std::string upload(file.rbegin(), file.rend());
@@ -58,7 +58,7 @@ TEST(RoundTrip, EightMiBBodiesAndTheBodyLimit) {
   EXPECT_TRUE(ReadFile(stored.substr(0, stored.find('\n'))) == upload);
 
   exact->maxResponseBodyBytes = 1 << 20;
-  Endpoint limited(80, false, "127.0.0.1", exact);
+  Endpoint limited(80, "127.0.0.1", exact);
   // Announced length (rejected up front) and streamed length (cut off).
   for (auto [method, target, body] : {std::tuple{Get, "/big.bin", std::string()},
                                       std::tuple{Post, "/echo", std::string(2 << 20, 'b')}}) {
@@ -186,7 +186,7 @@ TEST(Reconnect, AfterIdleCloseReloadsAndRestarts) {
 TEST(Errors, UnreachableTimesOutTheConnectAndWhatQueuedBehindIt) {
   auto config = GetDefaultHttp2SvcCfg();
   config->connectTimeoutUs = 300000;
-  Endpoint blackhole(80, false, Env("HTTP_TEST_UNREACHABLE"), config);
+  Endpoint blackhole(80, Env("HTTP_TEST_UNREACHABLE"), config);
   auto start = std::chrono::steady_clock::now();
   // Requests queued behind the connect time out with it: nothing was sent.
   std::vector<Ref<PendingExchange>> handles(3);
@@ -204,7 +204,7 @@ TEST(Errors, NoAnswerTimesOutCancelsAndIsNeverErrno110) {
   auto config = GetDefaultHttp2SvcCfg();
   config->connectTimeoutUs = 100000;  // far below the wait: must not turn into 110
   config->syncSendTimeoutUs = 400000;
-  Endpoint ep(80, false, "127.0.0.1", config);
+  Endpoint ep(80, "127.0.0.1", config);
   Ref<PendingExchange> handle;
   ep.agent->AsyncSendRequest(Request(Post, "/hang?cancel=1", "off").Get(), nullptr, handle);
   auto start = std::chrono::steady_clock::now();

@@ -90,10 +90,10 @@ std::string Thrown(F f) {
 
 // An endpoint with a pool, counting the sockets the pool opens.
 struct Endpoint {
-  explicit Endpoint(int port, bool tls = false, const std::string& host = "127.0.0.1",
+  explicit Endpoint(int port, const std::string& host = "127.0.0.1",
                     Ref<Http2SvcConfig> config = GetDefaultHttp2SvcCfg()) {
     CreateTCPConnectionSpec(
-        host, port, tls,
+        host, port, false,
         [this](System::TCPClientSocket* s) {
           lastFd = s->GetFd();
           ++sockets;

@@ -1,5 +1,4 @@
-// Reading tables from files (what the entry point and the size cap let in) and
-// the ZIRN calls that need no firmware tables.
+// Reading tables from files: what the entry point and the size cap let in.
 
 #include <gtest/gtest.h>
 
@@ -83,14 +82,6 @@ TEST_F(SmbiosRead, ReadsAtMostOneMebibyte) {
   EXPECT_EQ(Read(false), NUC_OK);
   ASSERT_GT(writeAfterFiller(SMBIOS_MAX_TABLE_BYTES / 6), SMBIOS_MAX_TABLE_BYTES);
   EXPECT_NE(Read(false), NUC_OK);
-}
-
-TEST(Zirn, RejectsBadParameters) {
-  uint8_t buffer[ZIRN_REDFISH_INFO_SIZE];
-  const uint16_t node = ZIRN_NODE_hardware_bios_redfishInfo;
-  EXPECT_EQ(ZIRN_Get(0x1234, nullptr, buffer, sizeof buffer), NUC_ERR_BAD_PARAM);
-  EXPECT_EQ(ZIRN_Get(node, nullptr, nullptr, sizeof buffer), NUC_ERR_BAD_PARAM);
-  EXPECT_EQ(ZIRN_Get(node, nullptr, buffer, sizeof buffer - 1), NUC_ERR_BAD_PARAM);
 }
 
 }  // namespace

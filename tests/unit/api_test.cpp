@@ -92,21 +92,14 @@ TEST_F(Api, StringOutputsFollowTheirTwoLengthConventions) {
   EXPECT_EQ(length, 5u);
 }
 
+// Which MACs refuse what is the end-to-end tests'; here the lines the
+// refusals log and the null MAC, which no C caller of those tests passes.
 TEST_F(Api, PowerOperationIsGuardedByTheMac) {
   EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, "aa:bb:cc:dd:ee:01", REDFISHCMD_ON, 100),
             40001);
   EXPECT_TRUE(log.Has(3, "No NIC found with MAC addr: aa:bb:cc:dd:ee:01"));
-  log.Clear();
-  EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, "", REDFISHCMD_ON, 100), 40001)
-      << "an empty MAC is searched like any other";
-  EXPECT_TRUE(log.Has(3, "No NIC found with MAC addr: "));
   EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, nullptr, REDFISHCMD_ON, 100), 40002);
   EXPECT_EQ(Posts(), 0);
-  EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, kMac, REDFISHCMD_FORCE_OFF, 100), 40003);
-  EXPECT_EQ(Posts(), 0);
-  EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, kMac, REDFISHCMD_ON, 100), 204)
-      << "Dell 204 is not 200";
-  EXPECT_EQ(Posts(), 1);
 }
 
 TEST_F(Api, ClosingAHostDoesNotFreeTheConnectionOfACallInFlight) {

@@ -40,17 +40,6 @@ struct Transport : testing::Test {
 
 }  // namespace
 
-TEST_F(Transport, EveryRequestGetsAFreshAgentOnOnePoolToTheProxy) {
-  auto a = bmc->CreateUserAgent();
-  auto b = bmc->CreateUserAgent();
-  EXPECT_NE(a->GetCookieStore(), b->GetCookieStore());
-  EXPECT_EQ(a->GetConnectionPool(), b->GetConnectionPool());
-  EXPECT_EQ(a->GetConnectionSpec()->ToString(), "http://localhost:80");
-  EXPECT_EQ(fake_http::PoolsCreated(), 1);
-  auto lines = log.Texts();
-  EXPECT_EQ(std::count(lines.begin(), lines.end(), "Creating SideCar HTTP2 ConnectionPool"), 2);
-}
-
 // Only 200 is 0 (POST and DELETE too); a redirect is reported, with its
 // location, and never followed; HEAD is sent, then refused; exceptions of the
 // platform become transport codes.
@@ -91,6 +80,7 @@ TEST_F(Transport, AnswersAndExceptionsBecomeResultsWithTheirLogLines) {
     EXPECT_EQ(Send(c.method), c.code);
     EXPECT_EQ(fake_http::Requests().size(), 1u);
     EXPECT_EQ(fake_http::Requests().back().method, c.method);
+    EXPECT_TRUE(log.Has(5, "Creating SideCar HTTP2 ConnectionPool")) << "every request's trace";
     if (c.line.empty()) {
       EXPECT_LE(log.Lines().size(), 1u);
     } else {
@@ -216,21 +206,6 @@ std::string Document(const std::string& address) {
 
 }  // namespace
 
-TEST_F(RouteDocument, MissingDocumentIsWrittenFromTheTemplateOnce) {
-  Script(fake_http::Json(404, ""));
-  EXPECT_EQ(bmc->UpdateBmcApiJson(""), 0);
-  EXPECT_TRUE(log.Has(3, "GET request failed: Not Found"));
-  EXPECT_TRUE(log.Has(5, "POST of /portico/config/json/bmcApi.json was successful (No Content)"));
-  auto puts = Puts();
-  ASSERT_EQ(puts.size(), 1u);
-  EXPECT_EQ(puts[0].body, kCompactTemplate);
-  EXPECT_EQ(puts[0].Header("Content-Type"), "application/json");
-  EXPECT_TRUE(BmcHttpConnection::_bmcJsonUpdated);
-
-  EXPECT_EQ(bmc->UpdateBmcApiJson("10.9.9.9"), 0);
-  EXPECT_EQ(fake_http::Requests().size(), 2u) << "the second call sends nothing";
-}
-
 // What a GET and a PUT answer make of the update: its result, the document
 // PUT ("" for none), and the flag raised only on success.
 TEST_F(RouteDocument, OutcomesOfEachAnswer) {
@@ -242,6 +217,7 @@ TEST_F(RouteDocument, OutcomesOfEachAnswer) {
     int result;
     std::string written;
   } cases[] = {
+      {fake_http::Json(404, ""), ok, 0, kCompactTemplate},  // none yet: the template
       {fake_http::Json(200, Document("127.0.42.1")), ok, 0, ""},
       {fake_http::Json(200, Document("10.0.0.1")), ok, 0, mine},  // the rest is kept
       {fake_http::Json(200,
@@ -276,6 +252,8 @@ TEST_F(RouteDocument, OutcomesOfEachAnswer) {
       EXPECT_TRUE(puts.empty());
     }
   }
+  EXPECT_TRUE(log.Has(3, "GET request failed: Not Found"));
+  EXPECT_TRUE(log.Has(5, "POST of /portico/config/json/bmcApi.json was successful (No Content)"));
   EXPECT_TRUE(log.Has(5, "[UpdateBmcApiJson::UpdatedJson] address matches ZIRN redfishInfo"));
   EXPECT_TRUE(log.Has(3, "PUT request failed: OK"));
   EXPECT_TRUE(log.Has(3, "GET request error: refused"));

@@ -112,8 +112,15 @@ TEST(Documents, MalformedDocumentsGiveTheirCodes) {
             20004);
   EXPECT_EQ(ids, std::vector<std::string>{"/a"}) << "members before the bad one are kept";
 
+  // An ActionInfo without the values (Lenovo's flow through it is the end-to-end tests').
+  const rapidjson::Value* values = nullptr;
+  EXPECT_EQ(AllowableValuesAt(Parsed(R"({"Parameters":[{"Name":"ResetType"}]})"),
+                              "/Parameters/0/AllowableValues", values),
+            20001);
   std::unordered_map<std::string, REDFISHCMD> commands;
   std::vector<std::string> seen;
+  EXPECT_EQ(CommandsOf(Parsed("[]"), commands, seen), 0);
+  EXPECT_EQ(CommandsOf(Parsed("{}"), commands, seen), 20004);
   EXPECT_EQ(CommandsOf(Parsed(R"(["On","Bogus",5,"Nmi"])"), commands, seen), 20004);
   EXPECT_EQ(commands.size(), 1u);
   EXPECT_EQ(seen, (std::vector<std::string>{"On", "Bogus"}));

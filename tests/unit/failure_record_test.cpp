@@ -33,6 +33,9 @@ RedfishFailure LastFailure() {
 
 }  // namespace
 
+// The links doctor-test breaks on a real host (the proxy or the configuration
+// endpoint down, a refused password...) are checked there; here what the
+// record says of each answer.
 TEST_F(Api, LastFailureNamesTheLinkThatBroke) {
   const auto redfishError =
       fake_http::Json(503, R"({"error":{"code":"Base.1.0.GeneralError","message":"general",
@@ -53,8 +56,6 @@ TEST_F(Api, LastFailureNamesTheLinkThatBroke) {
       {"no IPv4 in SMBIOS", "", {}, true, 30001, REDFISH_LINK_SMBIOS, 0, "", "no IPv4"},
       {"config endpoint 503", kRoute, fake_http::Json(503, "busy"), false, 503,
        REDFISH_LINK_CONFIG_ENDPOINT, 0, kRoute, "answered 503"},
-      {"config endpoint down", kRoute, fake_http::Throw<Tessel::SystemException>(111, "refused"),
-       false, 10004, REDFISH_LINK_CONFIG_ENDPOINT, 0, kRoute, "refused"},
       {"route not JSON", kRoute, fake_http::Json(200, "garbage"), false, 20001,
        REDFISH_LINK_ROUTE_DOCUMENT, 0, kRoute, "not JSON"},
       {"BMC's Redfish error", kState, redfishError, false, 503, REDFISH_LINK_BMC, 503, kState,
@@ -63,16 +64,10 @@ TEST_F(Api, LastFailureNamesTheLinkThatBroke) {
        "the proxy: 502 Bad Gateway"},
       {"proxy's own page", kState, fake_http::Json(404, "<html><title>404 Not Found</title>"),
        false, 404, REDFISH_LINK_PROXY, 404, kState, "the proxy: 404 Not Found"},
-      {"credentials", kState, fake_http::Json(401, "{}"), false, 40005, REDFISH_LINK_CREDENTIALS,
-       401, kState, "refused"},
       {"slow BMC", kState, fake_http::Throw<Tessel::TimeoutException>("late"), false, 10003,
        REDFISH_LINK_BMC, 0, kState, "no answer within 100 ms"},
-      {"proxy down", kState, fake_http::Throw<Tessel::SystemException>(111, "refused"), false,
-       10004, REDFISH_LINK_PROXY, 0, kState, "refused"},
       {"not a document", kState, fake_http::Json(200, "[]"), false, 20004, REDFISH_LINK_DOCUMENT, 0,
        kState, ""},
-      {"no system", "/bmc/redfish/v1/Systems", fake_http::Json(200, R"({"Members":[]})"), false,
-       40001, REDFISH_LINK_DISCOVERY, 0, "/bmc/redfish/v1/Systems", "no System at index 0"},
       {"unknown maker", "/bmc/redfish/v1/Systems/1/?$select=Manufacturer",
        fake_http::Json(200, R"({"Manufacturer":"Contoso"})"), false, 2, REDFISH_LINK_DISCOVERY, 0,
        "/bmc/redfish/v1/Systems/1/?$select=Manufacturer", "'Contoso'"},

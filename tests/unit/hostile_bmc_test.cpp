@@ -76,12 +76,8 @@ TEST_F(HostileBmc, IdsThatCouldLeaveTheRouteAreRefusedBeforeSending) {
 }
 
 TEST_F(HostileBmc, EmptyMacIsSearchedButAnEmptyAnswerNeverResets) {
-  log.Clear();
-  EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, "", REDFISHCMD_ON, 100),
-            redfish::RedfishStatusNoMember);
-  EXPECT_TRUE(log.Has(3, "No NIC found with MAC addr: "));
-
-  // A manager without interfaces ends the search as a success with no MAC.
+  // An empty MAC is searched like any other (the end-to-end tests); a manager
+  // without interfaces ends the search as a success with no MAC.
   cleanup();
   bmc.Json("/bmc/redfish/v1/Managers/1/EthernetInterfaces", R"({"Members":[]})");
   bmc.Install();

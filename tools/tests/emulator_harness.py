@@ -12,39 +12,6 @@ EMULATOR = Path(__file__).resolve().parents[1] / "bmc-emulator"
 START_TIMEOUT = 30
 
 
-def start_process(cmd, ready):
-    """Starts a tool that prints a line starting with `ready` once it serves; returns the
-    process and that line."""
-    proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
-    # The ready line (or EOF if it dies) ends the wait; the timer only guards against a hang.
-    guard = threading.Timer(START_TIMEOUT, proc.kill)
-    guard.start()
-    try:
-        line = proc.stdout.readline().strip()
-    finally:
-        guard.cancel()
-    if not line.startswith(ready):
-        proc.kill()
-        err = proc.stderr.read()
-        proc.wait()
-        raise RuntimeError("%s did not start: %r %s" % (cmd[0], line, err))
-    return proc, line
-
-
-def stop_process(proc, sig=signal.SIGTERM):
-    """Signals the process and returns its exit status."""
-    if proc.poll() is None:
-        proc.send_signal(sig)
-    try:
-        rc = proc.wait(timeout=20)
-    except subprocess.TimeoutExpired:
-        proc.kill()
-        rc = proc.wait()
-    proc.stdout.close()
-    proc.stderr.close()
-    return rc
-
-
 class Reply:
     """curl's exit code and the answer's status, headers and body."""
 
@@ -73,15 +40,38 @@ class Emulator:
                 "--cert-dir", str(self.dir / "cert"), *self.extra, *more]
 
     def start(self):
-        self.proc, line = start_process(self.command(), "ready port=")
+        """Starts the emulator and waits for its "ready port=N" line."""
+        cmd = self.command()
+        self.proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        # The ready line (or EOF if it dies) ends the wait; the timer only guards against a hang.
+        guard = threading.Timer(START_TIMEOUT, self.proc.kill)
+        guard.start()
+        try:
+            line = self.proc.stdout.readline().strip()
+        finally:
+            guard.cancel()
+        if not line.startswith("ready port="):
+            self.proc.kill()
+            err = self.proc.stderr.read()
+            self.proc.wait()
+            raise RuntimeError("%s did not start: %r %s" % (cmd[0], line, err))
         self.port = int(line.split("=", 1)[1])
         return self
 
     def stop(self, sig=signal.SIGTERM):
-        """Signal the emulator and return its exit status."""
+        """Signals the emulator and returns its exit status."""
         if self.proc is None:
             return None
-        rc, self.proc = stop_process(self.proc, sig), None
+        proc, self.proc = self.proc, None
+        if proc.poll() is None:
+            proc.send_signal(sig)
+        try:
+            rc = proc.wait(timeout=20)
+        except subprocess.TimeoutExpired:
+            proc.kill()
+            rc = proc.wait()
+        proc.stdout.close()
+        proc.stderr.close()
         self.tmp.cleanup()
         return rc
 

@@ -36,21 +36,17 @@ class HostSimTest(unittest.TestCase):
 
     def test_smbios_record_seen_by_dmidecode_inside_only(self):
         before = os.path.exists("/sys/firmware/dmi/tables/DMI")
-        cases = {
-            "ipv4": "IPv4 Redfish Service Address: 127.0.42.9",
-            "ipv6": "IPv6 Redfish Service Address: fd00:42::1",
-            "none": None,
-        }
+        # What the reader makes of each variant is the SMBIOS tests' (against dmidecode).
+        cases = {"ipv4": "IPv4 Redfish Service Address: 127.0.42.9", "none": None}
         for variant, line in cases.items():
             r = host_sim("--no-bmc", "--no-proxy", "--bmc-addr", "127.0.42.9", "--smbios",
-                         variant, "--", "sh", "-c", "dmidecode -t 42; ip -4 addr show dev lo")
+                         variant, "--", "dmidecode", "-t", "42")
             self.assertEqual(r.returncode, 0, r.stderr)
             if line:
                 self.assertIn(line, r.stdout)
                 self.assertIn("Redfish Service Port: 443", r.stdout)
             else:
                 self.assertNotIn("Redfish", r.stdout)
-            self.assertIn("inet 127.0.42.9/32", r.stdout)
         self.assertEqual(os.path.exists("/sys/firmware/dmi/tables/DMI"), before)
 
     def test_success_hands_the_environment_over_and_leaves_nothing_behind(self):
@@ -64,7 +60,6 @@ class HostSimTest(unittest.TestCase):
         self.assertFalse(os.path.exists(run_dir))
         leftovers = subprocess.run(["pgrep", "-f", run_dir], capture_output=True, text=True)
         self.assertEqual(leftovers.stdout, "")
-
 
 
 if __name__ == "__main__":
