@@ -13,6 +13,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/h2load.h"
 #include "bmcredfish.h"
 
 using Clock = std::chrono::steady_clock;
@@ -54,24 +55,6 @@ double ApiRate(int threads, int keys, int each) {
   return threads * each / seconds;
 }
 
-double H2load(int streams, int requests) {
-  // The same request the library sends: its credentials and Accept header.
-  const std::string cmd = "h2load -n " + std::to_string(requests) + " -c 1 -m " +
-                          std::to_string(streams) +
-                          " -H 'Authorization: Basic YWRtaW46c2VjcmV0' -H 'Accept: "
-                          "application/json' '" +
-                          kPath + "' 2>/dev/null";
-  FILE* p = popen(cmd.c_str(), "r");
-  if (p == nullptr) return 0;
-  char line[512];
-  double rate = 0;
-  while (std::fgets(line, sizeof line, p)) {
-    if (std::sscanf(line, "finished in %*[^,], %lf req/s", &rate) == 1) break;
-  }
-  pclose(p);
-  return rate;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -99,7 +82,10 @@ int main(int argc, char** argv) {
   for (int r = 0; r < rounds; ++r) {
     ours.push_back(ApiRate(threads, keys, 2000));
     if (!withH2load) continue;
-    theirs.push_back(H2load(threads, threads * 2000));
+    // The same request the library sends: its credentials and Accept header.
+    theirs.push_back(
+        H2load(kPath, threads, threads * 2000,
+               "-H 'Authorization: Basic YWRtaW46c2VjcmV0' -H 'Accept: application/json'"));
     if (theirs.back() > 0) ratios.push_back(ours.back() / theirs.back());
   }
   const double rate = Median(ours), h2 = Median(theirs), ratio = Median(ratios);

@@ -20,6 +20,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench/h2load.h"
 #include "platform/http/connection_pool.h"
 
 using namespace Tessel;
@@ -137,21 +138,6 @@ double ThreadsRate(Client& client, const std::string& target, int threads, int e
   }
   for (auto& t : pool) t.join();
   return threads * each / (Since(start) / 1e6);
-}
-
-double H2load(const std::string& url, int streams, int requests) {
-  std::string cmd = "h2load -n " + std::to_string(requests) + " -c 1 -m " +
-                    std::to_string(streams) + " " + url + " 2>/dev/null";
-  FILE* p = popen(cmd.c_str(), "r");
-  if (p == nullptr) return 0;
-  char line[512];
-  double rate = 0;
-  while (std::fgets(line, sizeof line, p)) {
-    // "finished in 1.23s, 81234.56 req/s, 5.67MB/s"
-    if (std::sscanf(line, "finished in %*[^,], %lf req/s", &rate) == 1) break;
-  }
-  pclose(p);
-  return rate;
 }
 
 // Milliseconds for one dlopen, in a fresh process (the figure a hosting

@@ -119,7 +119,6 @@ TEST(Documents, MalformedDocumentsGiveTheirCodes) {
             20001);
   std::unordered_map<std::string, REDFISHCMD> commands;
   std::vector<std::string> seen;
-  EXPECT_EQ(CommandsOf(Parsed("[]"), commands, seen), 0);
   EXPECT_EQ(CommandsOf(Parsed("{}"), commands, seen), 20004);
   EXPECT_EQ(CommandsOf(Parsed(R"(["On","Bogus",5,"Nmi"])"), commands, seen), 20004);
   EXPECT_EQ(commands.size(), 1u);
