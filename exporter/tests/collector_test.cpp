@@ -73,12 +73,16 @@ TEST(Collector, ASlowReadAnswersByTheDeadlineWithEarlierValuesMarkedStale) {
 }
 
 TEST(Collector, AReadYoungerThanTheMaximumAgeServesWithoutReading) {
-  FakeBmc bmc;
-  Collector collector(bmc.Function(), milliseconds(400));
+  // A minute apart from its read at most, however slow the machine.
+  FakeBmc young;
+  Collector collector(young.Function(), std::chrono::minutes(1));
   ScrapeWithin(collector, 5000);
   ScrapeWithin(collector, 5000);
-  EXPECT_EQ(bmc.reads, 1);
-  std::this_thread::sleep_for(milliseconds(500));
-  EXPECT_EQ(ScrapeWithin(collector, 5000).reads, 2u);
-  EXPECT_EQ(bmc.reads, 2);
+  EXPECT_EQ(young.reads, 1);
+  FakeBmc old;
+  Collector aging(old.Function(), milliseconds(100));
+  ScrapeWithin(aging, 5000);
+  std::this_thread::sleep_for(milliseconds(200));  // older than the maximum age for sure
+  EXPECT_EQ(ScrapeWithin(aging, 5000).reads, 2u);
+  EXPECT_EQ(old.reads, 2);
 }
