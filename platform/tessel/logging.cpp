@@ -34,48 +34,6 @@ struct BuiltInConfig {
   bool mask = false;
 };
 
-void DrainSpool(int fd);
-
-struct SinkState {
-  // Shared by every writer, so that records are written concurrently (one
-  // write each keeps them whole); exclusive only to change the sink, so that
-  // a file is never closed under a writer.
-  std::shared_mutex lock;
-  std::shared_ptr<const LogSink> custom;
-  BuiltInConfig builtIn;
-  // At unload or exit: a message logged later goes to standard error.
-  ~SinkState() {
-    if (builtIn.kind == BuiltInConfig::Kind::File || builtIn.kind == BuiltInConfig::Kind::Stderr) {
-      DrainSpool(builtIn.kind == BuiltInConfig::Kind::File ? builtIn.fd : STDERR_FILENO);
-    }
-    if (builtIn.fd >= 0) ::close(builtIn.fd);
-    builtIn = BuiltInConfig{};
-    builtIn.configured = true;
-  }
-};
-
-// What a held trace needs of the configuration, readable without the lock:
-// kHoldable while the built-in sink writes to a descriptor and no other sink
-// is set, kMasked when credentials are masked. Written under the exclusive
-// lock whenever the configuration changes.
-constexpr unsigned kHoldable = 1;
-constexpr unsigned kMasked = 2;
-std::atomic<unsigned> gHoldable{0};
-
-SinkState& State() {
-  static SinkState state;
-  return state;
-}
-
-// The traces a thread holds while a LogBatch lives. Plain memory: a
-// thread-local object with a destructor would keep the library loaded.
-struct HeldTraces {
-  unsigned depth;
-  size_t used;
-  char data[8192];
-};
-thread_local HeldTraces tHeld;
-
 // Records handed over for the descriptor and not yet written. A call's
 // traces wait here while other calls run, and leave with theirs in one write
 // when the last running call ends, when they fill kSpoolBatch or when the
@@ -105,10 +63,51 @@ constexpr size_t kSpoolLimit = 1 << 20;
 constexpr size_t kSpoolBatch = 32 << 10;
 constexpr int64_t kSpoolAgeUs = 50000;
 
-Spool& TheSpool() {
-  static Spool* spool = new Spool();  // never destroyed: a writer may outlive exit
-  return *spool;
+void DrainSpool(int fd);
+
+struct SinkState {
+  // Shared by every writer, so that records are written concurrently (one
+  // write each keeps them whole); exclusive only to change the sink, so that
+  // a file is never closed under a writer.
+  std::shared_mutex lock;
+  std::shared_ptr<const LogSink> custom;
+  BuiltInConfig builtIn;
+  // Destroyed after the destructor below has drained it.
+  Spool spool;
+  // At unload or exit: a message logged later goes to standard error.
+  ~SinkState() {
+    if (builtIn.kind == BuiltInConfig::Kind::File || builtIn.kind == BuiltInConfig::Kind::Stderr) {
+      DrainSpool(builtIn.kind == BuiltInConfig::Kind::File ? builtIn.fd : STDERR_FILENO);
+    }
+    if (builtIn.fd >= 0) ::close(builtIn.fd);
+    builtIn = BuiltInConfig{};
+    builtIn.configured = true;
+  }
+};
+
+// What a held trace needs of the configuration, readable without the lock:
+// kHoldable while the built-in sink writes to a descriptor and no other sink
+// is set, kMasked when credentials are masked. Written under the exclusive
+// lock whenever the configuration changes.
+constexpr unsigned kHoldable = 1;
+constexpr unsigned kMasked = 2;
+std::atomic<unsigned> gHoldable{0};
+
+SinkState& State() {
+  static SinkState state;
+  return state;
 }
+
+Spool& TheSpool() { return State().spool; }
+
+// The traces a thread holds while a LogBatch lives. Plain memory: a
+// thread-local object with a destructor would keep the library loaded.
+struct HeldTraces {
+  unsigned depth;
+  size_t used;
+  char data[8192];
+};
+thread_local HeldTraces tHeld;
 
 // A child forked while another thread changed the sink would find the lock
 // held for ever; nothing else of the parent's writers matters there, nor what
