@@ -32,6 +32,11 @@ struct BuiltInConfig {
   Kind kind = Kind::Stderr;
   int fd = -1;
   bool mask = false;
+  // The descriptor records go to, or -1 when they go to no descriptor.
+  int Descriptor() const {
+    if (kind == Kind::File) return fd;
+    return kind == Kind::Stderr ? STDERR_FILENO : -1;
+  }
 };
 
 // Records handed over for the descriptor and not yet written. A call's
@@ -76,9 +81,7 @@ struct SinkState {
   Spool spool;
   // At unload or exit: a message logged later goes to standard error.
   ~SinkState() {
-    if (builtIn.kind == BuiltInConfig::Kind::File || builtIn.kind == BuiltInConfig::Kind::Stderr) {
-      DrainSpool(builtIn.kind == BuiltInConfig::Kind::File ? builtIn.fd : STDERR_FILENO);
-    }
+    DrainSpool(builtIn.Descriptor());
     if (builtIn.fd >= 0) ::close(builtIn.fd);
     builtIn = BuiltInConfig{};
     builtIn.configured = true;
@@ -305,17 +308,6 @@ class HeldOut {
   bool overflowed_ = false;
 };
 
-int Descriptor(const BuiltInConfig& sink) {
-  return sink.kind == BuiltInConfig::Kind::File ? sink.fd : STDERR_FILENO;
-}
-
-// Before the sink changes: what waits in the spool goes where it was meant to.
-void DrainBuiltIn(const BuiltInConfig& sink) {
-  if (sink.kind == BuiltInConfig::Kind::File || sink.kind == BuiltInConfig::Kind::Stderr) {
-    DrainSpool(Descriptor(sink));
-  }
-}
-
 // The stamp (UTC, to the microsecond), logger and level that open a record
 // written to a descriptor, appended in one piece. The text of the second is
 // kept per thread: most records of a thread fall into the second of its last.
@@ -447,7 +439,7 @@ void WriteBuiltIn(const BuiltInConfig& sink, const Logger& logger, int level,
     case BuiltInConfig::Kind::File:
     case BuiltInConfig::Kind::Stderr:
       line = Line(logger, level, message, sink.mask, true);
-      if (!Hold(level, line)) Commit(Descriptor(sink), line, true);
+      if (!Hold(level, line)) Commit(sink.Descriptor(), line, true);
       break;
     case BuiltInConfig::Kind::None:
       break;
@@ -455,8 +447,7 @@ void WriteBuiltIn(const BuiltInConfig& sink, const Logger& logger, int level,
 }
 
 void Publish(const SinkState& state) {
-  const bool descriptor = state.builtIn.kind == BuiltInConfig::Kind::File ||
-                          state.builtIn.kind == BuiltInConfig::Kind::Stderr;
+  const bool descriptor = state.builtIn.Descriptor() >= 0;
   unsigned flags = 0;
   if (state.builtIn.configured && descriptor && !state.custom) flags |= kHoldable;
   if (state.builtIn.mask) flags |= kMasked;
@@ -479,7 +470,7 @@ void SetLogSink(LogSink sink) {
   std::shared_ptr<const LogSink> next;
   if (sink) next = std::make_shared<const LogSink>(std::move(sink));
   std::unique_lock<std::shared_mutex> lock(State().lock);
-  DrainBuiltIn(State().builtIn);
+  DrainSpool(State().builtIn.Descriptor());  // what waits goes where it was meant to
   State().custom.swap(next);
   Publish(State());
 }
@@ -487,7 +478,7 @@ void SetLogSink(LogSink sink) {
 void ReconfigureLogSink() {
   SinkState& state = State();
   std::unique_lock<std::shared_mutex> lock(state.lock);
-  DrainBuiltIn(state.builtIn);
+  DrainSpool(state.builtIn.Descriptor());
   if (state.builtIn.fd >= 0) ::close(state.builtIn.fd);
   state.builtIn = BuiltInConfig{};
   Publish(state);
@@ -506,10 +497,8 @@ LogBatch::~LogBatch() {
   try {
     SinkState& state = State();
     std::shared_lock<std::shared_mutex> lock(state.lock);
-    if (state.builtIn.kind == BuiltInConfig::Kind::File ||
-        state.builtIn.kind == BuiltInConfig::Kind::Stderr) {
-      Commit(Descriptor(state.builtIn), {}, false);
-    }
+    const int fd = state.builtIn.Descriptor();
+    if (fd >= 0) Commit(fd, {}, false);
   } catch (...) {
   }
   tHeld.used = 0;
