@@ -3,6 +3,8 @@
 #include <microhttpd.h>
 #include <netdb.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 
@@ -50,9 +52,11 @@ MHD_Result Answer(void* server, MHD_Connection* connection, const char* url, con
   }
   const char* header = MHD_lookup_connection_value(connection, MHD_HEADER_KIND,
                                                    "X-Prometheus-Scrape-Timeout-Seconds");
-  const double timeout = header != nullptr ? std::strtod(header, nullptr) : 0;
+  // Any client may send it: "inf", "nan" or 1e300 must not become a deadline.
+  const double sent = header != nullptr ? std::strtod(header, nullptr) : 0;
+  const double timeout = std::isfinite(sent) && sent > 0 ? std::min(sent, 86400.0) : 0;
   const auto& metrics = static_cast<MetricsServer*>(server)->Metrics();
-  return Send(connection, MHD_HTTP_OK, metrics(timeout > 0 ? timeout : 0), kExpositionContentType);
+  return Send(connection, MHD_HTTP_OK, metrics(timeout), kExpositionContentType);
 }
 
 // Splits "HOST:PORT", "[HOST]:PORT" or ":PORT".
