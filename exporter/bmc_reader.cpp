@@ -5,36 +5,28 @@
 #include <exception>
 
 #include "bmcredfish.h"
+#include "failure_text.h"
+#include "result_text.h"
 
 namespace {
 
-std::string Printable(const char* text) {
-  std::string out(text);
-  for (char& c : out) {
+std::string Printable(std::string text) {
+  for (char& c : text) {
     if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
   }
-  return out;
+  return text;
 }
 
 // The failing call's outcome, and a line saying why, from the library's record.
 CallOutcome Outcome(const char* call, int result, std::string& why) {
   if (result == 0) return {0, REDFISH_LINK_NONE};
-  RedfishFailure failure{};
-  failure.size = sizeof failure;
-  if (Redfish_GetLastFailure(&failure) != 0 || failure.result != result) {
-    failure = RedfishFailure{};
-  }
-  constexpr const char* kLinks[] = BMCREDFISH_LINK_LABELS;
-  const int link = failure.link;
-  const bool known = link >= 0 && link < static_cast<int>(sizeof kLinks / sizeof kLinks[0]);
+  const RedfishFailure failure = LastFailure(result);
   if (!why.empty()) why += "; ";
   why += std::string(call) + ": result " + std::to_string(result) + " (" + ResultText(result) +
-         "), link " + (known ? kLinks[link] : "?");
-  if (failure.uri[0] != '\0')
-    why += ", " + Printable(failure.method) + " " + Printable(failure.uri);
-  if (failure.httpStatus != 0) why += ": HTTP " + std::to_string(failure.httpStatus);
-  if (failure.detail[0] != '\0') why += ": " + Printable(failure.detail);
-  return {result, link};
+         "), link " + LinkLabel(failure.link);
+  const std::string cause = FailureCause(failure);
+  if (!cause.empty()) why += ": " + Printable(cause);
+  return {result, failure.link};
 }
 
 // The library's calls leave only caller-made failures as exceptions: the one
@@ -51,18 +43,6 @@ int Guarded(Call call) {
 }
 
 }  // namespace
-
-std::string ResultText(int result) {
-  switch (result) {
-#define BMCREDFISH_RESULT_TEXT_(name, value, text) \
-  case value:                                      \
-    return text;
-    BMCREDFISH_RESULT_CODES(BMCREDFISH_RESULT_TEXT_)
-#undef BMCREDFISH_RESULT_TEXT_
-    default:
-      return "HTTP status " + std::to_string(result);
-  }
-}
 
 ReadResult BmcReader::operator()() {
   const auto start = std::chrono::steady_clock::now();

@@ -24,6 +24,3 @@ class BmcReader {
   unsigned timeoutMs_;
   std::string lastFailure_;
 };
-
-// A one-line meaning of a result code (HTTP statuses included).
-std::string ResultText(int result);
