@@ -40,8 +40,9 @@ bool ParseReadings(const std::string& json, Readings& readings) {
   if (chassis == doc.MemberEnd() || !chassis->value.IsArray()) return false;
   readings = Readings{};
   for (const auto& c : chassis->value.GetArray()) {
-    auto sensors = c.IsObject() ? c.FindMember("Sensors") : c.MemberEnd();
-    if (!c.IsObject() || sensors == c.MemberEnd() || !sensors->value.IsArray()) return false;
+    if (!c.IsObject()) return false;
+    auto sensors = c.FindMember("Sensors");
+    if (sensors == c.MemberEnd() || !sensors->value.IsArray()) return false;
     ++readings.chassis;
     if (Text(c, "Source") == "Sensors") ++readings.fromSensors;
     const std::string id = Printable(Text(c, "Id"));

@@ -38,7 +38,7 @@ TEST(SensorsTable, AlignsColumnsNamesChassisOnlyWhenSeveralAndNeverPassesControl
             "CHASSIS  NAME   READING  UNITS  HEALTH\n"
             "1        Inlet  21.5            -\n"
             "Blade.2  V      12              -\n");
-  for (const char* bad :
-       {"[1,2]", R"({"Chassis":{}})", R"({"Chassis":[{"Id":"1"}]})", "{\"Chassis\":["})
+  for (const char* bad : {"[1,2]", R"({"Chassis":{}})", R"({"Chassis":[1]})",
+                          R"({"Chassis":[{"Id":"1"}]})", "{\"Chassis\":["})
     EXPECT_FALSE(ParseReadings(bad, r)) << bad;
 }
