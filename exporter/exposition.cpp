@@ -128,13 +128,13 @@ void RenderSensors(std::string& out, const std::vector<Sensor>& sensors) {
   for (const Sensor& s : sensors) {
     double scale = 1;
     const FamilyIndex family = FamilyOf(s, scale);
-    std::string labels = SensorLabels(s);
-    if (family == Other) labels += "," + Label("units", s.units);
+    const std::string sensor = SensorLabels(s);
+    const std::string labels = family == Other ? sensor + "," + Label("units", s.units) : sensor;
     if (!seen[family].insert(labels).second) continue;
     const double value = s.reading ? *s.reading * scale : std::nan("");
     Sample(bodies[family], kFamilies[family].name, labels, value);
-    if (seenHealth.insert(SensorLabels(s)).second) {
-      Sample(health, "bmcredfish_sensor_health", SensorLabels(s), HealthValue(s.health));
+    if (seenHealth.insert(sensor).second) {
+      Sample(health, "bmcredfish_sensor_health", sensor, HealthValue(s.health));
     }
   }
   for (int i = 0; i < FamilyCount; ++i) {
@@ -149,6 +149,19 @@ void RenderSensors(std::string& out, const std::vector<Sensor>& sensors) {
   out += health;
 }
 
+// The link numbers and labels, from the library's own list.
+const std::string& FailureLinkHelp() {
+  static const std::string help = [] {
+    static const char* const kLabels[] = BMCREDFISH_LINK_LABELS;
+    std::string text = "Link that failed in the last completed BMC read:";
+    for (size_t i = 0; i < sizeof kLabels / sizeof kLabels[0]; ++i) {
+      text += (i == 0 ? " " : ", ") + std::to_string(i) + " " + kLabels[i];
+    }
+    return text + ".";
+  }();
+  return help;
+}
+
 void RenderCalls(std::string& out, const Snapshot& s) {
   const struct {
     const char* call;
@@ -161,11 +174,7 @@ void RenderCalls(std::string& out, const Snapshot& s) {
   for (const auto& c : calls) {
     Sample(out, "bmcredfish_last_result", Label("call", c.call), c.outcome.result);
   }
-  Header(out, "bmcredfish_last_failure_link",
-         "Link that failed in the last completed BMC read: 0 none, 1 switch, 2 smbios, "
-         "3 config-endpoint, 4 route-document, 5 proxy, 6 bmc, 7 credentials, 8 discovery, "
-         "9 document, 10 guard.",
-         "gauge");
+  Header(out, "bmcredfish_last_failure_link", FailureLinkHelp().c_str(), "gauge");
   for (const auto& c : calls) {
     Sample(out, "bmcredfish_last_failure_link", Label("call", c.call), c.outcome.link);
   }

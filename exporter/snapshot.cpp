@@ -44,6 +44,13 @@ bool ParseReadings(const std::string& json, std::vector<Sensor>& out) {
   return true;
 }
 
+std::shared_ptr<const Readings> MakeReadings(std::string document) {
+  auto readings = std::make_shared<Readings>();
+  if (!ParseReadings(document, readings->sensors)) return nullptr;
+  readings->document = std::move(document);
+  return readings;
+}
+
 void ApplyRead(Snapshot& snapshot, const ReadResult& read, double now) {
   snapshot.haveRead = true;
   snapshot.power = read.power;
@@ -51,9 +58,7 @@ void ApplyRead(Snapshot& snapshot, const ReadResult& read, double now) {
   snapshot.readSeconds = read.seconds;
   if (read.power.result == 0) snapshot.powerOn = read.powerOn;
   if (read.sensors.result == 0) {
-    auto readings = std::make_shared<Readings>();
-    if (ParseReadings(read.readings, readings->sensors)) {
-      readings->document = read.readings;
+    if (auto readings = MakeReadings(read.readings)) {
       snapshot.readings = std::move(readings);
       snapshot.readingsTime = now;
     } else {

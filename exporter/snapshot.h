@@ -69,3 +69,6 @@ void ApplyRead(Snapshot& snapshot, const ReadResult& read, double now);
 // The library's readings document as sensors, in its order. False when the
 // text is not of that shape.
 bool ParseReadings(const std::string& json, std::vector<Sensor>& out);
+
+// The document with its sensors; null when it is not of that shape.
+std::shared_ptr<const Readings> MakeReadings(std::string document);

@@ -55,9 +55,8 @@ bool LoadState(const std::string& path, Snapshot& snapshot) {
   auto readings = doc.FindMember("readings");
   auto power = doc.FindMember("powerOn");
   if (readings != doc.MemberEnd() && readings->value.IsString()) {
-    auto parsed = std::make_shared<Readings>();
-    parsed->document.assign(readings->value.GetString(), readings->value.GetStringLength());
-    if (ParseReadings(parsed->document, parsed->sensors)) snapshot.readings = std::move(parsed);
+    snapshot.readings =
+        MakeReadings(std::string(readings->value.GetString(), readings->value.GetStringLength()));
   }
   if (power != doc.MemberEnd() && power->value.IsBool()) snapshot.powerOn = power->value.GetBool();
   snapshot.readingsTime = number("readingsTime");
