@@ -72,7 +72,8 @@ void ReadArrays(const Value& document, const ArrayKind (&kinds)[N],
       if (r.name.empty())
         r.name = std::string(kind.array) + " " + (member.empty() ? position : member);
       for (const char* name : kind.readings) {
-        if (name != nullptr && !r.reading) r.reading = Number(entry, name);
+        if (name == nullptr || r.reading) break;
+        r.reading = Number(entry, name);
       }
       r.units = Text(entry, "ReadingUnits");
       if (r.units.empty()) r.units = Text(entry, "Units");
