@@ -101,11 +101,7 @@ int BmcHttpConnection::UpdateBmcApiJson(const std::string& host) {
 
   rapidjson::Document document;
   rapidjson::Value* socket = RouteSocketAddress(document, text);
-  rapidjson::Value* value = nullptr;
-  if (socket != nullptr && socket->IsObject()) {
-    const auto member = socket->FindMember("address");
-    if (member != socket->MemberEnd()) value = &member->value;
-  }
+  rapidjson::Value* value = socket != nullptr ? &(*socket)["address"] : nullptr;
   if (value == nullptr) {
     NoteFailure(REDFISH_LINK_ROUTE_DOCUMENT, RedfishStatusDocumentIncomplete,
                 document.HasParseError() ? "the route document is not JSON"

@@ -62,7 +62,8 @@ Http::ClientResponse::Status WriteRouteDocument(const std::string& text) {
 rapidjson::Value* RouteSocketAddress(rapidjson::Document& document, const std::string& text) {
   ParseJson(document, text);
   if (document.HasParseError()) return nullptr;
-  return rapidjson::Pointer(kSocketAddressPointer).Get(document);
+  rapidjson::Value* socket = rapidjson::Pointer(kSocketAddressPointer).Get(document);
+  return socket != nullptr && JsonMember(*socket, "address") != nullptr ? socket : nullptr;
 }
 
 }  // namespace redfish

@@ -24,7 +24,8 @@ Tessel::Http::ClientResponse::Status ReadRouteDocument(std::string& text);
 Tessel::Http::ClientResponse::Status WriteRouteDocument(const std::string& text);
 
 // The endpoint's socket address object in text, parsed into document; null
-// when the text is not JSON or has no first endpoint of the first cluster.
+// when the text is not JSON or has no first endpoint of the first cluster with
+// an "address" (the one member the library rewrites).
 rapidjson::Value* RouteSocketAddress(rapidjson::Document& document, const std::string& text);
 
 }  // namespace redfish
