@@ -8,7 +8,6 @@
 #include "doctor.h"
 
 #include <arpa/inet.h>
-#include <unistd.h>
 
 #include <rapidjson/document.h>
 
@@ -26,6 +25,7 @@
 #include "platform/mirel/zirn.h"
 #include "sensors_table.h"
 #include "transport/route_document.h"
+#include "utils/json_access.h"
 
 namespace {
 
@@ -86,26 +86,19 @@ std::string InterfaceName(uint8_t type) {
 }
 
 size_t MemberCount(const rapidjson::Value& collection) {
-  auto members = collection.IsObject() ? collection.FindMember("Members") : collection.MemberEnd();
-  return collection.IsObject() && members != collection.MemberEnd() && members->value.IsArray()
-             ? members->value.Size()
-             : 0;
+  const rapidjson::Value* members = redfish::JsonMember(collection, "Members");
+  return members != nullptr && members->IsArray() ? members->Size() : 0;
+}
+
+std::string StringMember(const rapidjson::Value& object, const char* name) {
+  std::string text;
+  redfish::JsonString(object, name, text);
+  return text;
 }
 
 // The first member's "@odata.id", or "".
 std::string FirstMember(const rapidjson::Value& collection) {
-  if (MemberCount(collection) == 0) return "";
-  const rapidjson::Value& first = collection["Members"][0];
-  auto id = first.IsObject() ? first.FindMember("@odata.id") : first.MemberEnd();
-  return first.IsObject() && id != first.MemberEnd() && id->value.IsString() ? id->value.GetString()
-                                                                             : "";
-}
-
-std::string StringMember(const rapidjson::Value& object, const char* name) {
-  auto it = object.IsObject() ? object.FindMember(name) : object.MemberEnd();
-  return object.IsObject() && it != object.MemberEnd() && it->value.IsString()
-             ? it->value.GetString()
-             : "";
+  return MemberCount(collection) == 0 ? "" : StringMember(collection["Members"][0], "@odata.id");
 }
 
 class Doctor {
@@ -173,7 +166,8 @@ class Doctor {
       return Redfish_GetResource(o_.user.c_str(), o_.password.c_str(), Host(), path.c_str(), ms,
                                  &json);
     });
-    if (rc == 0) doc.Parse(json);
+    // The BMC's body as it came: parsed without recursion, however deep.
+    if (rc == 0 && json != nullptr) redfish::ParseJson(doc, json);
     Redfish_FreeText(json);
     return rc;
   }
@@ -188,8 +182,7 @@ class Doctor {
       return true;
     }
     std::vector<uint8_t> table;
-    if (access(SMBIOS_SYSFS_TABLE, R_OK) != 0 ||
-        !SMBIOS_ReadTable(SMBIOS_SYSFS_ENTRY_POINT, SMBIOS_SYSFS_TABLE, table)) {
+    if (!SMBIOS_ReadTable(SMBIOS_SYSFS_ENTRY_POINT, SMBIOS_SYSFS_TABLE, table)) {
       const int error = errno;
       return Fail("smbios",
                   std::string("cannot read ") + SMBIOS_SYSFS_TABLE + ": " + std::strerror(error),
@@ -295,19 +288,18 @@ class Doctor {
     starting_("route-document");
     rapidjson::Document document;
     const rapidjson::Value* socket = redfish::RouteSocketAddress(document, text);
-    if (socket == nullptr || !socket->IsObject()) {
+    if (socket == nullptr) {
       return Fail("route-document",
                   document.HasParseError()
                       ? "the route document is not JSON (the library reads its first 2048 bytes)"
-                      : "the route document names no endpoint (/proxy_configuration/clusters/0/"
-                        "endpoints/0/socket_address)",
+                      : "the route document names no endpoint address (/proxy_configuration/"
+                        "clusters/0/endpoints/0/socket_address/address)",
                   "the library neither uses nor rewrites such a document (its calls answer "
                   "20001): put a correct one back on localhost:549");
     }
     const std::string address = StringMember(*socket, "address");
-    auto port = socket->FindMember("port_value");
-    const int routePort =
-        port != socket->MemberEnd() && port->value.IsInt() ? port->value.GetInt() : 0;
+    const rapidjson::Value* port = redfish::JsonMember(*socket, "port_value");
+    const int routePort = port != nullptr && port->IsInt() ? port->GetInt() : 0;
     if (address != bmc_)
       return RouteNeedsFix(address.empty()
                                ? "the route names no BMC address"
@@ -460,7 +452,9 @@ class Doctor {
     const std::string detail = Count(readings.rows.size(), "reading") + " from " +
                                std::to_string(readings.chassis) + " chassis";
     if (!parsed || readings.rows.empty()) {
-      Fail("sensors", "the BMC's chassis hold no readings",
+      Fail("sensors",
+           parsed ? "the BMC's chassis hold no readings"
+                  : "the readings document is not of its documented shape",
            "the chassis' Sensors, Thermal and Power: redfishctl --json sensors");
     } else if (readings.fromSensors == 0) {
       Emit({"sensors",
