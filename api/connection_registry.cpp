@@ -26,20 +26,12 @@ constexpr int kLoggerLevel = 6;
 
 using Connections = std::unordered_map<std::string, std::shared_ptr<BmcRedfishConnection>>;
 
-// A creation that failed: callers that were already waiting for it take its
-// outcome instead of trying again at once, one behind another.
-struct FailedCreation {
-  uint64_t attempt;  // the number of finished attempts when it finished
-  int code;
-  RedfishFailure cause;
-};
-
 // Lookups share the lock; creating a connection holds it alone, for the whole
-// creation, so first calls still wait for one another.
+// creation, so first calls wait for one another. A failed creation registers
+// nothing: each caller that finds no connection tries to create it itself.
 struct Registry {
   std::shared_mutex mutex;
   Connections connections;
-  std::unordered_map<std::string, FailedCreation> failed;
   Registry* forkedFrom = nullptr;
 };
 
@@ -48,7 +40,6 @@ Tessel::Ref<Service::Logger> gRedfishLogger;
 std::atomic<Service::Logger*> gLoggerPtr{nullptr};
 
 Registry* gRegistry = new Registry();
-std::atomic<uint64_t> gFinishedAttempts{0};
 
 std::string HostKey(const char* host) { return host ? std::string(host) : kLocalHostKey; }
 
@@ -65,7 +56,7 @@ int CreationFailed(const std::string& key, int code) {
 // share its sockets. The child starts with an empty registry and a fresh
 // logger lock; the parent's registry is left untouched (and reachable).
 void ChildAfterFork() {
-  gRegistry = new Registry{{}, {}, {}, gRegistry};
+  gRegistry = new Registry{{}, {}, gRegistry};
   ::new (static_cast<void*>(&gLoggerMutex)) std::mutex();
 }
 
@@ -94,7 +85,6 @@ int Initialize() {
 
 int GetOrCreateConnection(const char* user, const char* password, const char* host,
                           std::shared_ptr<BmcRedfishConnection>& connection) {
-  const uint64_t seen = gFinishedAttempts.load();
   Registry& registry = *gRegistry;
   Service::Logger* logger = LibraryLogger();
   const std::string key = HostKey(host);
@@ -115,12 +105,6 @@ int GetOrCreateConnection(const char* user, const char* password, const char* ho
     TESSEL_LOG(logger, 5, "Using EXISTING Redfish Connection for '%1'", key);
     return RedfishStatusOk;
   }
-  // An attempt for this host ended while this caller waited for the lock.
-  auto failed = registry.failed.find(key);
-  if (failed != registry.failed.end() && failed->second.attempt > seen) {
-    AdoptAccount(failed->second.cause);
-    return CreationFailed(key, failed->second.code);
-  }
   TESSEL_LOG(logger, 5, "Creating new Redfish Connection for '%1'", key);
   // The host's own BMC is reached by its SMBIOS address: an empty host says so.
   const std::string connectionHost = key == kLocalHostKey ? std::string() : key;
@@ -129,14 +113,10 @@ int GetOrCreateConnection(const char* user, const char* password, const char* ho
   try {
     auto created = std::make_shared<BmcRedfishConnection>(connectionHost, userText, passwordText,
                                                           Tessel::Ref<Service::Logger>(logger));
-    gFinishedAttempts.fetch_add(1);
-    registry.failed.erase(key);
     registry.connections[key] = created;
     connection = std::move(created);
     return RedfishStatusOk;
   } catch (int code) {
-    registry.failed[key] =
-        FailedCreation{gFinishedAttempts.fetch_add(1) + 1, code, CurrentAccount()};
     return CreationFailed(key, code);
   }
 }

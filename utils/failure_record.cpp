@@ -146,13 +146,6 @@ void NoteFailure(RedfishLink link, int result, std::string_view detail) noexcept
   Put(tAccount.failure.detail, detail);
 }
 
-RedfishFailure CurrentAccount() noexcept { return tAccount.failure; }
-
-void AdoptAccount(const RedfishFailure& account) noexcept {
-  tAccount.failure = account;
-  tAccount.notedResult = account.result;
-}
-
 int FinishCall(int result) noexcept {
   RedfishFailure& f = tAccount.failure;
   if (result == REDFISH_OK) {

@@ -33,11 +33,6 @@ void NoteFailure(RedfishLink link, int result, std::string_view detail) noexcept
 // and a failure nobody noted is named after its result code.
 int FinishCall(int result) noexcept;
 
-// The account so far, and taking over another thread's: callers that share
-// the outcome of one attempt (a connection's creation) share its cause too.
-RedfishFailure CurrentAccount() noexcept;
-void AdoptAccount(const RedfishFailure& account) noexcept;
-
 // The account of the calling thread's last call, cut to the caller's size.
 int CopyLastFailure(RedfishFailure* failure) noexcept;
 

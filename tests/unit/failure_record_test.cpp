@@ -1,16 +1,9 @@
 // What Redfish_GetLastFailure names for each broken link, and the 1.1 calls
 // that read what the library keeps.
-#include <dirent.h>
-#include <sys/syscall.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <condition_variable>
 #include <cstring>
-#include <fstream>
-#include <thread>
 
 #include "tests/unit/test_support.h"
 #include "transport/bmc_http_connection.h"
@@ -157,57 +150,4 @@ TEST_F(Api, ReadingsCommandsAndResourcesAreReadWithoutSendingCommands) {
   EXPECT_EQ(Redfish_GetResource("u", "p", nullptr, "/redfish/v1/x", 100, &json), 20004);
   EXPECT_EQ(Redfish_GetResource("u", "p", nullptr, "/redfish/v1/y", 100, &json), 20002);
   EXPECT_EQ(Posts(), 0);
-}
-
-// Callers queued behind a creation whose configuration exchange hangs take
-// its outcome instead of each waiting for an attempt of their own.
-TEST_F(Api, CallersWaitingForAFailingCreationShareItsResult) {
-  std::mutex mutex;
-  std::condition_variable cv;
-  bool entered = false, release = false;
-  std::atomic<int> configRequests{0};
-  fake_http::SetHandler([&](const fake_http::Request& r) {
-    ++configRequests;
-    std::unique_lock<std::mutex> lock(mutex);
-    entered = true;
-    cv.notify_all();
-    cv.wait(lock, [&] { return release; });
-    (void)r;
-    return fake_http::Json(503, "");
-  });
-  constexpr int kCallers = 8;
-  std::vector<int> results(kCallers, -1);
-  std::vector<std::thread> callers;
-  std::atomic<pid_t> tids[kCallers] = {};
-  bool on = false;
-  for (int i = 0; i < kCallers; ++i) {
-    callers.emplace_back([&, i] {
-      tids[i] = static_cast<pid_t>(syscall(SYS_gettid));
-      results[i] = Redfish_GetPowerState("u", "p", nullptr, 100, &on);
-    });
-    if (i == 0) {
-      std::unique_lock<std::mutex> lock(mutex);
-      cv.wait(lock, [&] { return entered; });
-    }
-  }
-  // Every other caller is asleep on the registry's lock before the first
-  // attempt ends.
-  for (int i = 1; i < kCallers; ++i) {
-    for (;;) {
-      const pid_t tid = tids[i];
-      std::ifstream wchan("/proc/self/task/" + std::to_string(tid) + "/wchan");
-      std::string where;
-      if (tid != 0 && wchan >> where && where.rfind("futex", 0) == 0) break;
-      std::this_thread::yield();
-    }
-  }
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    release = true;
-  }
-  cv.notify_all();
-  for (auto& t : callers) t.join();
-  EXPECT_EQ(configRequests, 1);
-  for (int r : results) EXPECT_EQ(r, 503);
-  EXPECT_EQ(LastFailure().link, REDFISH_LINK_NONE) << "this thread made no call";
 }
