@@ -47,6 +47,20 @@ int Call(const char* user, const char* password, const char* host, Check check,
 
 int NoCheck() { return 0; }
 
+// The MAC search of Redfish_GetMacAddress and its output: n = min(*length,
+// MAC length + 1) bytes with the NUL, and *length = n.
+int MacToBuffer(Inventory& inventory, const char* mac, unsigned int timeoutMs, char* buffer,
+                unsigned int* length) {
+  std::string text;
+  const int result = redfish::FindBmcMac(inventory, mac, milliseconds(timeoutMs), text);
+  if (result != 0 || length == nullptr) return result;
+  const auto needed = static_cast<unsigned int>(text.size() + 1);
+  const unsigned int n = *length < needed ? *length : needed;
+  *length = n;
+  if (buffer != nullptr) std::snprintf(buffer, n, "%s", text.c_str());
+  return 0;
+}
+
 // A text the caller frees with Redfish_FreeText.
 char* CopyForCaller(const std::string& text) {
   auto* copy = static_cast<char*>(std::malloc(text.size() + 1));
@@ -105,18 +119,14 @@ extern "C" BMCREDFISH_API int Redfish_GetMacAddress(const char* user, const char
                                                     unsigned int timeoutMs, char* buffer,
                                                     unsigned int* length) {
   return Call(user, password, host, NoCheck, [&](Inventory& inventory) {
-    std::string text;
-    const int result = redfish::FindBmcMac(inventory, mac, milliseconds(timeoutMs), text);
-    if (result != 0 || length == nullptr) return result;
-    const auto needed = static_cast<unsigned int>(text.size() + 1);
-    const unsigned int n = *length < needed ? *length : needed;
-    *length = n;
-    if (buffer != nullptr) std::snprintf(buffer, n, "%s", text.c_str());
-    return 0;
+    return MacToBuffer(inventory, mac, timeoutMs, buffer, length);
   });
 }
 
-// The MAC is proven on the same connection that then sends the command.
+// The MAC is proven first, through the same steps as Redfish_GetMacAddress
+// (its own registry lookup included); the command then goes through the
+// connection a second lookup returns, which is a new one if the host was
+// closed meanwhile.
 extern "C" BMCREDFISH_API int Redfish_PowerOperation(const char* user, const char* password,
                                                      const char* host, const char* mac,
                                                      REDFISHCMD command, unsigned int timeoutMs) {
@@ -124,9 +134,34 @@ extern "C" BMCREDFISH_API int Redfish_PowerOperation(const char* user, const cha
     // No MAC, no power operation: the MAC is what proves this is the right machine.
     return mac != nullptr ? 0 : Refuse(REDFISH_ERR_MAC_MISMATCH, "no MAC address was named");
   };
-  return Call(user, password, host, check, [&](Inventory& inventory) {
-    return redfish::GuardedPowerOperation(inventory, mac, command, milliseconds(timeoutMs));
-  });
+  const Tessel::Service::LogBatch traces;
+  redfish::BeginCall();
+  int result = redfish::Initialize();
+  if (result == 0) result = check();
+  char reported[32] = {};
+  unsigned int size = sizeof reported;
+  std::shared_ptr<redfish::BmcRedfishConnection> connection;
+  if (result == 0) result = redfish::GetOrCreateConnection(user, password, host, connection);
+  if (result == 0) {
+    result = MacToBuffer(redfish::InventoryOf(*connection), mac, timeoutMs, reported, &size);
+  }
+  connection.reset();
+  // A manager without interfaces ends the search as a success with no MAC at
+  // all: that proves nothing, even to a caller who named an empty MAC.
+  if (result == 0 && (reported[0] == '\0' || std::strncmp(mac, reported, size) != 0)) {
+    TESSEL_LOG(redfish::LibraryLogger(), 3, "Invalid MAC address (%1). Expected (%2)", mac,
+               reported);
+    redfish::NoteFailure(
+        REDFISH_LINK_GUARD, REDFISH_ERR_MAC_MISMATCH,
+        std::string("the BMC reports the MAC address '") + reported + "', not '" + mac + "'");
+    result = REDFISH_ERR_MAC_MISMATCH;
+  }
+  if (result == 0) result = redfish::GetOrCreateConnection(user, password, host, connection);
+  if (result == 0) {
+    result = redfish::SendPowerCommand(redfish::InventoryOf(*connection), command,
+                                       milliseconds(timeoutMs), 0);
+  }
+  return redfish::FinishCall(result);
 }
 
 extern "C" BMCREDFISH_API int Redfish_GetLastFailure(RedfishFailure* failure) {

@@ -1,12 +1,7 @@
 #include "resources/mac_guard.h"
 
-#include <algorithm>
-#include <cstdio>
-#include <cstring>
-
 #include "resources/inventory.h"
 #include "resources/managers.h"
-#include "resources/systems.h"
 #include "utils/failure_record.h"
 #include "utils/redfish_status.h"
 
@@ -56,27 +51,6 @@ int FindBmcMac(Inventory& inventory, const char* mac, milliseconds timeout, std:
   TESSEL_LOG(inventory.Logger(), 5, "BMC MAC: %1", read);
   text = read;
   return RedfishStatusOk;
-}
-
-int GuardedPowerOperation(Inventory& inventory, const char* mac, REDFISHCMD command,
-                          milliseconds timeout) {
-  std::string found;
-  int result = FindBmcMac(inventory, mac, timeout, found);
-  if (result != RedfishStatusOk) return result;
-  // Compared as the caller's 32-byte buffer would hold it. A manager without
-  // interfaces ends the search as a success with no MAC at all: that proves
-  // nothing, even to a caller who named an empty MAC.
-  char reported[32] = {};
-  std::snprintf(reported, sizeof reported, "%s", found.c_str());
-  const size_t compared = std::min(sizeof reported, found.size() + 1);
-  if (reported[0] == '\0' || std::strncmp(mac, reported, compared) != 0) {
-    TESSEL_LOG(inventory.Logger(), 3, "Invalid MAC address (%1). Expected (%2)", mac, reported);
-    NoteFailure(
-        REDFISH_LINK_GUARD, RedfishStatusMacMismatch,
-        std::string("the BMC reports the MAC address '") + reported + "', not '" + mac + "'");
-    return RedfishStatusMacMismatch;
-  }
-  return SendPowerCommand(inventory, command, timeout, 0);
 }
 
 }  // namespace redfish

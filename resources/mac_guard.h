@@ -1,7 +1,7 @@
 #pragma once
 
-// The MAC guard: the BMC's interfaces searched for the MAC a caller names, and
-// a power command sent only when the BMC has it.
+// The MAC search: the BMC's interfaces searched for the MAC a caller names,
+// which the power operation checks before it sends a command.
 
 #include <chrono>
 #include <string>
@@ -17,11 +17,5 @@ class Inventory;
 // found. 40001 when the managers run out without a match.
 int FindBmcMac(Inventory& inventory, const char* mac, std::chrono::milliseconds timeout,
                std::string& text);
-
-// Sends command to the first system when the BMC has an interface with exactly
-// the MAC mac (non-null): 40002 when the search ends without one, otherwise
-// the command's result. Never sends anything when the MAC is not proven.
-int GuardedPowerOperation(Inventory& inventory, const char* mac, REDFISHCMD command,
-                          std::chrono::milliseconds timeout);
 
 }  // namespace redfish
