@@ -255,6 +255,15 @@ BMCREDFISH_API int Redfish_GetAllowedCommands(const char* user, const char* pass
 BMCREDFISH_API int Redfish_GetResource(const char* user, const char* password, const char* host,
                                        const char* path, unsigned int timeoutMs, char** json);
 
+/*
+ * The version of the library that is loaded, "MAJOR.MINOR.PATCH", which may be
+ * newer than the BMCREDFISH_VERSION_STRING the caller was compiled with. The
+ * text is the library's own: never free or change it. Needs neither
+ * FeatureState_Init nor the switch, sends nothing and keeps the failure record
+ * as it is.
+ */
+BMCREDFISH_API const char* Redfish_GetVersion(void);
+
 #ifdef __cplusplus
 }
 #endif
