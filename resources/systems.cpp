@@ -167,7 +167,9 @@ int SendPowerCommand(Inventory& inventory, REDFISHCMD command, milliseconds time
   std::string response;
   result = inventory.Requests().Post(system.resetUri, body, response, kPowerRequestTimeout);
   if (result == RedfishStatusOk) return RedfishStatusOk;
-  if (IsNoActionStatus(system.oem, result)) return RedfishStatusNoActionNeeded;
+  if (IsNoActionStatus(inventory.systems[systemIndex].oem, result)) {
+    return RedfishStatusNoActionNeeded;
+  }
 
   rapidjson::Document document;
   if (BmcRedfishUtils::VerifyJson(inventory.Logger(), response, document, true) !=
