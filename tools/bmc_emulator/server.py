@@ -363,7 +363,7 @@ class Handler(BaseHTTPRequestHandler):
             return 404, errors.error_body(self.app.registry, "ResourceMissingAtURI", [path]), [], None
         method = self.command
         if path == "/redfish":
-            return self.readonly(method, {"v1": "/redfish/v1/"})
+            return self.readonly(method, m.versions())
         if path == modellib.ROOT + "/$metadata":
             if method not in ("GET", "HEAD"):
                 return self.not_allowed("GET, HEAD")
@@ -437,7 +437,7 @@ class Handler(BaseHTTPRequestHandler):
         if not isinstance(reset_type, str):
             raise BadRequest(400, "ActionParameterValueTypeError",
                              [json.dumps(reset_type), "ResetType", _RESET_ACTION])
-        if reset_type not in self.app.model.allowable_values:
+        if reset_type not in self.app.model.allowable_for(index):
             raise BadRequest(400, "ActionParameterValueNotInList", [reset_type, "ResetType", _RESET_ACTION])
         outcome, before = self.app.model.reset(index, reset_type)
         spec = self.app.profile["reset"]["success" if outcome == "done" else "no_op"]
