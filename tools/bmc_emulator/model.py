@@ -223,6 +223,10 @@ class ServiceState:
 class Model(ServiceState):
     """One of the hand-written profiles: a tree built from its templates."""
 
+    is_tree = False
+    query_mode = None  # $select and $expand as described in tools/README.md
+    latency = 0.0
+
     def __init__(self, profile_name, scale=None):
         self.name = profile_name
         self.profile = load_profile(profile_name)
@@ -240,6 +244,9 @@ class Model(ServiceState):
 
     def versions(self):
         return {"v1": "/redfish/v1/"}
+
+    def error_status(self, path):
+        return None
 
     # -- construction -----------------------------------------------------
 

@@ -14,7 +14,8 @@ from email.utils import formatdate
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from urllib.parse import parse_qsl, unquote, urlsplit
 
-from . import errors, faults as faultlib, model as modellib
+from . import errors, faults as faultlib, model as modellib, query as querylib
+from .query import select_properties as _select
 
 CONTROL_PREFIX = "/__emulator"
 MAX_BODY = 1 << 20
@@ -22,8 +23,6 @@ HANDSHAKE_TIMEOUT = 10
 IDLE_TIMEOUT = 60
 _EXPAND = re.compile(r"^[*.~](?:\(\$levels=\d+\))?$")
 _TOKEN = re.compile(r"^[!#$%&'*+.^_`|~0-9A-Za-z-]+$")
-# Always kept by $select so a client can still tell what it is looking at.
-_SELECT_KEEP = ("@odata.id", "@odata.type", "@odata.context")
 _RESET_ACTION = "ComputerSystem.Reset"
 
 
@@ -66,8 +65,10 @@ class RequestLog:
 class App:
     """State shared by all connections."""
 
-    def __init__(self, model, user, password, cli_faults=(), request_log=None):
+    def __init__(self, model, user, password, cli_faults=(), request_log=None, query_mode=None, latency=None):
         self.model = model
+        self.query_mode = query_mode or model.query_mode
+        self.latency = model.latency if latency is None else latency
         self.profile = model.profile
         self.registry = self.profile.get("base_registry", "Base.1.0")
         self.content_type = self.profile.get("content_type", "application/json")
@@ -94,25 +95,6 @@ class App:
                   + [dict(f, source="runtime") for f in self.runtime_faults.describe()])
         return {"profile": self.model.name, "port": self.port, "systems": self.model.power_summary(),
                 "counts": self.model.counts, "faults": faults, "requests_logged": self.log.count}
-
-
-def _select(body, props):
-    out = {k: body[k] for k in _SELECT_KEEP if k in body}
-    for prop in props:
-        parts = prop.split("/")
-        src = body
-        for part in parts[:-1]:
-            src = src.get(part) if isinstance(src, dict) else None
-        if not isinstance(src, dict) or parts[-1] not in src:
-            continue  # unknown properties are left out, as most services do
-        dst = out
-        for part in parts[:-1]:
-            # Copy on the way down: `body` shares dicts with the model.
-            nxt = dict(dst[part]) if isinstance(dst.get(part), dict) else {}
-            dst[part] = nxt
-            dst = nxt
-        dst[parts[-1]] = src[parts[-1]]
-    return out
 
 
 def _rename_maker(obj, name):
@@ -301,7 +283,7 @@ class Handler(BaseHTTPRequestHandler):
         kinds = {}
         for fault in hits:
             kinds.setdefault(fault.kind, fault)
-        delay = sum(f.value for f in hits if f.kind == "delay")
+        delay = self.app.latency + sum(f.value for f in hits if f.kind == "delay")
         if delay:
             time.sleep(delay)
         if "drop" in kinds:
@@ -329,7 +311,7 @@ class Handler(BaseHTTPRequestHandler):
             send["declared_length"] = kinds["bad-length"].value
         try:
             status, body, headers, content_type = self.route(path, raw_query, kinds)
-        except BadRequest as e:
+        except (BadRequest, querylib.QueryError) as e:
             status, body, headers, content_type = e.status, errors.error_body(
                 self.app.registry, e.key, e.args_), [], None
         self.respond(status, body, headers=headers, content_type=content_type, **send)
@@ -386,7 +368,16 @@ class Handler(BaseHTTPRequestHandler):
             allow = "GET, HEAD, POST" if path == modellib.SESSIONS else (
                 "GET, HEAD, DELETE" if path.startswith(modellib.SESSIONS + "/") else "GET, HEAD")
             return self.not_allowed(allow)
-        body = self.query(path, raw_query)
+        status = m.error_status(path)
+        if status is not None:  # a captured error answer
+            return status, m.render(path), [], None
+        if m.is_tree:
+            body = m.answer(path, raw_query, self.app.query_mode)
+        elif self.app.query_mode is not None:
+            querylib.choose(querylib.split_query(raw_query), self.app.query_mode, {})
+            body = m.render(path)
+        else:
+            body = self.query(path, raw_query)
         if "unknown-manufacturer" in kinds:
             body = _rename_maker(body, kinds["unknown-manufacturer"].value)
         return 200, body, [], None
