@@ -69,6 +69,8 @@ class App:
         self.model = model
         self.query_mode = query_mode or model.query_mode
         self.latency = model.latency if latency is None else latency
+        self._flight_lock = threading.Lock()
+        self.in_flight = self.max_in_flight = 0
         self.profile = model.profile
         self.registry = self.profile.get("base_registry", "Base.1.0")
         self.content_type = self.profile.get("content_type", "application/json")
@@ -90,11 +92,24 @@ class App:
 
         return self.cli_faults.take(applies) + self.runtime_faults.take(applies)
 
+    def flight(self, delta):
+        """Counts Redfish requests being answered; the peak is what a client's
+        concurrency limit is checked against."""
+        with self._flight_lock:
+            self.in_flight += delta
+            self.max_in_flight = max(self.max_in_flight, self.in_flight)
+
+    def reset_log(self):
+        with self._flight_lock:
+            self.log.truncate()
+            self.max_in_flight = self.in_flight
+
     def state(self):
         faults = ([dict(f, source="cli") for f in self.cli_faults.describe()]
                   + [dict(f, source="runtime") for f in self.runtime_faults.describe()])
         return {"profile": self.model.name, "port": self.port, "systems": self.model.power_summary(),
-                "counts": self.model.counts, "faults": faults, "requests_logged": self.log.count}
+                "counts": self.model.counts, "faults": faults, "requests_logged": self.log.count,
+                "in_flight": self.in_flight, "max_in_flight": self.max_in_flight}
 
 
 def _rename_maker(obj, name):
@@ -276,7 +291,11 @@ class Handler(BaseHTTPRequestHandler):
         if path == CONTROL_PREFIX or path.startswith(CONTROL_PREFIX + "/"):
             self.control(path[len(CONTROL_PREFIX):])
             return
-        self.serve(path, raw_query, query)
+        self.app.flight(+1)
+        try:
+            self.serve(path, raw_query, query)
+        finally:
+            self.app.flight(-1)
 
     def serve(self, path, raw_query, query):
         hits = self.app.take_faults(path, query)
@@ -523,7 +542,7 @@ class Handler(BaseHTTPRequestHandler):
         if sub == "/reset-log":
             if method != "POST":
                 return self.control_reply(405, {"error": "use POST"}, [("Allow", "POST")])
-            app.log.truncate()
+            app.reset_log()
             return self.control_reply(200, {"requests_logged": 0})
         return self.control_reply(404, {"error": "unknown control path"})
 
