@@ -16,6 +16,7 @@ $filter, $skip, $top, then $expand, excerpt and $select ('only' stands alone).
 
 import datetime
 import re
+from urllib.parse import unquote
 
 MODES = ("advertised", "advertised-501", "ignore", "reject-501")
 FEATURE = {"$select": "SelectQuery", "$expand": "ExpandQuery", "$filter": "FilterQuery",
@@ -45,7 +46,6 @@ def split_query(raw_query):
     """[(name, value)] percent-decoded. A '+' stays a '+': clients put
     unencoded time-zone offsets in $filter; the filter reads '+' between
     tokens as a space."""
-    from urllib.parse import unquote
     pairs = []
     for part in raw_query.split("&"):
         if part:
