@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <mutex>
 #include <shared_mutex>
 
@@ -34,6 +36,7 @@ bool Hold(int level, const std::string& line) {
   HeldTraces& held = tHeld;
   if (held.depth == 0 || level <= 3 || line.size() > sizeof held.data) return false;
   if (held.used + line.size() > sizeof held.data) return false;
+  if (held.used == 0) held.sinceUs = MonotonicUs();
   std::memcpy(held.data + held.used, line.data(), line.size());
   held.used += line.size();
   return true;
@@ -45,6 +48,20 @@ void HandOver(int fd, std::string_view text, bool now) {
   held.used = 0;
 }
 
+namespace {
+
+// Hands the held traces over, written now when `now`, else by the spool's rule.
+void HandOverHeld(bool now) noexcept {
+  try {
+    SinkState& sink = Sink();
+    std::shared_lock<std::shared_mutex> lock(sink.lock);
+    const int fd = sink.builtIn.Descriptor();
+    if (fd >= 0) HandOver(fd, {}, now);
+  } catch (...) {
+  }
+}
+
+}  // namespace
 }  // namespace Logging
 
 LogBatch::LogBatch() noexcept {
@@ -56,14 +73,32 @@ LogBatch::~LogBatch() {
   if (--held.depth > 0) return;
   // The last call out writes what others left, as does a call with traces.
   if (!Logging::CallEnded() && held.used == 0) return;
-  try {
-    Logging::SinkState& sink = Logging::Sink();
-    std::shared_lock<std::shared_mutex> lock(sink.lock);
-    const int fd = sink.builtIn.Descriptor();
-    if (fd >= 0) Logging::HandOver(fd, {}, false);
-  } catch (...) {
-  }
+  Logging::HandOverHeld(false);
   held.used = 0;
+}
+
+// Only a sink that writes to a descriptor holds traces. The sleeper wakes
+// when its own oldest trace is due too.
+LogSleep::LogSleep() noexcept {
+  if ((Logging::HoldFlags() & Logging::kHoldable) == 0) return;
+  const Logging::HeldTraces& held = Logging::tHeld;
+  startUs_ = Logging::MonotonicUs();
+  wakeByUs_ = Logging::SleeperEnters(startUs_);
+  if (held.used > 0) wakeByUs_ = std::min(wakeByUs_, held.sinceUs + Logging::kSpoolAgeUs);
+}
+
+LogSleep::~LogSleep() {
+  if (wakeByUs_ == INT64_MAX) return;
+  const Logging::HeldTraces& held = Logging::tHeld;
+  const bool keeper = Logging::SleeperLeaves();
+  const bool due = held.used > 0 && Logging::MonotonicUs() - held.sinceUs >= Logging::kSpoolAgeUs;
+  if (keeper || due) Logging::HandOverHeld(due);
+}
+
+int LogSleep::PollTimeoutMs(int timeoutMs) const noexcept {
+  if (wakeByUs_ == INT64_MAX) return timeoutMs;
+  const int64_t ms = std::max<int64_t>(0, (wakeByUs_ - startUs_ + 999) / 1000);
+  return timeoutMs >= 0 && timeoutMs < ms ? timeoutMs : static_cast<int>(ms);
 }
 
 }  // namespace Tessel::Service

@@ -3,9 +3,12 @@
 // The traces a thread holds while a LogBatch lives (its call runs), and their
 // hand-over to the spool.
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <string>
 #include <string_view>
+
+#include "platform/tessel/logging_spool.h"
 
 namespace Tessel::Service::Logging {
 
@@ -14,6 +17,7 @@ namespace Tessel::Service::Logging {
 struct HeldTraces {
   unsigned depth;
   size_t used;
+  int64_t sinceUs;  // when the first of them was made
   char data[8192];
 };
 // This thread's.
@@ -32,7 +36,9 @@ void HandOver(int fd, std::string_view text, bool now);
 // Appends a record straight to the held traces; overflows rather than write.
 class HeldOut {
  public:
-  HeldOut() noexcept : held_(Held()), start_(held_.used) {}
+  HeldOut() noexcept : held_(Held()), start_(held_.used) {
+    if (start_ == 0) held_.sinceUs = MonotonicUs();
+  }
   size_t Size() const { return held_.used - start_; }
   bool Overflowed() const { return overflowed_; }
   // What was appended so far.

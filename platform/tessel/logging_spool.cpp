@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <condition_variable>
 #include <ctime>
@@ -18,13 +19,14 @@ struct Spool {
   std::string pending;
   std::string writing;  // what the writer writes now; its capacity is kept
   bool busy = false;
-  int64_t oldestUs = 0;   // when pending became non-empty
   uint64_t accepted = 0;  // bytes handed over, ever
   uint64_t done = 0;      // bytes written (or given up on)
-  // Outside the mutex: calls running (outermost batches), and whether
-  // pending holds anything, so that the last call out finds what to write.
+  // Outside the mutex: calls running (outermost batches), sleepers
+  // registered, and when pending must be written (kNoDeadline while it is
+  // empty), so that the last call or sleeper out finds what to write.
   std::atomic<int> activeCalls{0};
-  std::atomic<bool> hasPending{false};
+  std::atomic<int> sleepers{0};
+  std::atomic<int64_t> deadlineUs{kNoDeadline};
 };
 
 Spool& TheSpool() {
@@ -54,7 +56,7 @@ void Drain(std::unique_lock<std::mutex>& lock, int fd, bool durable) {
   spool.busy = true;
   while (!spool.pending.empty()) {
     spool.writing.swap(spool.pending);
-    spool.hasPending = false;
+    spool.deadlineUs = kNoDeadline;
     lock.unlock();
     WriteFully(fd, spool.writing);
     lock.lock();
@@ -81,16 +83,16 @@ void Commit(int fd, std::string_view held, std::string_view text, bool now) {
   std::unique_lock<std::mutex> lock(spool.mutex);
   while (spool.busy && spool.pending.size() > kSpoolLimit) spool.written.wait(lock);
   if (held.size() + text.size() > 0) {
-    if (spool.pending.empty()) spool.oldestUs = MonotonicUs();
+    const bool first = spool.pending.empty();
     spool.pending.append(held).append(text);
     spool.accepted += held.size() + text.size();
-    spool.hasPending = true;
+    if (first) spool.deadlineUs = MonotonicUs() + kSpoolAgeUs;
   }
   if (spool.pending.empty()) return;
-  // Read after hasPending is set: either this sees the last call's end, or
-  // that call sees hasPending and drains.
-  if (now || spool.activeCalls.load() == 0 || spool.pending.size() >= kSpoolBatch ||
-      MonotonicUs() - spool.oldestUs >= kSpoolAgeUs) {
+  // Read after the deadline is set: either this sees the last call's end (or
+  // sleeper's), or that one sees the deadline and drains.
+  if (now || spool.activeCalls.load() == 0 || spool.sleepers.load() == 0 ||
+      spool.pending.size() >= kSpoolBatch || MonotonicUs() >= spool.deadlineUs.load()) {
     Drain(lock, fd, now);
   }
 }
@@ -106,7 +108,22 @@ void CallStarted() noexcept { TheSpool().activeCalls.fetch_add(1); }
 bool CallEnded() noexcept {
   Spool& spool = TheSpool();
   spool.activeCalls.fetch_sub(1);
-  return spool.hasPending.load();
+  return spool.deadlineUs.load() != kNoDeadline;
+}
+
+// One that registers before records are handed over wakes by their deadline
+// too: it wakes within kSpoolAgeUs of registering.
+int64_t SleeperEnters(int64_t nowUs) noexcept {
+  Spool& spool = TheSpool();
+  spool.sleepers.fetch_add(1);
+  return std::min(spool.deadlineUs.load(), nowUs + kSpoolAgeUs);
+}
+
+bool SleeperLeaves() noexcept {
+  Spool& spool = TheSpool();
+  const int left = spool.sleepers.fetch_sub(1) - 1;
+  const int64_t deadline = spool.deadlineUs.load();
+  return deadline != kNoDeadline && (left == 0 || MonotonicUs() >= deadline);
 }
 
 void RenewSpoolInChild(int calls) noexcept {
@@ -114,7 +131,8 @@ void RenewSpoolInChild(int calls) noexcept {
   ::new (static_cast<void*>(&spool.mutex)) std::mutex();
   ::new (static_cast<void*>(&spool.written)) std::condition_variable();
   spool.pending.clear();
-  spool.hasPending = false;
+  spool.deadlineUs = kNoDeadline;
+  spool.sleepers = 0;
   spool.busy = false;
   spool.accepted = spool.done = 0;
   spool.activeCalls = calls;

@@ -9,6 +9,13 @@
 // them to that writer (a group commit); a failure record, and everything
 // before it, is written before its call goes on.
 //
+// The library has no thread of its own to keep the age limit, so records
+// wait only while a sleeper is registered: a thread of the library asleep
+// (the HTTP client's wait for an answer, see LogSleep) that wakes by their
+// deadline and writes them, or, the last to leave, writes them anyway. With
+// no sleeper, the thread that hands them over writes them. So the limit holds
+// whatever the other calls wait for (a slow BMC, a lock).
+//
 // Commit and DrainSpool are called with the sink's lock held, so the
 // descriptor stays open under a writer; the sink is only changed, and the
 // process only exits, after a drain.
@@ -22,6 +29,8 @@ constexpr size_t kSpoolBatch = 32 << 10;
 constexpr int64_t kSpoolAgeUs = 50000;
 // A writer slower than its callers makes them wait beyond this much.
 constexpr size_t kSpoolLimit = 1 << 20;
+// The deadline of an empty spool.
+constexpr int64_t kNoDeadline = INT64_MAX;
 
 int64_t MonotonicUs() noexcept;
 
@@ -40,6 +49,12 @@ void DrainSpool(int fd);
 // the last call out writes.
 void CallStarted() noexcept;
 bool CallEnded() noexcept;
+
+// A sleeper registers before it sleeps and gets the time it must wake by; it
+// leaves when it wakes, and is told whether it must write what waits: their
+// deadline passed, or no sleeper is left to keep it.
+int64_t SleeperEnters(int64_t nowUs) noexcept;
+bool SleeperLeaves() noexcept;
 
 // In a child of fork(): a fresh spool, with `calls` running (the forking
 // thread's own call, if any); what the parent's spool held is the parent's to
