@@ -26,6 +26,10 @@ void PoolCore::StartConnect() {
       }
       return;
     }
+  }
+  // The limit covers one round of the addresses, each time a connection is
+  // opened: not the pool's first connect alone.
+  if (addressIndex_ == 0) {
     connectDeadlineUs_ = System::GetMonotonicTime() + config_->connectTimeoutUs;
   }
   const std::string& raw = addresses_[addressIndex_];

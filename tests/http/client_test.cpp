@@ -200,6 +200,35 @@ TEST(Errors, UnreachableTimesOutTheConnectAndWhatQueuedBehindIt) {
   EXPECT_GE(blackhole.sockets.load(), 1);
 }
 
+// A new connection (after the server ended the last one) has the whole
+// connect limit, however long ago the pool first connected.
+TEST(Errors, EveryConnectHasTheWholeLimit) {
+  // A listener whose accept queue holds one connection: with it taken, SYNs
+  // to it go unanswered.
+  int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&a), len), 0);
+  ASSERT_EQ(listen(listener, 0), 0);
+  ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len), 0);
+  auto config = GetDefaultHttp2SvcCfg();
+  config->connectTimeoutUs = 300000;
+  Endpoint ep(ntohs(a.sin_port), "127.0.0.1", config);
+  Thrown([&] { Send(*ep.agent, Get, "/first", {}, 100000); });  // connected, never answered
+  close(accept(listener, nullptr, nullptr));                    // which ends that connection
+  std::this_thread::sleep_for(std::chrono::milliseconds(400));  // past the first limit
+  int filler = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(connect(filler, reinterpret_cast<sockaddr*>(&a), len), 0);
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Thrown([&] { Send(*ep.agent, Get, "/second", {}, 20000000); }), "errno 110");
+  EXPECT_GE(SecondsSince(start), 0.3);
+  EXPECT_EQ(ep.sockets.load(), 2);
+  close(filler);
+  close(listener);
+}
+
 TEST(Errors, NoAnswerTimesOutCancelsAndIsNeverErrno110) {
   auto config = GetDefaultHttp2SvcCfg();
   config->connectTimeoutUs = 100000;  // far below the wait: must not turn into 110
