@@ -122,16 +122,23 @@ TEST(Multiplexing, HundredConcurrentRequestsFromSixteenThreadsShareOneConnection
 }
 
 // A caller waiting for a slow answer drives the connection meanwhile: what
-// others submit must leave at once, not when that answer comes in.
-TEST(Multiplexing, NoRequestWaitsBehindAnotherCallersSlowAnswer) {
-  Endpoint ep(80);
+// others submit must leave at once, not when that answer comes in. Nor when
+// the server ends the connection with a GOAWAY (its request limit, a
+// reload): the next requests go on a new connection while the old one
+// finishes the slow answer.
+TEST(Multiplexing, NoRequestWaitsBehindASlowAnswerEvenAcrossAGoaway) {
+  Endpoint ep(81);  // a GOAWAY after 100 requests; /late answers after 4 s
   std::atomic<bool> slowDone{false};
-  std::thread slow([&] { slowDone = Body(*Send(*ep.agent, Get, "/late")) == "late\n"; });
+  std::thread slow(
+      [&] { slowDone = Body(*Send(*ep.agent, Get, "/late", {}, 30000000)) == "late\n"; });
   ASSERT_TRUE(Eventually([&] { return ep.Pool().GetActiveExchangeCount() > 0; }));
-  for (int i = 0; i < 20; ++i) EXPECT_EQ(Body(*Send(*ep.agent, Get, "/hello")), "hello");
+  for (int i = 0; i < 150; ++i) {
+    ASSERT_EQ(Body(*Send(*ep.agent, Get, "/", {}, 30000000)), "ok") << i;
+  }
   EXPECT_FALSE(slowDone.load()) << "the requests waited for the slow answer";
   slow.join();
   EXPECT_TRUE(slowDone.load());
+  EXPECT_EQ(ep.sockets.load(), 2);
 }
 
 TEST(Multiplexing, CrossingTheServersRequestLimitLosesAndRepeatsNothing) {
