@@ -53,6 +53,7 @@ void PoolCore::Connected() {
     nghttp2_session_callbacks_set_on_data_chunk_recv_callback(callbacks, &PoolCore::OnData);
     nghttp2_session_callbacks_set_on_frame_recv_callback(callbacks, &PoolCore::OnFrameRecv);
     nghttp2_session_callbacks_set_on_frame_send_callback(callbacks, &PoolCore::OnFrameSend);
+    nghttp2_session_callbacks_set_on_frame_not_send_callback(callbacks, &PoolCore::OnFrameNotSend);
     nghttp2_session_callbacks_set_on_stream_close_callback(callbacks, &PoolCore::OnStreamClose);
     rc = nghttp2_session_client_new(&c.session, callbacks, &c);
     nghttp2_session_callbacks_del(callbacks);
@@ -370,6 +371,19 @@ int PoolCore::OnFrameSend(nghttp2_session*, const nghttp2_frame* frame, void* p)
   return 0;
 }
 
+// A request nghttp2 will not frame (a header block above what HTTP/2 lets it
+// send) can never be sent: it fails at once instead of waiting out its limit.
+// Other reasons (the server's GOAWAY came first) close the stream as refused,
+// and it is sent again.
+int PoolCore::OnFrameNotSend(nghttp2_session*, const nghttp2_frame* frame, int error, void* p) {
+  auto* conn = static_cast<PoolConnection*>(p);
+  conn->pool->mutex_.AssertHeld();
+  if (frame->hd.type != NGHTTP2_HEADERS || error != NGHTTP2_ERR_FRAME_SIZE_ERROR) return 0;
+  auto it = conn->streams.find(frame->hd.stream_id);
+  if (it != conn->streams.end()) it->second->unsendable = true;
+  return 0;
+}
+
 int PoolCore::OnStreamClose(nghttp2_session*, int32_t stream, uint32_t error, void* p) {
   auto* conn = static_cast<PoolConnection*>(p);
   PoolCore* self = conn->pool;
@@ -379,7 +393,11 @@ int PoolCore::OnStreamClose(nghttp2_session*, int32_t stream, uint32_t error, vo
   Ref<Exchange> ex = std::move(it->second);
   conn->streams.erase(it);
   if (ex->state != Exchange::State::OnStream) return 0;
-  if (ex->tooLarge) {
+  if (ex->unsendable) {
+    self->Finish(*ex, nullptr,
+                 {Failure::InvalidArgument, 0,
+                  "the request's header block is larger than HTTP/2 lets it be sent; not sent"});
+  } else if (ex->tooLarge) {
     self->Finish(*ex, nullptr,
                  {Failure::Other, 0,
                   "response body larger than " +

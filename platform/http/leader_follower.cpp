@@ -230,8 +230,9 @@ void PoolCore::DriveOnce(const Exchange* own, int64_t deadline) {
   FlushAll();
   TidyConnections();
   // The connection went, or was drained, with requests left: the next round
-  // opens another.
+  // opens another. Requests nghttp2 gave back while writing go out first.
   if (conn_ == State::None && !queue_.empty() && mayConnect) return;
+  if (CanSubmit()) return;
   if (LeaderDone(own)) return;  // e.g. a connect that failed at once ended it
 
   pollfd fds[kMaxDraining + 2] = {{wakeFd_, POLLIN, 0}};

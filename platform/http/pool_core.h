@@ -189,6 +189,7 @@ class PoolCore : public RefCounted {
                     void* conn);
   static int OnFrameRecv(nghttp2_session*, const nghttp2_frame* frame, void* conn);
   static int OnFrameSend(nghttp2_session*, const nghttp2_frame* frame, void* conn);
+  static int OnFrameNotSend(nghttp2_session*, const nghttp2_frame* frame, int error, void* conn);
   static int OnStreamClose(nghttp2_session*, int32_t stream, uint32_t error, void* conn);
   static ssize_t ReadBody(nghttp2_session*, int32_t stream, uint8_t* buf, size_t length,
                           uint32_t* flags, nghttp2_data_source* source, void*);

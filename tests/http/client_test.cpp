@@ -265,6 +265,20 @@ TEST(Errors, NoAnswerTimesOutCancelsAndIsNeverErrno110) {
   EXPECT_GE(SecondsSince(start), 0.4);
 }
 
+// A header block larger than HTTP/2 framing allows is never sent: it fails
+// at once, not when the caller's limit passes, and alone on its connection.
+TEST(Errors, ARequestTooLargeToSendFailsAtOnce) {
+  Endpoint ep(80);
+  Ref<PendingExchange> inFlight;
+  ep.agent->AsyncSendRequest(Request(Get, "/hang").Get(), nullptr, inFlight);
+  EXPECT_EQ(Body(*Send(*ep.agent, Get, "/hello")), "hello");  // /hang is on the wire
+  EXPECT_THROW(Send(*ep.agent, Get, "/" + std::string(70000, 'a'), {}, 60000000),
+               InvalidArgumentException);
+  EXPECT_EQ(Body(*Send(*ep.agent, Get, "/hello")), "hello");
+  EXPECT_EQ(ep.Pool().GetActiveExchangeCount(), 1u);  // /hang, still waiting
+  EXPECT_EQ(ep.sockets.load(), 1);
+}
+
 TEST(Agent, WithoutAPoolSpeaksHttp1) {
   std::thread([] {}).join();  // a sanitizer's helper thread, if any, starts now
   const int baseline = ThreadCount();
