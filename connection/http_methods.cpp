@@ -24,13 +24,15 @@ constexpr uint32_t kDefaultGetBufferSize = 2048;
 // by whatever Content-Length the answer claims.
 constexpr uint64_t kMaxGetBufferSize = 1 << 20;
 
-// Builds the request unless its target, made from ids the BMC chose, could
-// leave the proxy's BMC route; a refused target is never sent.
+// Builds the request unless its target, made from ids the BMC chose or a
+// caller's path, could leave the proxy's BMC route or is longer than the
+// proxy takes (which would end the connection other callers share); a
+// refused target is never sent.
 int CreateRequest(Http::HttpMethod method, const std::string& url, Service::Logger* logger,
                   Ref<Http::ClientRequest>& request) {
   // The client checks the rest of the target itself; the reason is looked up
   // only for a refused one.
-  const char* problem = RouteProblem(url);
+  const char* problem = ProxyProblem(url);
   if (problem == nullptr) {
     try {
       Http::CreateHttpRequest(method, url, request);
