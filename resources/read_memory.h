@@ -29,6 +29,8 @@ struct ReadMemory {
   // The systems' "@odata.id", once read (Redfish_GetSystems).
   bool systemsKnown = false;
   std::vector<std::string> systems;
+  // Where the event log is, as a cursor without entries (Redfish_GetLogEntries).
+  std::string logFound;
 };
 
 }  // namespace redfish
