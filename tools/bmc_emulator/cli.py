@@ -10,6 +10,7 @@ import sys
 import tempfile
 import threading
 
+from . import event_log as loglib
 from . import faults as faultlib
 from . import model as modellib
 from . import query as querylib
@@ -44,6 +45,13 @@ def parse_args(argv):
                     "so $expand answers collections with bare links (tree profiles)")
     ap.add_argument("--latency", metavar="SECONDS", type=float,
                     help="wait this long before answering each request (default: the profile's, mostly 0)")
+    ap.add_argument("--log-page", metavar="N", type=int,
+                    help="event log: entries per page, 0 for one page (default: the profile's)")
+    ap.add_argument("--log-order", choices=loglib.ORDERS, help="event log: the order entries are listed in")
+    ap.add_argument("--log-max", metavar="N", type=int,
+                    help="event log: MaxNumberOfRecords; the oldest entries go beyond it")
+    ap.add_argument("--log-entries", metavar="N", type=int, default=0,
+                    help="event log: this many more entries at start (default 0)")
     ap.add_argument("--ready-file", metavar="PATH", help="created once the emulator accepts connections")
     ap.add_argument("--cert-dir", metavar="DIR", help="where cert.pem and key.pem are written (default: temp dir)")
     args = ap.parse_args(argv)
@@ -71,6 +79,10 @@ def parse_args(argv):
             ap.error("profile %s has no advertised query options; --query-options takes ignore or "
                      "reject-501 there" % args.profile)
         args.spec = None
+    for name in ("log_page", "log_max", "log_entries"):
+        value = getattr(args, name)
+        if value is not None and not 0 <= value <= loglib.MAX_ENTRIES:
+            ap.error("--%s must be between 0 and %d" % (name.replace("_", "-"), loglib.MAX_ENTRIES))
     if args.latency is not None and not 0 <= args.latency <= 3600:
         ap.error("--latency must be between 0 and 3600")
     try:
@@ -120,6 +132,13 @@ def main(argv=None):
         else:
             model = treelib.TreeModel(args.profile, args.spec, args.scale)
         model.power_settle = max(0.0, min(args.power_settle, 3600.0))
+        # Captured trees keep the logs they were captured with.
+        log_spec = model.profile.get("event_log")
+        if log_spec is not None and "tree" not in model.profile:
+            features = model.features if model.is_tree else \
+                model.profile["service_root"].get("ProtocolFeaturesSupported", {})
+            loglib.attach(model, log_spec, features, args.log_page, args.log_order, args.log_max or None,
+                          args.log_entries)
     except (OSError, ValueError, KeyError) as e:
         print("bmc-emulator: cannot load profile %s: %s" % (args.profile, e), file=sys.stderr)
         return 1

@@ -226,6 +226,7 @@ class Model(ServiceState):
     is_tree = False
     query_mode = None  # $select and $expand as described in tools/README.md
     latency = 0.0
+    event_log = None
 
     def __init__(self, profile_name, scale=None):
         self.name = profile_name
@@ -522,7 +523,20 @@ class Model(ServiceState):
             body = dict(res.body)
             body["PowerState"] = self.power_state(res.power_index)
             return body
+        if res.kind == "log":
+            return self.event_log.page([], None)
         return res.body
+
+    def add_event_log(self, log):
+        """Serves an event_log.EventLog under its owner."""
+        self.resources[log.owner].body["LogServices"] = {"@odata.id": log.collection_path}
+        for path, (kind, body) in log.resources().items():
+            if kind == "collection":
+                body = dict(body)
+                self._add(path, Resource("collection", body, body.pop("_members")))
+            else:
+                self._add(path, Resource(kind, body))
+        self.event_log = log
 
     def odata_types(self):
         return sorted({r.body["@odata.type"] for r in self.resources.values() if "@odata.type" in r.body})

@@ -14,7 +14,7 @@ from email.utils import formatdate
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from urllib.parse import parse_qsl, unquote, urlsplit
 
-from . import errors, faults as faultlib, model as modellib, query as querylib
+from . import errors, event_log as loglib, faults as faultlib, model as modellib, query as querylib
 from .query import select_properties as _select
 
 CONTROL_PREFIX = "/__emulator"
@@ -390,6 +390,12 @@ class Handler(BaseHTTPRequestHandler):
         status = m.error_status(path)
         if status is not None:  # a captured error answer
             return status, m.render(path), [], None
+        if m.event_log is not None and path == m.event_log.entries_path:
+            try:
+                body = m.event_log.page(querylib.split_query(raw_query), self.app.query_mode)
+            except loglib.LogQueryError as e:
+                return e.status, errors.error_body(self.app.registry, e.key, e.args_), [], None
+            return 200, body, [], None
         if m.is_tree:
             body = m.answer(path, raw_query, self.app.query_mode)
         elif self.app.query_mode is not None:
@@ -539,6 +545,18 @@ class Handler(BaseHTTPRequestHandler):
                 return self.control_reply(404, {"error": "no such system"})
             app.model.set_power(index, request["PowerState"])
             return self.control_reply(200, {"systems": app.model.power_summary()})
+        if sub == "/log":
+            log = app.model.event_log
+            if log is None:
+                return self.control_reply(404, {"error": "this profile has no event log"})
+            if method in ("GET", "HEAD"):
+                return self.control_reply(200, log.state())
+            if method != "POST":
+                return self.control_reply(405, {"error": "use GET or POST"}, [("Allow", "GET, POST")])
+            try:
+                return self.control_reply(200, log.control(request))
+            except loglib.LogError as e:
+                return self.control_reply(400, {"error": str(e)})
         if sub == "/reset-log":
             if method != "POST":
                 return self.control_reply(405, {"error": "use POST"}, [("Allow", "POST")])

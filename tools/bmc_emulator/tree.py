@@ -100,6 +100,7 @@ def _link(body, key):
 
 class TreeModel(ServiceState):
     is_tree = True
+    event_log = None
 
     def __init__(self, name, spec, scale=None):
         self.name = name
@@ -210,7 +211,23 @@ class TreeModel(ServiceState):
             return dict(res.body, Members=sessions, **{"Members@odata.count": len(sessions)})
         if res.power_index is not None:
             return dict(res.body, PowerState=self.power_state(res.power_index))
+        if res.kind == "log":
+            return self.event_log.page([], None)
         return res.body
+
+    def add_event_log(self, log):
+        """Serves an event_log.EventLog under its owner, in place of what the tree holds there."""
+        owner = self.resources[log.owner]
+        owner.body = dict(owner.body, LogServices={"@odata.id": log.collection_path})
+        for path, (kind, body) in log.resources().items():
+            if kind == "collection":
+                members = body["_members"]
+                body = {k: v for k, v in body.items() if k != "_members"}
+                body.update({"Members": [{"@odata.id": m} for m in members], "Members@odata.count": len(members)})
+                kind = "static"
+            self.resources[path] = Resource(kind, body)
+            self.errors.pop(path, None)
+        self.event_log = log
 
     def expandable(self, path):
         """What a link to `path` expands to: None where the BMC answers an error."""
