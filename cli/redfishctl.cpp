@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <fstream>
 #include <functional>
 #include <mutex>
@@ -21,6 +22,7 @@
 #include "doctor.h"
 #include "doctor_probe.h"
 #include "library_log.h"
+#include "log.h"
 #include "sensors_table.h"
 #include "toolkit/bmc_text.h"
 #include "toolkit/failure_text.h"
@@ -50,6 +52,11 @@ const char kUsage[] =
     "                                      push-power-button nmi\n"
     "  mac [--mac MAC]             the BMC's MAC address (or: does the BMC have MAC?)\n"
     "  sensors                     the chassis sensors as a table\n"
+    "  log [--since T] [--severity S] [--follow[=SECONDS]]\n"
+    "                              the BMC's event log, newest last; --since a time\n"
+    "                              (2024-08-01T12:00:00Z) or how long ago (90m, 2h, 7d);\n"
+    "                              --severity ok, warning or critical (that or worse);\n"
+    "                              --follow reads it again every SECONDS (default 10)\n"
     "  doctor [--fix-route]        check the chain to the BMC, link by link, and say what to\n"
     "                              check at the first broken one (sends no power command)\n"
     "\n"
@@ -62,7 +69,8 @@ const char kUsage[] =
     "                       Each request may take what remains of it.\n"
     "  --wait[=SECONDS]     power: after the BMC accepted, read the power state until\n"
     "                       it is what the action implies (default 120 s)\n"
-    "  --json               machine-readable output (sensors: the readings document)\n"
+    "  --json               machine-readable output (sensors: the readings document;\n"
+    "                       log: one JSON object per entry and line)\n"
     "  --fix-route          doctor: let the library rewrite a route document that does\n"
     "                       not name this BMC (otherwise doctor never writes it)\n"
     "  --log FILE           append the library's log to FILE\n"
@@ -92,6 +100,8 @@ struct Options {
   bool verbose = false;
   bool fixRoute = false;
   std::string log;
+  LogOptions logOptions;
+  bool logOnly = false;  // an option only the log command takes was given
 };
 
 int UsageError(const std::string& message) {
@@ -178,18 +188,37 @@ int ParseOptions(int argc, char** argv, Options& o) {
       o.fixRoute = true;
     } else if (a == "--log") {
       if (!value(o.log)) return UsageError("--log needs a value");
+    } else if (a == "--since") {
+      std::string t;
+      double since = 0;
+      if (!value(t) || !ParseSince(t, static_cast<double>(std::time(nullptr)), since))
+        return UsageError("bad --since (want a time such as 2024-08-01T12:00:00Z, or 90m, 2h, 7d)");
+      o.logOptions.since = since;
+      o.logOnly = true;
+    } else if (a == "--severity") {
+      std::string t;
+      if (!value(t) || !ParseSeverity(t, o.logOptions.minSeverity))
+        return UsageError("bad --severity (want ok, warning or critical)");
+      o.logOnly = true;
+    } else if (a == "--follow") {
+      o.logOptions.follow = 10;
+      if (hasInline && !ParseSeconds(inlineValue, o.logOptions.follow))
+        return UsageError("bad --follow '" + inlineValue + "' (want seconds, more than 0)");
+      o.logOnly = true;
     } else if (a.size() > 1 && a[0] == '-') {
       return UsageError("unknown option " + a);
     } else {
       positional.push_back(a);
     }
     if (hasInline && a != "--wait" && a != "--host" && a != "--user" && a != "--password-file" &&
-        a != "--mac" && a != "--timeout" && a != "--log")
+        a != "--mac" && a != "--timeout" && a != "--log" && a != "--since" && a != "--severity" &&
+        a != "--follow")
       return UsageError(a + " takes no value");
   }
   if (positional.empty()) return UsageError("no command");
   o.command = positional[0];
-  static const char* const kCommands[] = {"power-state", "power", "mac", "sensors", "doctor"};
+  static const char* const kCommands[] = {"power-state", "power",  "mac",
+                                          "sensors",     "doctor", "log"};
   bool known = false;
   for (const char* c : kCommands) known = known || o.command == c;
   if (!known) return UsageError("unknown command " + o.command);
@@ -205,6 +234,8 @@ int ParseOptions(int argc, char** argv, Options& o) {
   }
   if (o.wait && !isPower) return UsageError("--wait goes with power");
   if (o.fixRoute && o.command != "doctor") return UsageError("--fix-route goes with doctor");
+  if (o.logOnly && o.command != "log")
+    return UsageError("--since, --severity and --follow go with log");
   if (!o.havePassword) return UsageError("no password: set $BMC_PASSWORD or use --password-file");
   return -1;
 }
@@ -404,6 +435,34 @@ int DoctorCommand(Session& s) {
   return RunDoctor(options, probe, starting, stdout);
 }
 
+// Each read of the log has --timeout of its own: a following run goes on for
+// as long as it is left to.
+int LogCommand(const Options& o, LibraryLog& log) {
+  LogOptions options = o.logOptions;
+  options.json = o.json;
+  const auto read = [&](const std::string& cursor, std::string& document) {
+    char* json = nullptr;
+    const int rc = Redfish_GetLogEntries(o.user.c_str(), o.password.c_str(),
+                                         o.host.empty() ? nullptr : o.host.c_str(),
+                                         static_cast<unsigned int>(o.timeout * 1000),
+                                         cursor.empty() ? nullptr : cursor.c_str(), &json);
+    if (rc == 0) document = json;
+    Redfish_FreeText(json);
+    log.Drain();
+    return rc;
+  };
+  const auto fail = [&](int rc) {
+    DeadlineReport report(o.timeout, o.json, log.Err());
+    Session session(o, log, report);
+    return session.Fail(rc);
+  };
+  const auto note = [&](const std::string& text) {
+    std::fprintf(log.Err(), "redfishctl: %s\n", text.c_str());
+    std::fflush(log.Err());
+  };
+  return RunLog(options, read, fail, note, stdout);
+}
+
 // Reads the power state until it is the wanted one or the deadline passes.
 int WaitForState(Session& s, bool wantOn) {
   const bool tty = isatty(STDOUT_FILENO) && !s.Opt().json;
@@ -530,6 +589,7 @@ int main(int argc, char** argv) {
     std::fprintf(log.Err(), "redfishctl: cannot write the log to %s\n", o.log.c_str());
     return 2;
   }
+  if (o.command == "log") return LogCommand(o, log);
   DeadlineReport report(o.timeout + (o.wait ? o.waitSeconds : 0), o.json, log.Err());
   Session session(o, log, report);
   Watchdog watchdog(session.Deadline(), report);
