@@ -3,8 +3,11 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <fstream>
+#include <sstream>
 
 #include "bmcredfish.h"
+#include "textfile.h"
 #include "toolkit/bmc_text.h"
 #include "toolkit/failure_text.h"
 #include "toolkit/result_text.h"
@@ -38,6 +41,52 @@ int Guarded(Call call) {
 
 }  // namespace
 
+void BmcReader::KeepLogIn(std::string stateFile) {
+  logFile_ = std::move(stateFile);
+  std::ifstream in(logFile_);
+  std::stringstream text;
+  text << in.rdbuf();
+  if (in && !log_.Load(text.str())) {
+    std::fprintf(stderr, "bmcredfish-exporter: %s holds no event log tally; starting afresh\n",
+                 logFile_.c_str());
+  }
+}
+
+void BmcReader::ReadLog(ReadResult& read, std::string& why) {
+  const char* user = credentials_.user.c_str();
+  const char* password = credentials_.password.c_str();
+  char* json = nullptr;
+  auto call = [&] {
+    const std::string& cursor = log_.Cursor();
+    return Guarded([&] {
+      return Redfish_GetLogEntries(user, password, nullptr, timeoutMs_,
+                                   cursor.empty() ? nullptr : cursor.c_str(), &json);
+    });
+  };
+  int result = call();
+  if (result == REDFISH_ERR_INVALID_ARGUMENT && !log_.Cursor().empty()) {
+    // A cursor of another library version, or a damaged state: read whole.
+    std::fprintf(stderr,
+                 "bmcredfish-exporter: the event log cursor was refused; reading the "
+                 "log from its start\n");
+    log_.Forget();
+    result = call();
+  }
+  const double now = WallSeconds();
+  if (result != 0 || json == nullptr || !log_.Apply(json, now)) {
+    if (result == 0) result = REDFISH_ERR_UNEXPECTED_JSON;
+    log_.Failed();
+    Outcome("log_entries", result, why);
+  }
+  Redfish_FreeText(json);
+  read.log = log_.Series(now);
+  read.logState = log_.Save();
+  std::string error;
+  if (!logFile_.empty() && !WriteAtomically(logFile_, read.logState + "\n", error)) {
+    std::fprintf(stderr, "bmcredfish-exporter: %s\n", error.c_str());
+  }
+}
+
 ReadResult BmcReader::operator()() {
   const auto start = std::chrono::steady_clock::now();
   const char* user = credentials_.user.c_str();
@@ -55,6 +104,7 @@ ReadResult BmcReader::operator()() {
   read.sensors = Outcome("sensor_readings", sensors, why);
   if (sensors == 0 && json != nullptr) read.readings = json;
   Redfish_FreeText(json);
+  ReadLog(read, why);
   read.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 
   if (why != lastFailure_) {

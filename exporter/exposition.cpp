@@ -7,6 +7,7 @@
 #include <set>
 
 #include "bmcredfish.h"
+#include "log_metrics.h"
 #include "toolkit/bmc_text.h"
 
 namespace {
@@ -241,5 +242,6 @@ std::string Render(const Snapshot& s, const RenderContext& context) {
           *s.powerOn ? 1 : 0);
   }
   if (s.readings) RenderSensors(out, s.readings->sensors);
+  if (s.haveRead) out += RenderLogSeries(s.log);
   return out;
 }

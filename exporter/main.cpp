@@ -34,6 +34,8 @@ struct Options {
   std::string libraryLog;
   std::string textfile;
   std::string stateFile;
+  std::string logWindow;
+  std::string stateDirectory;
 };
 
 constexpr char kUsage[] =
@@ -53,6 +55,9 @@ constexpr char kUsage[] =
     "  --textfile=FILE            read once, write FILE for node_exporter's textfile collector\n"
     "                             and exit (0; 3 when the BMC read failed)\n"
     "  --state-file=FILE          with --textfile: the last good values, kept between runs\n"
+    "  --log-window=DURATION      count event log entries this recent (default 24h; 90m, 7d)\n"
+    "  --state-directory=DIR      where the daemon keeps the event log's tally between runs\n"
+    "                             (default $STATE_DIRECTORY; none: a restart reads it whole)\n"
     "  --version                  print the version and exit\n"
     "  --help                     print this help and exit\n";
 
@@ -91,6 +96,8 @@ int Parse(int argc, char** argv, Options& o, bool& done) {
       {{"library-log", required_argument, nullptr, 0}, &o.libraryLog, nullptr, false},
       {{"textfile", required_argument, nullptr, 0}, &o.textfile, nullptr, false},
       {{"state-file", required_argument, nullptr, 0}, &o.stateFile, nullptr, false},
+      {{"log-window", required_argument, nullptr, 0}, &o.logWindow, nullptr, false},
+      {{"state-directory", required_argument, nullptr, 0}, &o.stateDirectory, nullptr, false},
       {{"version", no_argument, nullptr, 0}, nullptr, nullptr, false},
       {{"help", no_argument, nullptr, 0}, nullptr, nullptr, false},
   };
@@ -126,6 +133,10 @@ int Parse(int argc, char** argv, Options& o, bool& done) {
   }
   if (optind < argc) return Usage(std::string("unexpected argument: ") + argv[optind]);
   if (!o.stateFile.empty() && o.textfile.empty()) return Usage("--state-file needs --textfile");
+  double window = 0;
+  if (!o.logWindow.empty() && !ParseLogWindow(o.logWindow, window)) {
+    return Usage("bad --log-window '" + o.logWindow + "' (a minute to a year: 90m, 24h, 7d)");
+  }
   if (o.libraryLog.empty()) {
     const char* fromEnvironment = std::getenv("BMCREDFISH_LOG");
     o.libraryLog = fromEnvironment != nullptr ? fromEnvironment : "none";
@@ -139,7 +150,9 @@ int Parse(int argc, char** argv, Options& o, bool& done) {
 
 int RunTextfile(const Options& o, BmcReader& reader) {
   Snapshot snapshot;
-  if (!o.stateFile.empty()) LoadState(o.stateFile, snapshot);
+  if (!o.stateFile.empty() && LoadState(o.stateFile, snapshot) && !snapshot.logState.empty()) {
+    reader.RestoreLog(snapshot.logState);
+  }
   const ReadResult read = reader();
   const double now = WallSeconds();
   ApplyRead(snapshot, read, now);
@@ -218,6 +231,15 @@ int main(int argc, char** argv) {
   FeatureState_Init();
   if (uint8_t* redfish = GetFeatureState_Slow("REDFISH")) *redfish = 1;
 
-  BmcReader reader(std::move(credentials), static_cast<unsigned>(o.bmcTimeout * 1000));
+  double window = kDefaultLogWindow;
+  if (!o.logWindow.empty()) ParseLogWindow(o.logWindow, window);
+  BmcReader reader(std::move(credentials), static_cast<unsigned>(o.bmcTimeout * 1000), window);
+  if (o.textfile.empty()) {
+    // systemd's StateDirectory= names it; it may list several, the first is ours.
+    const char* fromUnit = std::getenv("STATE_DIRECTORY");
+    std::string folder = !o.stateDirectory.empty() ? o.stateDirectory : fromUnit ? fromUnit : "";
+    folder = folder.substr(0, folder.find(':'));
+    if (!folder.empty()) reader.KeepLogIn(folder + "/log-state.json");
+  }
   return o.textfile.empty() ? RunServer(o, std::move(reader)) : RunTextfile(o, reader);
 }

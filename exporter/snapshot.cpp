@@ -16,6 +16,8 @@ void ApplyRead(Snapshot& snapshot, const ReadResult& read, double now) {
   snapshot.power = read.power;
   snapshot.sensors = read.sensors;
   snapshot.readSeconds = read.seconds;
+  snapshot.log = read.log;
+  snapshot.logState = read.logState;
   if (read.power.result == 0) snapshot.powerOn = read.powerOn;
   if (read.sensors.result == 0) {
     if (auto readings = MakeReadings(read.readings)) {

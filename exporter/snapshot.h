@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "log_metrics.h"
 #include "toolkit/readings.h"
 
 // The result and failing link (RedfishLink) of one library call.
@@ -25,6 +26,8 @@ struct ReadResult {
   CallOutcome sensors;
   bool powerOn = false;
   std::string readings;  // the library's readings document, when sensors.result is 0
+  LogSeries log;         // the event log's series after this read
+  std::string logState;  // the tally behind them, to keep (LogTally::Save)
   double seconds = 0;    // how long the read took
   bool Ok() const { return power.result == 0 && sensors.result == 0; }
 };
@@ -47,6 +50,8 @@ struct Snapshot {
   uint64_t reads = 0;
   uint64_t failures = 0;
   bool stale = false;  // this answer's values are not from a current, good read
+  LogSeries log;
+  std::string logState;
 
   bool LastReadOk() const { return haveRead && power.result == 0 && sensors.result == 0; }
 };

@@ -59,6 +59,13 @@ bool LoadState(const std::string& path, Snapshot& snapshot) {
         MakeReadings(std::string(readings->value.GetString(), readings->value.GetStringLength()));
   }
   if (power != doc.MemberEnd() && power->value.IsBool()) snapshot.powerOn = power->value.GetBool();
+  auto log = doc.FindMember("log");
+  if (log != doc.MemberEnd() && log->value.IsObject()) {
+    rapidjson::StringBuffer kept;
+    rapidjson::Writer<rapidjson::StringBuffer> w(kept);
+    log->value.Accept(w);
+    snapshot.logState.assign(kept.GetString(), kept.GetSize());
+  }
   snapshot.readingsTime = number("readingsTime");
   snapshot.lastSuccess = number("lastSuccess");
   snapshot.reads = static_cast<uint64_t>(number("reads"));
@@ -87,6 +94,10 @@ bool SaveState(const std::string& path, const Snapshot& snapshot, std::string& e
   w.Uint64(snapshot.reads);
   w.Key("failures");
   w.Uint64(snapshot.failures);
+  if (!snapshot.logState.empty()) {
+    w.Key("log");
+    w.RawValue(snapshot.logState.c_str(), snapshot.logState.size(), rapidjson::kObjectType);
+  }
   w.EndObject();
   return WriteAtomically(path, std::string(buffer.GetString(), buffer.GetSize()) + "\n", error);
 }

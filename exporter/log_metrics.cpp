@@ -1,0 +1,212 @@
+#include "log_metrics.h"
+
+#include <rapidjson/document.h>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+#include "exposition.h"
+#include "toolkit/log_document.h"
+
+namespace {
+
+constexpr int kBucketsPerWindow = 1440;
+constexpr const char* kSeverities[] = {"OK", "Warning", "Critical"};
+
+void Metric(std::string& out, const char* name, const char* help, const char* type) {
+  out.append("# HELP ").append(name).append(" ").append(help).append("\n");
+  out.append("# TYPE ").append(name).append(" ").append(type).append("\n");
+}
+
+void Sample(std::string& out, const char* name, const char* severity, double value) {
+  out.append(name);
+  if (severity != nullptr) out.append("{severity=\"").append(severity).append("\"}");
+  out.append(" ").append(SampleValue(value)).append("\n");
+}
+
+}  // namespace
+
+LogTally::LogTally(double window)
+    : window_(window), width_(std::max(1.0, std::floor(window / kBucketsPerWindow))) {}
+
+int64_t LogTally::Bucket(double time) const {
+  return static_cast<int64_t>(std::floor(time / width_));
+}
+
+void LogTally::Prune(double now) {
+  const int64_t oldest = Bucket(now - window_);
+  for (auto& b : buckets_) b.erase(b.begin(), b.lower_bound(oldest));
+}
+
+void LogTally::Forget() {
+  for (auto& b : buckets_) b.clear();
+  cursor_.clear();
+}
+
+bool LogTally::Apply(const std::string& document, double now) {
+  toolkit::LogDocument d;
+  if (!toolkit::ParseLogDocument(document, d)) return false;
+  present_ = d.haveLog;
+  fill_.reset();
+  if (d.count && d.maxRecords && *d.maxRecords > 0) fill_ = *d.count / *d.maxRecords;
+  const double from = now - window_;
+  for (const toolkit::LogEntry& e : d.entries) {
+    if (e.resolves && e.resolvesTime && *e.resolvesTime >= from) {
+      // The entry it ends was counted by an earlier read: no longer.
+      auto& b = buckets_[e.resolvesSeverity];
+      auto it = b.find(Bucket(std::min(*e.resolvesTime, now)));
+      if (it != b.end() && --it->second == 0) b.erase(it);
+    }
+    if (!e.Counts()) continue;
+    const double t = e.time ? std::min(*e.time, now) : now;
+    newest_[e.severity] = std::max(newest_[e.severity], t);
+    if (t >= from) ++buckets_[e.severity][Bucket(t)];
+  }
+  cursor_ = d.cursor;
+  Prune(now);
+  return true;
+}
+
+LogSeries LogTally::Series(double now) const {
+  LogSeries s;
+  s.present = present_;
+  s.fill = fill_;
+  s.failures = failures_;
+  const int64_t oldest = Bucket(now - window_);
+  for (int i = 0; i < 3; ++i) {
+    s.newest[i] = newest_[i];
+    for (auto it = buckets_[i].lower_bound(oldest); it != buckets_[i].end(); ++it) {
+      s.entries[i] += it->second;
+    }
+  }
+  return s;
+}
+
+std::string LogTally::Save() const {
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> w(buffer);
+  w.StartObject();
+  w.Key("cursor");
+  w.String(cursor_.c_str(), static_cast<rapidjson::SizeType>(cursor_.size()));
+  w.Key("width");
+  w.Double(width_);
+  w.Key("present");
+  w.Bool(present_);
+  w.Key("failures");
+  w.Uint64(failures_);
+  w.Key("fill");
+  if (fill_) {
+    w.Double(*fill_);
+  } else {
+    w.Null();
+  }
+  w.Key("severities");
+  w.StartArray();
+  for (int i = 0; i < 3; ++i) {
+    w.StartObject();
+    w.Key("newest");
+    w.Double(newest_[i]);
+    w.Key("buckets");
+    w.StartArray();
+    for (const auto& [bucket, count] : buckets_[i]) {
+      w.StartArray();
+      w.Int64(bucket);
+      w.Uint(count);
+      w.EndArray();
+    }
+    w.EndArray();
+    w.EndObject();
+  }
+  w.EndArray();
+  w.EndObject();
+  return std::string(buffer.GetString(), buffer.GetSize());
+}
+
+bool LogTally::Load(std::string_view json) {
+  rapidjson::Document d;
+  d.Parse<rapidjson::kParseIterativeFlag>(json.data(), json.size());
+  if (d.HasParseError() || !d.IsObject()) return false;
+  auto cursor = d.FindMember("cursor");
+  auto width = d.FindMember("width");
+  auto severities = d.FindMember("severities");
+  if (cursor == d.MemberEnd() || !cursor->value.IsString() || width == d.MemberEnd() ||
+      !width->value.IsNumber() || width->value.GetDouble() < 1 || severities == d.MemberEnd() ||
+      !severities->value.IsArray() || severities->value.Size() != 3) {
+    return false;
+  }
+  LogTally loaded(window_);
+  const double savedWidth = width->value.GetDouble();
+  for (int i = 0; i < 3; ++i) {
+    const rapidjson::Value& s = severities->value[i];
+    auto newest = s.FindMember("newest");
+    auto buckets = s.FindMember("buckets");
+    if (!s.IsObject() || newest == s.MemberEnd() || !newest->value.IsNumber() ||
+        buckets == s.MemberEnd() || !buckets->value.IsArray()) {
+      return false;
+    }
+    loaded.newest_[i] = newest->value.GetDouble();
+    for (const auto& b : buckets->value.GetArray()) {
+      if (!b.IsArray() || b.Size() != 2 || !b[0].IsInt64() || !b[1].IsUint()) return false;
+      // A window changed since: the counts keep their times.
+      const double start = static_cast<double>(b[0].GetInt64()) * savedWidth;
+      loaded.buckets_[i][loaded.Bucket(start)] += b[1].GetUint();
+    }
+  }
+  auto present = d.FindMember("present");
+  auto failures = d.FindMember("failures");
+  auto fill = d.FindMember("fill");
+  loaded.present_ = present != d.MemberEnd() && present->value.IsBool() && present->value.GetBool();
+  if (failures != d.MemberEnd() && failures->value.IsUint64()) {
+    loaded.failures_ = failures->value.GetUint64();
+  }
+  if (fill != d.MemberEnd() && fill->value.IsNumber()) loaded.fill_ = fill->value.GetDouble();
+  loaded.cursor_.assign(cursor->value.GetString(), cursor->value.GetStringLength());
+  *this = std::move(loaded);
+  return true;
+}
+
+std::string RenderLogSeries(const LogSeries& s) {
+  std::string out;
+  Metric(out, "bmcredfish_log_read_failures_total", "Event log reads that failed.", "counter");
+  Sample(out, "bmcredfish_log_read_failures_total", nullptr, static_cast<double>(s.failures));
+  if (!s.present) return out;
+  Metric(out, "bmcredfish_log_entries",
+         "Event log entries within the window (--log-window) by severity; resolved entries, "
+         "deassertions and log-cleared marks are not counted.",
+         "gauge");
+  for (int i = 0; i < 3; ++i) Sample(out, "bmcredfish_log_entries", kSeverities[i], s.entries[i]);
+  Metric(out, "bmcredfish_log_newest_entry_timestamp_seconds",
+         "Unix time of the newest counted event log entry of each severity (0: none seen).",
+         "gauge");
+  for (int i = 0; i < 3; ++i) {
+    Sample(out, "bmcredfish_log_newest_entry_timestamp_seconds", kSeverities[i], s.newest[i]);
+  }
+  if (s.fill) {
+    Metric(out, "bmcredfish_log_fill_ratio",
+           "Entries the event log holds over the most it can hold, as the BMC says them.", "gauge");
+    Sample(out, "bmcredfish_log_fill_ratio", nullptr, *s.fill);
+  }
+  return out;
+}
+
+bool ParseLogWindow(const std::string& text, double& seconds) {
+  char* end = nullptr;
+  double value = std::strtod(text.c_str(), &end);
+  if (end == text.c_str() || !std::isfinite(value) || value <= 0) return false;
+  if (*end != '\0') {
+    static const struct {
+      char unit;
+      double seconds;
+    } kUnits[] = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
+    const auto unit = std::find_if(std::begin(kUnits), std::end(kUnits),
+                                   [&](const auto& u) { return u.unit == *end; });
+    if (unit == std::end(kUnits) || end[1] != '\0') return false;
+    value *= unit->seconds;
+  }
+  if (value < 60 || value > 366 * 86400) return false;
+  seconds = value;
+  return true;
+}
