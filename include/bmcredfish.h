@@ -302,11 +302,42 @@ BMCREDFISH_API int Redfish_GetHealth(const char* user, const char* password, con
                                      const char* readings, char** json);
 
 /*
- * The entries of the BMC's event log (its SEL, event log or integrated
- * management log, found through the LogServices of its systems and
- * managers) newer than cursor, normalised, oldest first, with the cursor to
- * pass next time. cursor: the "Cursor" of an earlier document, or null for
- * every entry (see bmcredfish(3)).
+ * The entries of the BMC's event log newer than cursor, normalised, oldest
+ * first, with the cursor to pass next time. The log is the one of the
+ * LogServices of the BMC's systems and managers that holds the platform's
+ * events (its SEL, event log or integrated management log), chosen by its
+ * LogEntryType, LogPurposes, OverWritePolicy, Id and Name; a BMC without one
+ * gives "Log":null and no entries (asked again after an hour).
+ *   {"Log":{"@odata.id":"/redfish/v1/Managers/1/LogServices/Sel","Id":"Sel",
+ *           "Name":"SEL Log Service","LogEntryType":"SEL",
+ *           "OverWritePolicy":"WrapsWhenFull","MaxNumberOfRecords":1024,
+ *           "Count":200,"Order":"NewestFirst"},
+ *    "Entries":[{"Id":"199","Created":"2024-08-08T18:48:07-05:00",
+ *                "Time":1723160887,"Severity":"Critical",
+ *                "Message":"...","MessageId":"TMP0120",
+ *                "OriginOfCondition":"","SensorNumber":48,"EntryCode":"Assert",
+ *                "Kind":"Event","Resolved":true}],
+ *    "Restarted":false,"More":false,"Missed":0,"Cursor":"..."}
+ * "Time" is Created in seconds since the epoch, null when it is not an RFC
+ * 3339 time. "Severity" is OK, Warning or Critical (anything else reads OK).
+ * "Kind" is "Event", "Deassertion" (it ends a condition an earlier entry of
+ * the same sensor or part and message asserted) or "LogCleared" (the BMC's
+ * mark that its log was emptied). "Resolved" is true when the BMC says so or
+ * a later deassertion in the document ends it; a deassertion that ends an
+ * entry an earlier call returned carries "Resolves":{"Id","Created","Time",
+ * "Severity"} of that entry. Texts are "" when absent, numbers null; the
+ * message is cut at 1024 bytes, the other texts at 256.
+ * cursor: the "Cursor" text of an earlier document (opaque; keep it as a
+ * state), or null for every entry. It holds where the log is and how it is
+ * listed, so a call with it that finds nothing new sends one request. A log
+ * that was cleared, or wrapped past the last entry returned, is read again
+ * from its start, its entries returned once, and "Restarted" is true.
+ * Each call looks at most at 4096 entries and 128 pages: "More" says a bound
+ * stopped it and the next call goes on from there (a log listed oldest
+ * first); of a log listed newest first the newest are returned and "Missed"
+ * says how many older new ones were not (null: some, how many not known).
+ * Returns 0, 10002 for a cursor this library did not write (nothing sent),
+ * or another result code.
  */
 BMCREDFISH_API int Redfish_GetLogEntries(const char* user, const char* password, const char* host,
                                          unsigned int timeoutMs, const char* cursor, char** json);

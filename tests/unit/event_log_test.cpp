@@ -346,15 +346,16 @@ TEST_F(LogApi, HostileLogsCostBoundedWorkLoseNothingAndSayWhy) {
   cleanup();
   cursor.clear();
   log.Clear();
+  fixed["/bmc/redfish/v1/x/8"] = R"({"Id":"8","Created":"2024-08-03T00:00:00Z"})";
   hostile = [](const std::string& query) -> std::string {
     const std::string self = std::string(kEntries) + (query.empty() ? "?$skip=0" : query);
     return R"({"Members":[{"Id":"7","Created":"2024-08-02T00:00:00Z","Severity":"Critical"},)"
-           R"({"Id":"5","Created":"soon","Severity":"bad"},42,)"
+           R"({"Id":"5","Created":"soon","Severity":"bad"},42,{"@odata.id":"/redfish/v1/x/8"},)"
            R"({"Id":"6","Created":"2024-08-01T00:00:00Z"}],"Members@odata.nextLink":")" +
            self + "\"}";
   };
   ASSERT_EQ(Read(doc, requests), 0);
-  EXPECT_EQ(Ids(doc), (std::vector<int>{7, 5, 6}));
+  EXPECT_EQ(Ids(doc), (std::vector<int>{7, 5, 6, 8})) << "an entry listed as a link is fetched";
   EXPECT_TRUE(doc["Entries"][1]["Time"].IsNull());
   EXPECT_STREQ(doc["Entries"][1]["Severity"].GetString(), "OK");
   EXPECT_TRUE(log.HasPrefix(3, "Event log: the read was given entry 7 twice"));
