@@ -1,5 +1,13 @@
 #include "connection/bmc_redfish_connection.h"
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <future>
+#include <thread>
+
 #include <gtest/gtest.h>
 
 #include "tests/fakes/fake_sysinfo.h"
@@ -32,6 +40,16 @@ struct Connection : testing::Test {
 fake_http::Reply WithHeader(fake_http::Reply r, const char* name, const char* value) {
   r.headers.push_back({name, value});
   return r;
+}
+
+// Returns once the thread sleeps in the kernel on a futex: waiting for a lock.
+void WaitUntilBlocked(const std::atomic<pid_t>& tid) {
+  for (std::string where; where.rfind("futex", 0) != 0;) {
+    std::this_thread::yield();
+    if (tid == 0) continue;
+    std::ifstream wchan("/proc/self/task/" + std::to_string(tid.load()) + "/wchan");
+    wchan >> where;
+  }
 }
 
 }  // namespace
@@ -162,4 +180,58 @@ TEST_F(Connection, PostAndDeleteReadOnceAndMapStatuses) {
   EXPECT_EQ(body, "no");
   EXPECT_EQ(fake_http::Requests().back().method, Http::Delete);
   EXPECT_EQ(c->MakeHttpRequestDelete("/bmc/nocontent", body, 0ms), 204);
+}
+
+// Requests wait for their turn in the order they came, whatever the method,
+// and a thread that asks again as soon as it is served goes to the back: it
+// does not pass the threads that were already waiting.
+TEST_F(Connection, RequestsAreServedInTheOrderTheyCame) {
+  std::promise<void> held;
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  fake_http::SetHandler([&](const fake_http::Request& r) {
+    if (r.target == "/bmc/first") {
+      held.set_value();
+      released.wait();
+    }
+    return fake_http::Json(200, "{}");
+  });
+  auto c = Make();
+  std::thread first([&] {
+    std::string body;
+    EXPECT_EQ(c->MakeHttpRequestGet("/bmc/first", body, 0ms), 0);
+    EXPECT_EQ(c->MakeHttpRequestGet("/bmc/again", body, 0ms), 0);
+  });
+  held.get_future().wait();
+
+  // Waiting threads: GET, POST, DELETE, GET, ...
+  auto send = [&](size_t i) {
+    const std::string target = "/bmc/" + std::to_string(i);
+    std::string body;
+    switch (i % 3) {
+      case 0:
+        return c->MakeHttpRequestGet(target, body, 0ms);
+      case 1:
+        return c->MakeHttpRequestPost(target, "{}", body, false, 0ms);
+      default:
+        return c->MakeHttpRequestDelete(target, body, 0ms);
+    }
+  };
+  constexpr size_t kWaiting = 6;
+  std::atomic<pid_t> tids[kWaiting] = {};
+  std::vector<std::thread> waiting;
+  std::vector<std::string> expected = {"/bmc/first"};
+  for (size_t i = 0; i < kWaiting; ++i) {
+    expected.push_back("/bmc/" + std::to_string(i));
+    waiting.emplace_back([&, i] {
+      tids[i] = static_cast<pid_t>(syscall(SYS_gettid));
+      EXPECT_EQ(send(i), 0);
+    });
+    WaitUntilBlocked(tids[i]);
+  }
+  expected.push_back("/bmc/again");
+  release.set_value();
+  first.join();
+  for (auto& thread : waiting) thread.join();
+  EXPECT_EQ(ScriptedBmc::Targets(), expected);
 }
