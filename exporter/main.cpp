@@ -118,7 +118,7 @@ int Parse(int argc, char** argv, Options& o, bool& done) {
         std::fputs(kUsage, stdout);
       } else {
         std::printf("bmcredfish-exporter %s (libbmcredfish %s)\n", BMCREDFISH_VERSION_STRING,
-                    BMCREDFISH_VERSION_STRING);
+                    Redfish_GetVersion());
       }
       done = true;
       return 0;
@@ -144,7 +144,8 @@ int RunTextfile(const Options& o, BmcReader& reader) {
   const double now = WallSeconds();
   ApplyRead(snapshot, read, now);
   std::string error;
-  if (!WriteAtomically(o.textfile, Render(snapshot, {now, read.seconds}), error) ||
+  if (!WriteAtomically(o.textfile, Render(snapshot, {now, read.seconds, Redfish_GetVersion()}),
+                       error) ||
       (!o.stateFile.empty() && !SaveState(o.stateFile, snapshot, error))) {
     std::fprintf(stderr, "bmcredfish-exporter: %s\n", error.c_str());
     return 1;
@@ -176,7 +177,7 @@ int RunServer(const Options& o, BmcReader reader) {
     const double wait = std::max(limit - o.timeoutOffset, limit / 2);
     const Snapshot snapshot = collector.Scrape(start + seconds(wait));
     const double took = std::chrono::duration<double>(Clock::now() - start).count();
-    return Render(snapshot, {WallSeconds(), took});
+    return Render(snapshot, {WallSeconds(), took, Redfish_GetVersion()});
   });
   std::string error;
   if (!server.Start(o.listen, error)) {

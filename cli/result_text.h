@@ -1,4 +1,0 @@
-#pragma once
-
-// A one-line meaning of a library result code (HTTP statuses included).
-const char* ResultText(int code);
