@@ -5,15 +5,31 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdint>
+#include <ctime>
+
+#include "platform/tessel/logging.h"
 
 namespace redfish {
 
 namespace {
 
-long Futex(std::atomic<int>* word, int op, int value) {
+long Futex(std::atomic<int>* word, int op, int value, const timespec* until = nullptr) {
   static_assert(sizeof(std::atomic<int>) == sizeof(int), "a futex is a plain int");
-  return syscall(SYS_futex, reinterpret_cast<int*>(word), op | FUTEX_PRIVATE_FLAG, value, nullptr,
-                 nullptr, 0);
+  return syscall(SYS_futex, reinterpret_cast<int*>(word), op | FUTEX_PRIVATE_FLAG, value, until,
+                 nullptr, FUTEX_BITSET_MATCH_ANY);
+}
+
+// Sleeps until *word is not 0, a wake-up, or the monotonic time untilUs.
+void WaitWhileZero(std::atomic<int>* word, int64_t untilUs) {
+  if (untilUs == INT64_MAX) {
+    Futex(word, FUTEX_WAIT, 0);
+    return;
+  }
+  timespec until{};
+  until.tv_sec = static_cast<time_t>(untilUs / 1000000);
+  until.tv_nsec = static_cast<long>(untilUs % 1000000) * 1000;
+  Futex(word, FUTEX_WAIT_BITSET, 0, &until);
 }
 
 }  // namespace
@@ -39,8 +55,14 @@ void FifoMutex::lock() {
     }
     tail_ = &self;
   }
-  // A signal or a spurious return goes round again.
-  while (self.granted.load(std::memory_order_acquire) == 0) Futex(&self.granted, FUTEX_WAIT, 0);
+  // Asleep in the library, so it keeps the log's deadline as the HTTP
+  // client's sleepers do: other calls' traces then wait to leave together
+  // instead of one write a call. A signal, a spurious return or the log's
+  // deadline goes round again.
+  while (self.granted.load(std::memory_order_acquire) == 0) {
+    const Tessel::Service::LogSleep logSleep;
+    WaitWhileZero(&self.granted, logSleep.Until(INT64_MAX));
+  }
 }
 
 void FifoMutex::unlock() {

@@ -9,7 +9,9 @@
 // so a call waits only for the calls queued before it.
 //
 // Not recursive; lock() and unlock() make it usable with std::lock_guard.
-// A waiter sleeps on a futex word of its own: a release wakes one thread.
+// A waiter sleeps on a futex word of its own (a release wakes one thread) and,
+// being a thread asleep in the library, keeps the log's deadline meanwhile
+// (Tessel::Service::LogSleep).
 
 #include <mutex>
 

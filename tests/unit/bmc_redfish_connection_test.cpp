@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <future>
 #include <thread>
 
@@ -20,6 +19,7 @@ using redfish::BmcHttpConnection;
 using redfish::BmcRedfishConnection;
 using test_support::LogCapture;
 using test_support::ScriptedBmc;
+using test_support::WaitUntilBlocked;
 using namespace std::chrono_literals;
 namespace Http = Tessel::Http;
 
@@ -42,16 +42,6 @@ struct Connection : testing::Test {
 fake_http::Reply WithHeader(fake_http::Reply r, const char* name, const char* value) {
   r.headers.push_back({name, value});
   return r;
-}
-
-// Returns once the thread sleeps in the kernel on a futex: waiting for a lock.
-void WaitUntilBlocked(const std::atomic<pid_t>& tid) {
-  for (std::string where; where.rfind("futex", 0) != 0;) {
-    std::this_thread::yield();
-    if (tid == 0) continue;
-    std::ifstream wchan("/proc/self/task/" + std::to_string(tid.load()) + "/wchan");
-    wchan >> where;
-  }
 }
 
 }  // namespace
