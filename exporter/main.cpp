@@ -23,6 +23,9 @@ namespace {
 
 // Written, but the BMC read failed: the unit counts it as success, a script can tell.
 constexpr int kExitReadFailed = 3;
+// Unusable credentials: systemd shows it as NOTCONFIGURED, and the unit does
+// not restart for it, as no retry mends the file.
+constexpr int kExitNotConfigured = 6;
 
 struct Options {
   std::string listen = ":9742";
@@ -205,7 +208,7 @@ int main(int argc, char** argv) {
   const std::string path = o.credentialsFile.empty() ? DefaultCredentialsPath() : o.credentialsFile;
   if (!LoadCredentials(path, credentials, error)) {
     std::fprintf(stderr, "bmcredfish-exporter: credentials: %s\n", error.c_str());
-    return 2;
+    return kExitNotConfigured;
   }
   FeatureState_Init();
   if (uint8_t* redfish = GetFeatureState_Slow("REDFISH")) *redfish = 1;
