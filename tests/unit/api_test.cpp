@@ -13,44 +13,27 @@ using test_support::ScriptedBmc;
 using Api = test_support::ApiTest;
 constexpr auto& kMac = Api::kMac;
 
-TEST_F(Api, SwitchOffRefusesEverythingEvenAfterInitialisation) {
-  EXPECT_EQ(Redfish_Initialize(), 0);
-  *GetFeatureState_Slow("REDFISH") = 0;
-  bool on = false;
-  unsigned int length = 0;
-  EXPECT_EQ(Redfish_Initialize(), 1);
-  EXPECT_EQ(Redfish_GetPowerState("u", "p", nullptr, 100, &on), 1);
-  EXPECT_EQ(Redfish_GetSensorsInfo("u", "p", nullptr, 100, nullptr, &length), 1);
-  EXPECT_EQ(Redfish_GetMacAddress("u", "p", nullptr, nullptr, 100, nullptr, &length), 1);
-  EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, kMac, REDFISHCMD_ON, 100), 1);
-  EXPECT_TRUE(fake_http::Requests().empty());
-}
-
 TEST_F(Api, HostKeysShareOrSeparateConnections) {
   bool on = false;
   EXPECT_EQ(Redfish_GetPowerState("admin", "secret", nullptr, 100, &on), 0);
   EXPECT_TRUE(on);
-  EXPECT_TRUE(log.Has(5, "Creating new Redfish Connection for 'localhost'"));
   EXPECT_EQ(Redfish_GetPowerState("other", "creds", "localhost", 100, &on), 0);
-  EXPECT_TRUE(log.Has(5, "Using EXISTING Redfish Connection for 'localhost'"));
   auto requests = fake_http::Requests();
   EXPECT_EQ(requests.back().Header("Authorization"), "Basic YWRtaW46c2VjcmV0")
       << "first credentials kept";
 
   Redfish_CloseConnection("unknown");
   Redfish_CloseConnection(nullptr);
-  log.Clear();
+  bmc.Install();  // forgets the requests so far
   EXPECT_EQ(Redfish_GetPowerState("admin", "secret", "localhost", 100, &on), 0);
-  EXPECT_TRUE(log.Has(5, "Creating new Redfish Connection for 'localhost'"));
+  EXPECT_EQ(fake_http::Requests().front().target, "/bmc/redfish/v1/Systems") << "discovered anew";
 }
 
 TEST_F(Api, FailedCreationIsLoggedAndRetriedButCredentialFailureThrows) {
   fake_sysinfo::Current().record[4] = 0;  // no IPv4 address in the SMBIOS record
   bool on = false;
   EXPECT_EQ(Redfish_GetPowerState("u", "p", "", 100, &on), 30001);
-  EXPECT_TRUE(log.Has(3, "Failed to create Redfish Connection for BMC from Korva host: 30001"));
   EXPECT_EQ(Redfish_GetPowerState("u", "p", nullptr, 100, &on), 30001);
-  EXPECT_TRUE(log.Has(3, "Failed to create Redfish Connection for localhost: 30001"));
   EXPECT_TRUE(fake_http::Requests().empty());
 
   bmc.Json("/portico/config/json/bmcApi.json", "{}", 503);
@@ -97,7 +80,6 @@ TEST_F(Api, StringOutputsFollowTheirTwoLengthConventions) {
 TEST_F(Api, PowerOperationIsGuardedByTheMac) {
   EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, "aa:bb:cc:dd:ee:01", REDFISHCMD_ON, 100),
             40001);
-  EXPECT_TRUE(log.Has(3, "No NIC found with MAC addr: aa:bb:cc:dd:ee:01"));
   EXPECT_EQ(Redfish_PowerOperation("u", "p", nullptr, nullptr, REDFISHCMD_ON, 100), 40002);
   EXPECT_EQ(Posts(), 0);
 }

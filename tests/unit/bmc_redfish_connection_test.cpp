@@ -61,7 +61,6 @@ TEST_F(Connection, ConstructorFailuresThrowTwoDistinctTypes) {
   } catch (int code) {
     EXPECT_EQ(code, 503);
   }
-  EXPECT_TRUE(log.Has(3, "Failed to update bmcApi.json."));
 }
 
 TEST_F(Connection, GetSendsBasicCredentialsAndReadsTheWholeBody) {
@@ -79,8 +78,7 @@ TEST_F(Connection, GetSendsBasicCredentialsAndReadsTheWholeBody) {
   std::string body;
   EXPECT_EQ(c->MakeHttpRequestGet("/bmc/big", body, 1000ms), 0);
   EXPECT_EQ(body.size(), big.size() + 2);
-  // The headers each request carries are the end-to-end tests'.
-  EXPECT_TRUE(log.Has(5, "SESSION_TOKEN: no value _jwt: YWRtaW46c2VjcmV0"));
+  // The headers and traces each request carries are the conformance table's.
   EXPECT_TRUE(log.Has(5, "[ClientResponse::Content-Length] 100002"));
 
   body.clear();

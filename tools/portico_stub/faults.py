@@ -8,7 +8,7 @@ __all__ = ["FaultError", "FaultSet", "Fault", "KINDS"]  # FaultSet is re-exporte
 
 # kind -> (takes an argument, what it does)
 KINDS = {
-    "get": (True, "GET of the document answers the given status (503)"),
+    "get": (True, "GET of the document answers 503, or 404 as if there were none"),
     "put": (True, "PUT answers 503 without storing, or 200 instead of 204 after storing"),
     "garbage": (False, "GET answers 200 with a body that is not JSON"),
     "slow": (True, "every document request waits SECONDS before it is handled"),
@@ -34,14 +34,14 @@ class Fault:
         if not takes_arg and arg is not None:
             raise FaultError("%s takes no argument" % self.kind)
         self.value = None
-        if self.kind == "get" and arg != "503":
-            raise FaultError("get supports 503")
+        if self.kind == "get" and arg not in ("503", "404"):
+            raise FaultError("get supports 503 and 404")
         if self.kind == "put":
             if arg not in ("503", "200"):
                 raise FaultError("put supports 503 and 200")
             self.value = int(arg)
         elif self.kind == "get":
-            self.value = 503
+            self.value = int(arg)
         elif self.kind == "slow":
             try:
                 self.value = float(arg)

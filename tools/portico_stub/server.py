@@ -150,7 +150,10 @@ class Handler(BaseHTTPRequestHandler):
 
     def _get(self, body):
         p = self.portico
-        if p.fault("get"):
+        fault = p.fault("get")
+        if fault and fault.value == 404:
+            return self._error(404, "no route document", body)
+        if fault:
             return self._error(503, "get fault", body)
         if p.fault("garbage"):
             return self._send(200, b"<html>this is not JSON", request_body=body)
@@ -285,7 +288,7 @@ def _parser():
                    help="the HTTP port speaks HTTP/1.1 only, not HTTP/2 cleartext")
     p.add_argument("--document", metavar="FILE", help="route document to start with")
     p.add_argument("--fault", action="append", default=[], metavar="FAULT",
-                   help="get=503, put=503, put=200, garbage, slow=SECONDS, big; optional @N; "
+                   help="get=503, get=404, put=503, put=200, garbage, slow=SECONDS, big; optional @N; "
                    "repeatable")
     p.add_argument("--request-log", metavar="PATH",
                    help="JSON lines of the configuration requests (emptied at start)")
