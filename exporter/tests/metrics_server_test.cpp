@@ -34,16 +34,12 @@ struct GatedBmc {
       return r;
     };
   }
-  // Holds the reads from now on; the number started so far.
-  int Hold() {
+  // Holds (or lets through) the reads from now on; the number started so far.
+  int Hold(bool hold) {
     std::lock_guard<std::mutex> lock(mutex);
-    held = true;
-    return started;
-  }
-  void Release() {
-    std::lock_guard<std::mutex> lock(mutex);
-    held = false;
+    held = hold;
     changed.notify_all();
+    return started;
   }
   void AwaitStarted(int reads) {
     std::unique_lock<std::mutex> lock(mutex);
@@ -63,7 +59,7 @@ struct Exporter {
   }
   ~Exporter() {
     server.Stop();
-    bmc.Release();
+    bmc.Hold(false);
   }
 };
 
@@ -148,7 +144,7 @@ TEST(MetricsServer, AScrapeWaitingForTheBmcHoldsUpNoOtherRequest) {
   EXPECT_NE(Get(port, "/metrics").find("bmcredfish_stale 0"), std::string::npos);
 
   // Its read is held: the scrape waits, at most its 30 s less the offset.
-  const int before = exporter.bmc.Hold();
+  const int before = exporter.bmc.Hold(true);
   auto waiting = std::async(std::launch::async, [&] {
     return Get(port, "/metrics", "X-Prometheus-Scrape-Timeout-Seconds: 30\r\n");
   });
@@ -160,7 +156,7 @@ TEST(MetricsServer, AScrapeWaitingForTheBmcHoldsUpNoOtherRequest) {
 
   // The read completes: the waiting scrape is answered at once, not at its
   // deadline (after the client's 10 s).
-  exporter.bmc.Release();
+  exporter.bmc.Hold(false);
   const std::string fresh = waiting.get();
   EXPECT_NE(fresh.find("bmcredfish_stale 0"), std::string::npos) << fresh;
 }
