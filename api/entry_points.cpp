@@ -198,3 +198,5 @@ extern "C" BMCREDFISH_API int Redfish_GetResource(const char* user, const char* 
     return redfish::ReadResource(inventory, path, milliseconds(timeoutMs), text);
   });
 }
+
+extern "C" BMCREDFISH_API const char* Redfish_GetVersion(void) { return BMCREDFISH_VERSION_STRING; }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdio>
 #include <functional>
 #include <string>
 
@@ -11,11 +12,12 @@ struct DoctorOptions {
   bool fixRoute = false;  // let the library rewrite a route that names another BMC
 };
 
-// Walks the chain from this host to its BMC, one line per link, and stops at
-// the first broken one; the capabilities at its end are each checked. Sends
-// only GETs; the route document is written only with fixRoute. requestMs
-// gives each library call its time-out; starting(link) is called as each
-// link's check begins. Returns the exit status: 0 when every link works
-// (warnings included), 1 otherwise.
-int RunDoctor(const DoctorOptions& options, const std::function<unsigned int()>& requestMs,
-              const std::function<void(const char*)>& starting);
+class DoctorProbe;
+
+// Walks the chain from this host to its BMC link by link, in order, one line
+// per link to out, and stops at the first broken one: the links after it show
+// as skipped. Sends only GETs; the route document is written only with
+// fixRoute. starting(link) is called as each link's check begins. Returns the
+// exit status: 0 when every link works (warnings included), 1 otherwise.
+int RunDoctor(const DoctorOptions& options, DoctorProbe& probe,
+              const std::function<void(const char*)>& starting, FILE* out);

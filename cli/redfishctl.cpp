@@ -1,6 +1,4 @@
 // redfishctl: the library's questions and power commands from a shell.
-#include <dlfcn.h>
-#include <limits.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,30 +16,23 @@
 #include <vector>
 
 #include "actions.h"
+#include "advice.h"
 #include "bmcredfish.h"
 #include "doctor.h"
-#include "failure_text.h"
+#include "doctor_probe.h"
 #include "library_log.h"
-#include "mac.h"
-#include "result_text.h"
 #include "sensors_table.h"
+#include "toolkit/bmc_text.h"
+#include "toolkit/failure_text.h"
+#include "toolkit/mac.h"
+#include "toolkit/readings.h"
+#include "toolkit/result_text.h"
 
 namespace {
 
-// The version of the library actually loaded, read from its file name
-// (libbmcredfish.so.MAJOR.MINOR.PATCH); the header's when that fails.
-std::string LoadedLibraryVersion() {
-  Dl_info info{};
-  if (dladdr(reinterpret_cast<void*>(&Redfish_Initialize), &info) != 0 && info.dli_fname) {
-    char resolved[PATH_MAX];
-    if (realpath(info.dli_fname, resolved)) {
-      const std::string path(resolved);
-      const size_t at = path.rfind(".so.");
-      if (at != std::string::npos) return path.substr(at + 4);
-    }
-  }
-  return BMCREDFISH_VERSION_STRING;
-}
+using toolkit::JsonEscape;
+using toolkit::Printable;
+using toolkit::ResultText;
 
 using Clock = std::chrono::steady_clock;
 
@@ -149,7 +140,7 @@ int ParseOptions(int argc, char** argv, Options& o) {
       return 0;
     } else if (a == "--version") {
       std::printf("redfishctl %s (libbmcredfish %s)\n", BMCREDFISH_VERSION_STRING,
-                  LoadedLibraryVersion().c_str());
+                  Redfish_GetVersion());
       return 0;
     } else if (a == "--host") {
       if (!value(o.host) || o.host.empty()) return UsageError("--host needs a value");
@@ -166,7 +157,7 @@ int ParseOptions(int argc, char** argv, Options& o) {
       o.havePassword = true;
     } else if (a == "--mac") {
       if (!value(o.macAsGiven)) return UsageError("--mac needs a value");
-      if (!ParseMac(o.macAsGiven, o.mac))
+      if (!toolkit::ParseMac(o.macAsGiven, o.mac))
         return UsageError("malformed MAC address '" + o.macAsGiven +
                           "' (want six hex pairs separated by ':' or '-')");
       o.hasMac = true;
@@ -283,19 +274,20 @@ class Session {
       return 1;
     }
     log_.Drain();
-    const RedfishFailure failure = LastFailure(code);
-    const std::string cause = FailureCause(failure);
-    const std::string check = FailureCheck(failure, o_.host, o_.command);
+    const RedfishFailure failure = toolkit::LastFailure(code);
+    const std::string cause = Printable(toolkit::FailureCause(failure));
+    const std::string check = Printable(FailureCheck(failure, o_.host, o_.command));
     if (o_.json) {
-      std::printf("{%s,\"check\":\"%s\",\"meaning\":\"%s\"}\n", FailureJson(failure).c_str(),
-                  JsonEscape(check).c_str(), JsonEscape(ResultText(code)).c_str());
+      std::printf("{%s,\"check\":\"%s\",\"meaning\":\"%s\"}\n",
+                  toolkit::FailureJson(failure).c_str(), JsonEscape(check).c_str(),
+                  JsonEscape(ResultText(code)).c_str());
       std::fflush(stdout);
     }
     FILE* err = log_.Err();
     std::fprintf(err, "redfishctl: %s failed: result %d: %s\n", o_.command.c_str(), code,
                  ResultText(code));
     if (failure.link != REDFISH_LINK_NONE)
-      std::fprintf(err, "  link:  %s\n", LinkLabel(failure.link));
+      std::fprintf(err, "  link:  %s\n", toolkit::LinkLabel(failure.link));
     if (!cause.empty()) std::fprintf(err, "  cause: %s\n", cause.c_str());
     if (!check.empty()) std::fprintf(err, "  check: %s\n", check.c_str());
     if (failure.link >= REDFISH_LINK_SMBIOS && failure.link <= REDFISH_LINK_CREDENTIALS)
@@ -335,21 +327,18 @@ int PowerStateCommand(Session& s) {
 // The BMC's own text for a MAC given in any notation: its default interface
 // first (one search), then each notation the BMC might use.
 int ResolveMac(Session& s, const std::string& canonical, std::string& bmcText) {
-  char buffer[64] = {};
-  unsigned int length = sizeof buffer;
-  int rc = Redfish_GetMacAddress(s.User(), s.Password(), s.Host(), nullptr, s.RequestMs(), buffer,
-                                 &length);
+  std::string first;
+  int rc = toolkit::ReadBmcMac(s.User(), s.Password(), s.Host(), nullptr, s.RequestMs(), first);
   if (rc != 0) return rc;
-  const std::string first(buffer);
   std::string firstCanonical;
-  if (ParseMac(first, firstCanonical) && firstCanonical == canonical) {
+  if (toolkit::ParseMac(first, firstCanonical) && firstCanonical == canonical) {
     bmcText = first;
     return 0;
   }
-  for (const std::string& candidate : MacNotations(canonical, first)) {
-    length = sizeof buffer;
-    rc = Redfish_GetMacAddress(s.User(), s.Password(), s.Host(), candidate.c_str(), s.RequestMs(),
-                               buffer, &length);
+  for (const std::string& candidate : toolkit::MacNotations(canonical, first)) {
+    std::string found;
+    rc = toolkit::ReadBmcMac(s.User(), s.Password(), s.Host(), candidate.c_str(), s.RequestMs(),
+                             found);
     if (rc == 0) {
       bmcText = candidate;
       return 0;
@@ -365,17 +354,14 @@ int MacCommand(Session& s) {
     int rc = ResolveMac(s, s.Opt().mac, text);
     if (rc != 0) return s.Fail(rc);
   } else {
-    char buffer[64] = {};
-    unsigned int length = sizeof buffer;
-    int rc = Redfish_GetMacAddress(s.User(), s.Password(), s.Host(), nullptr, s.RequestMs(), buffer,
-                                   &length);
+    const int rc =
+        toolkit::ReadBmcMac(s.User(), s.Password(), s.Host(), nullptr, s.RequestMs(), text);
     if (rc != 0) return s.Fail(rc);
-    text = buffer;
   }
   if (s.Opt().json) {
     std::printf("{\"result\":0,\"mac\":\"%s\"}\n", JsonEscape(text).c_str());
   } else {
-    std::printf("%s\n", text.c_str());
+    std::printf("%s\n", Printable(text).c_str());
   }
   return 0;
 }
@@ -390,8 +376,8 @@ int SensorsCommand(Session& s) {
     std::printf("%s\n", doc.c_str());
     return 0;
   }
-  Readings readings;
-  if (!ParseReadings(doc, readings)) {
+  toolkit::Readings readings;
+  if (!toolkit::ParseReadings(doc, readings)) {
     s.Note("sensors: the readings document is not of its documented shape (see --json)");
     return 1;
   }
@@ -414,7 +400,8 @@ int DoctorCommand(Session& s) {
     s.Drain();
     s.Report().Checking(link);
   };
-  return RunDoctor(options, requestMs, starting);
+  LibraryProbe probe(options, requestMs);
+  return RunDoctor(options, probe, starting, stdout);
 }
 
 // Reads the power state until it is the wanted one or the deadline passes.

@@ -1,6 +1,7 @@
 #include "connection/bmc_redfish_connection.h"
 
 #include "platform/mirel/base64.h"
+#include "resources/bmc_requests.h"
 #include "resources/chassis.h"
 #include "resources/inventory.h"
 #include "resources/managers.h"
@@ -17,6 +18,31 @@ PublishedPtr<BmcHttpConnection> BmcRedfishConnection::_bmc_con;
 namespace {
 constexpr size_t kCredentialBufferSize = 512;
 constexpr char kBaseUrl[] = "/bmc";
+
+// The connection's requests as the resource code uses them: always with the
+// credentials.
+class ConnectionRequests final : public BmcRequests {
+ public:
+  ConnectionRequests(BmcRedfishConnection& connection, Tessel::Service::Logger* logger,
+                     const std::string& baseUrl)
+      : connection_(connection), logger_(logger), baseUrl_(baseUrl) {}
+
+  int Get(const std::string& target, std::string& body, milliseconds timeout) override {
+    return connection_.MakeHttpRequestGet(target, body, timeout);
+  }
+  int Post(const std::string& target, const std::string& body, std::string& response,
+           milliseconds timeout) override {
+    return connection_.MakeHttpRequestPost(target, body, response, false, timeout);
+  }
+  Tessel::Service::Logger* Logger() const override { return logger_; }
+  const std::string& BaseUrl() const override { return baseUrl_; }
+
+ private:
+  BmcRedfishConnection& connection_;
+  Tessel::Service::Logger* logger_;
+  const std::string& baseUrl_;
+};
+
 }  // namespace
 
 BmcRedfishConnection::BmcRedfishConnection(const std::string& host, const std::string& user,
@@ -42,7 +68,8 @@ BmcRedfishConnection::BmcRedfishConnection(const std::string& host, const std::s
     TESSEL_LOG(logger_, 3, "Failed to create a redfish session.");
     throw result;
   }
-  inventory_ = std::make_unique<Inventory>(*this, logger_, baseUrl_);
+  requests_ = std::make_unique<ConnectionRequests>(*this, logger_, baseUrl_);
+  inventory_ = std::make_unique<Inventory>(*requests_);
 }
 
 BmcRedfishConnection::~BmcRedfishConnection() { DeleteSession(); }

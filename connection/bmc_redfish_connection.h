@@ -19,12 +19,14 @@ namespace redfish {
 struct RedfishSystemRecord;
 struct RedfishManagerRecord;
 struct RedfishChassisRecord;
+class BmcRequests;
 class Inventory;
 
 // One BMC's Redfish service, reached through the local proxy: its credentials
 // and its HTTP requests. What discovery learns of the BMC, and the operations
-// on it, live in resources/ (Inventory); the methods below that name them are
-// the design's entry points to that code.
+// on it, live in resources/ (Inventory), which sends its requests through a
+// BmcRequests this connection provides; the methods below that name them are
+// the entry points to that code.
 class BMCREDFISH_EXPORT BmcRedfishConnection {
  public:
   using RedfishSystem = RedfishSystemRecord;
@@ -90,6 +92,9 @@ class BMCREDFISH_EXPORT BmcRedfishConnection {
   std::optional<std::string> sessionToken_;
   std::string sessionLocation_;
   int64_t reservedWord_ = 0;  // in the design's layout; nothing reads it
+  // A separate object rather than a base class, so the connection keeps no
+  // virtual operations. Declared before the inventory, which uses it.
+  std::unique_ptr<BmcRequests> requests_;
   std::unique_ptr<Inventory> inventory_;
   std::mutex requestMutex_;
 };

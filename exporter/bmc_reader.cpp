@@ -5,27 +5,21 @@
 #include <exception>
 
 #include "bmcredfish.h"
-#include "failure_text.h"
-#include "result_text.h"
+#include "toolkit/bmc_text.h"
+#include "toolkit/failure_text.h"
+#include "toolkit/result_text.h"
 
 namespace {
-
-std::string Printable(std::string text) {
-  for (char& c : text) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
-  }
-  return text;
-}
 
 // The failing call's outcome, and a line saying why, from the library's record.
 CallOutcome Outcome(const char* call, int result, std::string& why) {
   if (result == 0) return {0, REDFISH_LINK_NONE};
-  const RedfishFailure failure = LastFailure(result);
+  const RedfishFailure failure = toolkit::LastFailure(result);
   if (!why.empty()) why += "; ";
-  why += std::string(call) + ": result " + std::to_string(result) + " (" + ResultText(result) +
-         "), link " + LinkLabel(failure.link);
-  const std::string cause = FailureCause(failure);
-  if (!cause.empty()) why += ": " + Printable(cause);
+  why += std::string(call) + ": result " + std::to_string(result) + " (" +
+         toolkit::ResultText(result) + "), link " + toolkit::LinkLabel(failure.link);
+  const std::string cause = toolkit::FailureCause(failure);
+  if (!cause.empty()) why += ": " + toolkit::Printable(cause);
   return {result, failure.link};
 }
 

@@ -7,6 +7,7 @@
 #include <set>
 
 #include "bmcredfish.h"
+#include "toolkit/bmc_text.h"
 
 namespace {
 
@@ -76,7 +77,7 @@ const UnitRule* RuleFor(const std::string& units) {
   return nullptr;
 }
 
-FamilyIndex FamilyOf(const Sensor& sensor, double& scale) {
+FamilyIndex FamilyOf(const toolkit::Sensor& sensor, double& scale) {
   const UnitRule* rule = RuleFor(sensor.units);
   scale = rule != nullptr ? rule->scale : 1;
   if (rule == nullptr) return Other;
@@ -114,18 +115,18 @@ std::string Label(const char* name, const std::string& value) {
   return std::string(name) + "=\"" + LabelValue(value) + "\"";
 }
 
-std::string SensorLabels(const Sensor& s) {
+std::string SensorLabels(const toolkit::Sensor& s) {
   return Label("chassis", s.chassis) + "," + Label("id", s.id) + "," + Label("name", s.name);
 }
 
 // One metric per family, each series once: a BMC that repeats a sensor gets
 // its first reading shown, since Prometheus would drop the scrape's duplicates.
-void RenderSensors(std::string& out, const std::vector<Sensor>& sensors) {
+void RenderSensors(std::string& out, const std::vector<toolkit::Sensor>& sensors) {
   std::string bodies[FamilyCount];
   std::set<std::string> seen[FamilyCount];
   std::string health;
   std::set<std::string> seenHealth;
-  for (const Sensor& s : sensors) {
+  for (const toolkit::Sensor& s : sensors) {
     double scale = 1;
     const FamilyIndex family = FamilyOf(s, scale);
     const std::string sensor = SensorLabels(s);
@@ -183,51 +184,12 @@ void RenderCalls(std::string& out, const Snapshot& s) {
 }  // namespace
 
 std::string LabelValue(const std::string& text) {
-  constexpr char kReplacement[] = "\xEF\xBF\xBD";
+  const std::string printable = toolkit::Printable(text);
   std::string out;
-  out.reserve(text.size());
-  const auto* p = reinterpret_cast<const unsigned char*>(text.data());
-  const unsigned char* end = p + text.size();
-  while (p < end) {
-    const unsigned char c = *p;
-    if (c < 0x80) {
-      // A NUL would end the scraper's lexer early.
-      if (c == 0) {
-        out.append(kReplacement);
-      } else if (c == '\n') {
-        out.append("\\n");
-      } else {
-        if (c == '\\' || c == '"') out.push_back('\\');
-        out.push_back(static_cast<char>(c));
-      }
-      ++p;
-      continue;
-    }
-    // A sequence of the length its lead byte announces, no overlong form, no
-    // surrogate, nothing past U+10FFFF; any other byte is replaced.
-    size_t length = 0;
-    if (c >= 0xC2 && c <= 0xDF) {
-      length = 2;
-    } else if (c >= 0xE0 && c <= 0xEF) {
-      length = 3;
-    } else if (c >= 0xF0 && c <= 0xF4) {
-      length = 4;
-    }
-    bool valid = length != 0 && static_cast<size_t>(end - p) >= length;
-    uint32_t code = valid ? c & (0xFF >> (length + 1)) : 0;
-    for (size_t i = 1; valid && i < length; ++i) {
-      valid = (p[i] & 0xC0) == 0x80;
-      code = (code << 6) | (p[i] & 0x3F);
-    }
-    const uint32_t minimum = length == 3 ? 0x800 : length == 4 ? 0x10000 : 0x80;
-    valid = valid && code >= minimum && code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF);
-    if (valid) {
-      out.append(reinterpret_cast<const char*>(p), length);
-      p += length;
-    } else {
-      out.append(kReplacement);
-      ++p;
-    }
+  out.reserve(printable.size());
+  for (char c : printable) {
+    if (c == '\\' || c == '"') out.push_back('\\');
+    out.push_back(c);
   }
   return out;
 }
@@ -244,10 +206,10 @@ std::string Render(const Snapshot& s, const RenderContext& context) {
   std::string out;
   out.reserve(4096);
   Header(out, "bmcredfish_exporter_build_info",
-         "The exporter's version and the library version it was built with; always 1.", "gauge");
+         "The exporter's version and the loaded library's; always 1.", "gauge");
   Sample(out, "bmcredfish_exporter_build_info",
          Label("version", BMCREDFISH_VERSION_STRING) + "," +
-             Label("library_version", BMCREDFISH_VERSION_STRING),
+             Label("library_version", context.libraryVersion),
          1);
   Gauge(out, "bmcredfish_up", "1 when the last completed BMC read succeeded, else 0.",
         s.LastReadOk() ? 1 : 0);

@@ -9,15 +9,16 @@
 constexpr char kExpositionContentType[] = "text/plain; version=0.0.4; charset=utf-8";
 
 struct RenderContext {
-  double now = 0;            // wall-clock seconds
-  double scrapeSeconds = 0;  // what this scrape has taken so far
+  double now = 0;              // wall-clock seconds
+  double scrapeSeconds = 0;    // what this scrape has taken so far
+  std::string libraryVersion;  // the loaded library's (Redfish_GetVersion)
 };
 
 std::string Render(const Snapshot& snapshot, const RenderContext& context);
 
-// A label value as the format writes it: valid UTF-8 (bad bytes become
-// U+FFFD, which Prometheus would otherwise refuse the whole scrape for), with
-// backslash, double quote and line feed escaped.
+// A label value as the format writes it: the BMC's text made Printable (valid
+// UTF-8, which Prometheus would otherwise refuse the whole scrape for, and no
+// control byte), with backslash and double quote escaped.
 std::string LabelValue(const std::string& text);
 
 // A sample value: shortest round-trip decimal, or NaN, +Inf, -Inf.

@@ -122,7 +122,7 @@ int Parse(int argc, char** argv, Options& o, bool& done) {
         std::fputs(kUsage, stdout);
       } else {
         std::printf("bmcredfish-exporter %s (libbmcredfish %s)\n", BMCREDFISH_VERSION_STRING,
-                    BMCREDFISH_VERSION_STRING);
+                    Redfish_GetVersion());
       }
       done = true;
       return 0;
@@ -148,7 +148,8 @@ int RunTextfile(const Options& o, BmcReader& reader) {
   const double now = WallSeconds();
   ApplyRead(snapshot, read, now);
   std::string error;
-  if (!WriteAtomically(o.textfile, Render(snapshot, {now, read.seconds}), error) ||
+  if (!WriteAtomically(o.textfile, Render(snapshot, {now, read.seconds, Redfish_GetVersion()}),
+                       error) ||
       (!o.stateFile.empty() && !SaveState(o.stateFile, snapshot, error))) {
     std::fprintf(stderr, "bmcredfish-exporter: %s\n", error.c_str());
     return 1;
@@ -177,6 +178,7 @@ int RunServer(const Options& o, BmcReader reader) {
   serving.address = o.listen;
   serving.scrapeTimeout = o.scrapeTimeout;
   serving.timeoutOffset = o.timeoutOffset;
+  serving.libraryVersion = Redfish_GetVersion();
   std::string error;
   if (!server.Start(serving, error)) {
     std::fprintf(stderr, "bmcredfish-exporter: %s\n", error.c_str());

@@ -23,6 +23,7 @@ class MetricsServer {
     std::string address = ":9742";  // "HOST:PORT", "[IPV6]:PORT" or ":PORT" (every address)
     double scrapeTimeout = 10;      // deadline of a scrape that states none, seconds
     double timeoutOffset = 0.5;     // answer this long before the scraper's deadline
+    std::string libraryVersion;     // for the build information
     std::chrono::milliseconds requestTimeout{5000};
     unsigned connectionsPerAddress = 8;
     unsigned connections = 256;

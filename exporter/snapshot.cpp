@@ -1,53 +1,13 @@
 #include "snapshot.h"
 
-#include <rapidjson/document.h>
-
 #include "bmcredfish.h"
 
-namespace {
-
-std::string Text(const rapidjson::Value& object, const char* name) {
-  auto it = object.FindMember(name);
-  if (it == object.MemberEnd() || !it->value.IsString()) return "";
-  return std::string(it->value.GetString(), it->value.GetStringLength());
-}
-
-}  // namespace
-
-bool ParseReadings(const std::string& json, std::vector<Sensor>& out) {
-  rapidjson::Document doc;
-  doc.Parse(json.c_str(), json.size());
-  if (doc.HasParseError() || !doc.IsObject()) return false;
-  auto chassisList = doc.FindMember("Chassis");
-  if (chassisList == doc.MemberEnd() || !chassisList->value.IsArray()) return false;
-  for (const auto& chassis : chassisList->value.GetArray()) {
-    if (!chassis.IsObject()) return false;
-    auto sensors = chassis.FindMember("Sensors");
-    if (sensors == chassis.MemberEnd() || !sensors->value.IsArray()) return false;
-    const std::string chassisId = Text(chassis, "Id");
-    for (const auto& s : sensors->value.GetArray()) {
-      if (!s.IsObject()) return false;
-      Sensor sensor{chassisId,
-                    Text(s, "Id"),
-                    Text(s, "Name"),
-                    Text(s, "ReadingUnits"),
-                    Text(s, "ReadingType"),
-                    Text(s, "Health"),
-                    std::nullopt};
-      auto reading = s.FindMember("Reading");
-      if (reading != s.MemberEnd() && reading->value.IsNumber()) {
-        sensor.reading = reading->value.GetDouble();
-      }
-      out.push_back(std::move(sensor));
-    }
-  }
-  return true;
-}
-
-std::shared_ptr<const Readings> MakeReadings(std::string document) {
-  auto readings = std::make_shared<Readings>();
-  if (!ParseReadings(document, readings->sensors)) return nullptr;
+std::shared_ptr<const SensorReadings> MakeReadings(std::string document) {
+  toolkit::Readings parsed;
+  if (!toolkit::ParseReadings(document, parsed)) return nullptr;
+  auto readings = std::make_shared<SensorReadings>();
   readings->document = std::move(document);
+  readings->sensors = std::move(parsed.sensors);
   return readings;
 }
 

@@ -11,15 +11,7 @@
 #include <string>
 #include <vector>
 
-struct Sensor {
-  std::string chassis;
-  std::string id;
-  std::string name;
-  std::string units;   // as the BMC wrote them
-  std::string type;    // Redfish ReadingType, "" when not given
-  std::string health;  // "OK", "Warning", "Critical" or ""
-  std::optional<double> reading;
-};
+#include "toolkit/readings.h"
 
 // The result and failing link (RedfishLink) of one library call.
 struct CallOutcome {
@@ -38,18 +30,18 @@ struct ReadResult {
 };
 
 // Sensor readings as the library sent them and as parsed.
-struct Readings {
+struct SensorReadings {
   std::string document;
-  std::vector<Sensor> sensors;
+  std::vector<toolkit::Sensor> sensors;
 };
 
 struct Snapshot {
   bool haveRead = false;  // a read has completed
   CallOutcome power;      // outcomes of the last completed read
   CallOutcome sensors;
-  std::optional<bool> powerOn;               // last good power state
-  std::shared_ptr<const Readings> readings;  // last good readings (null: none yet)
-  double readingsTime = 0;                   // wall-clock seconds of the read that gave them
+  std::optional<bool> powerOn;                     // last good power state
+  std::shared_ptr<const SensorReadings> readings;  // last good readings (null: none yet)
+  double readingsTime = 0;                         // wall-clock seconds of the read that gave them
   double lastSuccess = 0;  // wall-clock seconds of the last read with both calls good
   double readSeconds = 0;  // duration of the last completed read
   uint64_t reads = 0;
@@ -66,9 +58,6 @@ inline double WallSeconds() {
 // Folds a completed read into the snapshot, read at wall-clock time now.
 void ApplyRead(Snapshot& snapshot, const ReadResult& read, double now);
 
-// The library's readings document as sensors, in its order. False when the
-// text is not of that shape.
-bool ParseReadings(const std::string& json, std::vector<Sensor>& out);
-
-// The document with its sensors; null when it is not of that shape.
-std::shared_ptr<const Readings> MakeReadings(std::string document);
+// The library's readings document with its sensors; null when it is not of
+// that shape.
+std::shared_ptr<const SensorReadings> MakeReadings(std::string document);

@@ -227,7 +227,8 @@ BMCREDFISH_API void Redfish_FreeText(char* text);
  *                            "Health":"OK"}]}]}
  * "Reading" is a number or null; "ReadingUnits", "ReadingType" and "Health"
  * are the BMC's texts, or "" where it gave none (Thermal and Power readings get
- * the units their property names imply). On 0, *json receives the document,
+ * the units their property names imply). The document is valid UTF-8: each
+ * byte of the BMC's texts that is not becomes U+FFFD. On 0, *json receives the document,
  * to be freed with Redfish_FreeText; on failure *json is set to null.
  * Returns 0, 40001 when no chassis has readings, or another result code.
  */
@@ -254,6 +255,15 @@ BMCREDFISH_API int Redfish_GetAllowedCommands(const char* user, const char* pass
  */
 BMCREDFISH_API int Redfish_GetResource(const char* user, const char* password, const char* host,
                                        const char* path, unsigned int timeoutMs, char** json);
+
+/*
+ * The version of the library that is loaded, "MAJOR.MINOR.PATCH", which may be
+ * newer than the BMCREDFISH_VERSION_STRING the caller was compiled with. The
+ * text is the library's own: never free or change it. Needs neither
+ * FeatureState_Init nor the switch, sends nothing and keeps the failure record
+ * as it is.
+ */
+BMCREDFISH_API const char* Redfish_GetVersion(void);
 
 #ifdef __cplusplus
 }

@@ -2,6 +2,7 @@
 
 #include <rapidjson/document.h>
 
+#include "resources/fetched_document.h"
 #include "resources/inventory.h"
 #include "utils/failure_record.h"
 #include "utils/redfish_status.h"
@@ -27,8 +28,8 @@ int ReadResource(Inventory& inventory, const std::string& path, std::chrono::mil
     return RedfishStatusInvalidArgument;
   }
   FetchedDocument fetched;
-  const int result = FetchDocument(inventory, nullptr, inventory.BaseUrl() + path, timeout,
-                                   BodyCheck::Parse, fetched);
+  const int result = FetchDocument(inventory.Requests(), nullptr, inventory.BaseUrl() + path,
+                                   timeout, BodyCheck::Parse, fetched);
   if (result != RedfishStatusOk) return result;
   if (fetched.document.HasParseError()) return RedfishStatusBadJson;
   if (!fetched.document.IsObject()) return RedfishStatusUnexpectedJson;

@@ -2,8 +2,8 @@
 
 #include <rapidjson/document.h>
 
-#include "connection/bmc_redfish_connection.h"
 #include "platform/tessel/http.h"
+#include "resources/fetched_document.h"
 #include "resources/inventory.h"
 #include "resources/readings.h"
 #include "utils/failure_record.h"
@@ -23,7 +23,7 @@ constexpr char kExpand[] = "?$expand=.($levels=1)";
 int ProbeSensors(const Inventory& inventory, const std::string& sensorsUri, milliseconds timeout,
                  bool& found) {
   std::string probe;
-  const int result = inventory.Connection().MakeHttpRequestGet(sensorsUri, probe, timeout);
+  const int result = inventory.Requests().Get(sensorsUri, probe, timeout);
   found = result == RedfishStatusOk;
   return result == Tessel::Http::ResponseCode::NotFound ? RedfishStatusOk : result;
 }
@@ -56,11 +56,13 @@ int DiscoverReadings(Inventory& inventory, const std::string& id, milliseconds t
   } else {
     std::string expanded = inventory.BaseUrl() + id + kExpand;
     FetchedDocument fetched;
-    result = FetchDocument(inventory, nullptr, expanded, timeout, BodyCheck::Parse, fetched);
+    result =
+        FetchDocument(inventory.Requests(), nullptr, expanded, timeout, BodyCheck::Parse, fetched);
     if (result == Tessel::Http::ResponseCode::BadRequest) {
       // A BMC that refuses the query still links its Thermal and Power.
       expanded = inventory.BaseUrl() + id;
-      result = FetchDocument(inventory, nullptr, expanded, timeout, BodyCheck::Parse, fetched);
+      result = FetchDocument(inventory.Requests(), nullptr, expanded, timeout, BodyCheck::Parse,
+                             fetched);
     }
     const rapidjson::Document& chassis = fetched.document;
     if (result == Tessel::Http::ResponseCode::NotFound) return RedfishStatusOk;
@@ -84,7 +86,8 @@ int ReadChassisReadings(Inventory& inventory, const ReadingsSourceRecord& source
   out = ChassisReadings{source.id, source.uri, source.sensors ? "Sensors" : "ThermalPower", {}};
   for (const std::string& uri : source.readUris) {
     FetchedDocument fetched;
-    int result = FetchDocument(inventory, nullptr, uri, timeout, BodyCheck::Parse, fetched);
+    int result =
+        FetchDocument(inventory.Requests(), nullptr, uri, timeout, BodyCheck::Parse, fetched);
     if (result != RedfishStatusOk) return result;
     const rapidjson::Document& document = fetched.document;
     if (document.HasParseError() || !document.IsObject()) return RedfishStatusUnexpectedJson;
@@ -119,8 +122,9 @@ int ReadSensorInfo(Inventory& inventory, std::string& sensorJson, milliseconds t
   int result = inventory.PopulatedChassis(timeout, chassisIndex);
   if (result != RedfishStatusOk) return result;
   FetchedDocument fetched;
-  result = FetchDocument(inventory, "SENSOR_URI: %1", inventory.chassis[chassisIndex].sensorsUri,
-                         timeout, BodyCheck::Parse, fetched);
+  result =
+      FetchDocument(inventory.Requests(), "SENSOR_URI: %1",
+                    inventory.chassis[chassisIndex].sensorsUri, timeout, BodyCheck::Parse, fetched);
   if (result != RedfishStatusOk) return result;
   TESSEL_LOG(inventory.Logger(), 5, "SENSOR_URI JSON: %1", fetched.body);
   // Parsed only to confirm it is an object; the caller gets the text as sent.

@@ -20,20 +20,17 @@
 #include <string>
 #include <vector>
 
-#include <rapidjson/document.h>
-
-#include "platform/tessel/logging.h"
+#include "resources/bmc_requests.h"
 #include "resources/redfish_records.h"
 
 namespace redfish {
-
-class BmcRedfishConnection;
 
 class Inventory {
  public:
   using Visit = std::function<int(const std::string& id)>;
 
-  Inventory(BmcRedfishConnection& connection, Tessel::Service::Logger* logger, std::string baseUrl);
+  // requests outlives the inventory: every walk and read goes through it.
+  explicit Inventory(BmcRequests& requests);
   Inventory(const Inventory&) = delete;
   Inventory& operator=(const Inventory&) = delete;
 
@@ -57,9 +54,9 @@ class Inventory {
   // and returns 40001.
   int CheckIndex(const char* kind, size_t index, size_t size) const;
 
-  BmcRedfishConnection& Connection() const { return connection_; }
-  Tessel::Service::Logger* Logger() const { return logger_; }
-  const std::string& BaseUrl() const { return baseUrl_; }
+  BmcRequests& Requests() const { return requests_; }
+  Tessel::Service::Logger* Logger() const { return requests_.Logger(); }
+  const std::string& BaseUrl() const { return requests_.BaseUrl(); }
 
   std::vector<RedfishManagerRecord> managers;
   bool managersPopulated = false;
@@ -74,9 +71,7 @@ class Inventory {
   int PopulateOnce(bool& populated, const char* collection, std::chrono::milliseconds timeout,
                    const Visit& visit);
 
-  BmcRedfishConnection& connection_;
-  Tessel::Service::Logger* logger_;
-  std::string baseUrl_;
+  BmcRequests& requests_;
   std::mutex populateMutex_;
 };
 
@@ -84,25 +79,5 @@ class Inventory {
 // "EthernetInterfaces: …").
 std::string ChildUri(const Inventory& inventory, const char* kind, const std::string& id,
                      const char* child);
-
-// How a fetched body is checked. Plain parsing logs nothing (a bad body then
-// has a null root); verifying logs a Redfish error or a bad body, and for a
-// collection insists on "Members" (BmcRedfishUtils::VerifyJson).
-enum class BodyCheck { Parse, Verify, Collection };
-
-// A fetched body as sent, and parsed. Most Redfish answers parse within the
-// pool here, without a heap chunk of the parser's own.
-struct FetchedDocument {
-  std::string body;
-  char pool[2048];
-  rapidjson::MemoryPoolAllocator<> allocator{pool, sizeof pool};
-  rapidjson::Document document{&allocator};
-};
-
-// GETs uri, logging it under label first when one is given ("PowerState
-// URI: %1"), and parses its body. Returns the GET's result, or VerifyJson's
-// for the verifying checks.
-int FetchDocument(const Inventory& inventory, const char* label, const std::string& uri,
-                  std::chrono::milliseconds timeout, BodyCheck check, FetchedDocument& fetched);
 
 }  // namespace redfish

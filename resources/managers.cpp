@@ -3,6 +3,7 @@
 #include <rapidjson/document.h>
 
 #include "resources/documents.h"
+#include "resources/fetched_document.h"
 #include "resources/inventory.h"
 #include "utils/redfish_status.h"
 
@@ -48,8 +49,8 @@ int ReadMac(Inventory& inventory, std::string& mac, milliseconds timeout, uint8_
   result = inventory.CheckIndex("Ethernet NIC", nicIndex, uris.size());
   if (result != RedfishStatusOk) return result;
   FetchedDocument fetched;
-  result =
-      FetchDocument(inventory, "MAC_URI: %1", uris[nicIndex], timeout, BodyCheck::Parse, fetched);
+  result = FetchDocument(inventory.Requests(), "MAC_URI: %1", uris[nicIndex], timeout,
+                         BodyCheck::Parse, fetched);
   return result != RedfishStatusOk ? result : MacAddressOf(fetched.document, mac);
 }
 

@@ -7,6 +7,7 @@
 
 #include "utils/json_access.h"
 #include "utils/redfish_status.h"
+#include "utils/utf8.h"
 
 namespace redfish {
 
@@ -85,10 +86,12 @@ void ReadArrays(const Value& document, const ArrayKind (&kinds)[N],
   }
 }
 
+// The BMC's texts are written as valid UTF-8, whatever it sent.
 void WriteString(rapidjson::Writer<rapidjson::StringBuffer>& w, const char* key,
                  const std::string& value) {
+  const std::string text = ValidUtf8(value);
   w.Key(key);
-  w.String(value.c_str(), static_cast<rapidjson::SizeType>(value.size()));
+  w.String(text.c_str(), static_cast<rapidjson::SizeType>(text.size()));
 }
 
 }  // namespace

@@ -2,8 +2,8 @@
 
 #include <rapidjson/document.h>
 
-#include "connection/bmc_redfish_connection.h"
 #include "resources/documents.h"
+#include "resources/fetched_document.h"
 #include "resources/inventory.h"
 #include "utils/bmc_redfish_utils.h"
 #include "utils/failure_record.h"
@@ -47,7 +47,7 @@ int DiscoverSystem(Inventory& inventory, const std::string& id, milliseconds tim
   const std::string actionsUri = inventory.BaseUrl() + id + "/?$select=Actions";
   TESSEL_LOG(inventory.Logger(), 5, "Embedded: %1", actionsUri);
   std::string actions;
-  result = inventory.Connection().MakeHttpRequestGet(actionsUri, actions, timeout);
+  result = inventory.Requests().Get(actionsUri, actions, timeout);
   if (result != RedfishStatusOk) return result;
   system.resetUri = inventory.BaseUrl();
   result = ReadPowerActions(inventory, actions, system, system.oem);
@@ -62,7 +62,7 @@ int ActionInfoValues(Inventory& inventory, const std::string& actionInfo, rapidj
   const std::string uri = inventory.BaseUrl() + actionInfo;
   TESSEL_LOG(inventory.Logger(), 5, "actionInfoUri: %1", uri);
   std::string body;
-  int result = inventory.Connection().MakeHttpRequestGet(uri, body, kPowerRequestTimeout);
+  int result = inventory.Requests().Get(uri, body, kPowerRequestTimeout);
   if (result != RedfishStatusOk) return result;
   TESSEL_LOG(inventory.Logger(), 5, "actionInfoJson: %1", body);
   result = BmcRedfishUtils::VerifyJson(inventory.Logger(), body, info, false);
@@ -80,8 +80,8 @@ int Inventory::PopulateSystems(milliseconds timeout) {
 
 int ReadManufacturer(Inventory& inventory, RedfishSystemRecord& system, milliseconds timeout) {
   FetchedDocument fetched;
-  int result =
-      FetchDocument(inventory, nullptr, system.manufacturerUri, timeout, BodyCheck::Parse, fetched);
+  int result = FetchDocument(inventory.Requests(), nullptr, system.manufacturerUri, timeout,
+                             BodyCheck::Parse, fetched);
   if (result != RedfishStatusOk) return result;
   std::string manufacturer;
   result = ManufacturerOf(fetched.document, manufacturer);
@@ -134,9 +134,9 @@ int ReadPowerState(Inventory& inventory, std::string& powerState, milliseconds t
   int result = inventory.PopulatedSystem(timeout, systemIndex);
   if (result != RedfishStatusOk) return result;
   FetchedDocument fetched;
-  result =
-      FetchDocument(inventory, "PowerState URI: %1", inventory.systems[systemIndex].powerStateUri,
-                    timeout, BodyCheck::Verify, fetched);
+  result = FetchDocument(inventory.Requests(), "PowerState URI: %1",
+                         inventory.systems[systemIndex].powerStateUri, timeout, BodyCheck::Verify,
+                         fetched);
   return result != RedfishStatusOk ? result : PowerStateOf(fetched.document, powerState);
 }
 
@@ -165,10 +165,11 @@ int SendPowerCommand(Inventory& inventory, REDFISHCMD command, milliseconds time
   TESSEL_LOG(inventory.Logger(), 5, "Power Command JSON: %1", body);
   TESSEL_LOG(inventory.Logger(), 5, "Power Command URI: %1", system.resetUri);
   std::string response;
-  result = inventory.Connection().MakeHttpRequestPost(system.resetUri, body, response, false,
-                                                      kPowerRequestTimeout);
+  result = inventory.Requests().Post(system.resetUri, body, response, kPowerRequestTimeout);
   if (result == RedfishStatusOk) return RedfishStatusOk;
-  if (IsNoActionStatus(system.oem, result)) return RedfishStatusNoActionNeeded;
+  if (IsNoActionStatus(inventory.systems[systemIndex].oem, result)) {
+    return RedfishStatusNoActionNeeded;
+  }
 
   rapidjson::Document document;
   if (BmcRedfishUtils::VerifyJson(inventory.Logger(), response, document, true) !=

@@ -6,6 +6,7 @@
 #include <set>
 #include <sstream>
 
+#include "bmcredfish.h"
 #include "exposition.h"
 
 namespace {
@@ -69,7 +70,7 @@ std::set<std::string> Series(const std::map<std::string, std::string>& samples) 
 TEST(Exposition, EachReadingGoesToTheMetricOfItsUnitInBaseUnits) {
   Snapshot s;
   ApplyRead(s, Good(), 1000);
-  const auto samples = Samples(Render(s, {1005, 0.02}));
+  const auto samples = Samples(Render(s, {1005, 0.02, "1.7.3"}));
   const std::string dell = R"(chassis="System.Embedded.1",id=")";
   const std::map<std::string, std::string> expected = {
       {"bmcredfish_sensor_temperature_celsius{" + dell + R"(CPU1Temp",name="CPU1 Temp"})", "41"},
@@ -92,6 +93,10 @@ TEST(Exposition, EachReadingGoesToTheMetricOfItsUnitInBaseUnits) {
       {"bmcredfish_readings_age_seconds", "5"},
       {"bmcredfish_last_success_timestamp_seconds", "1000"},
       {R"(bmcredfish_last_result{call="sensor_readings"})", "0"},
+      // The library loaded, not the header the exporter was built with.
+      {R"(bmcredfish_exporter_build_info{version=")" BMCREDFISH_VERSION_STRING
+       R"(",library_version="1.7.3"})",
+       "1"},
   };
   for (const auto& e : expected) {
     auto found = samples.find(e.first);
@@ -100,33 +105,26 @@ TEST(Exposition, EachReadingGoesToTheMetricOfItsUnitInBaseUnits) {
   }
 }
 
-TEST(Exposition, LabelValuesAreEscapedAndAlwaysValidUtf8) {
-  EXPECT_EQ(LabelValue("a\"b\\c\nd"), "a\\\"b\\\\c\\nd");
-  EXPECT_EQ(LabelValue("Temp \xC2\xB0"
-                       "C \xE2\x82\xAC \xF0\x9F\x94\xA5"),
-            "Temp \xC2\xB0"
-            "C \xE2\x82\xAC \xF0\x9F\x94\xA5");
-  // Stray, overlong, surrogate and truncated sequences, and a NUL: each byte replaced.
-  std::string replaced;
-  for (int i = 0; i < 9; ++i) replaced += "\xEF\xBF\xBD";
-  EXPECT_EQ(LabelValue(std::string("x\xFF\xC0\xAF\xED\xA0\x80\xE2\x82\0", 10)), "x" + replaced);
+TEST(Exposition, LabelValuesAreTheBmcsTextsAsRedfishctlPrintsThemEscaped) {
+  // Printable first (no control byte, valid UTF-8), then the format's escapes.
+  EXPECT_EQ(LabelValue("a\"b\\c\nd\xFF\xC2\xB0"), "a\\\"b\\\\c\\\\x0ad\xEF\xBF\xBD\xC2\xB0");
   EXPECT_EQ(SampleValue(0.1 + 0.2), "0.30000000000000004");
   EXPECT_EQ(SampleValue(-1.0 / 0.0), "-Inf");
 }
 
 TEST(Exposition, FailedAndMalformedReadsKeepEverySeriesMarkedStale) {
   Snapshot s;
-  const auto before = Series(Samples(Render(s, {1000, 0})));
+  const auto before = Series(Samples(Render(s, {1000, 0, "1.1.0"})));
   EXPECT_EQ(before.count("bmcredfish_up"), 1u);
   EXPECT_EQ(before.count(R"(bmcredfish_last_result{call="power_state"})"), 0u) << "no read yet";
 
   ApplyRead(s, Good(), 1000);
-  const auto good = Samples(Render(s, {1000, 0}));
+  const auto good = Samples(Render(s, {1000, 0, "1.1.0"}));
 
   ReadResult refused;
   refused.power = refused.sensors = {40005, 7};
   ApplyRead(s, refused, 1060);
-  auto failed = Samples(Render(s, {1060, 0}));
+  auto failed = Samples(Render(s, {1060, 0, "1.1.0"}));
   EXPECT_EQ(Series(failed), Series(good));
   EXPECT_EQ(failed[R"(bmcredfish_last_result{call="power_state"})"], "40005");
   EXPECT_EQ(failed[R"(bmcredfish_last_failure_link{call="sensor_readings"})"], "7");
@@ -135,7 +133,7 @@ TEST(Exposition, FailedAndMalformedReadsKeepEverySeriesMarkedStale) {
 
   // The library's document not of the expected shape counts as a bad document.
   ApplyRead(s, Good(R"({"Chassis":{}})"), 1070);
-  failed = Samples(Render(s, {1070, 0}));
+  failed = Samples(Render(s, {1070, 0, "1.1.0"}));
   EXPECT_EQ(Series(failed), Series(good));
   EXPECT_EQ(failed[R"(bmcredfish_last_result{call="sensor_readings"})"], "20004");
   EXPECT_EQ(failed[R"(bmcredfish_last_result{call="power_state"})"], "0");

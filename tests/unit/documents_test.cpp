@@ -216,11 +216,20 @@ TEST(Readings, ThermalAndPowerOfARealBmc) {
 TEST(Readings, DocumentIsValidJsonForAnyText) {
   ChassisReadings c{"1", "/redfish/v1/Chassis/1", "Sensors", {}};
   c.sensors.push_back({"a\"b", "name\n", std::nullopt, "Cel", "Temperature", "OK"});
-  c.sensors.push_back({"x", "y", 1.5, "", "", ""});
-  const rapidjson::Document document = Parsed(ReadingsDocument({c}));
+  c.sensors.push_back({"x", "y", 1.5,
+                       "\xB0"
+                       "C\xC2\xB0",
+                       "", "\xED\xA0\x80"});
+  rapidjson::Document document;
+  document.Parse<rapidjson::kParseValidateEncodingFlag>(ReadingsDocument({c}).c_str());
   ASSERT_FALSE(document.HasParseError());
   const rapidjson::Value& sensors = document["Chassis"][0]["Sensors"];
   EXPECT_STREQ(sensors[0]["Id"].GetString(), "a\"b");
   EXPECT_TRUE(sensors[0]["Reading"].IsNull());
   EXPECT_DOUBLE_EQ(sensors[1]["Reading"].GetDouble(), 1.5);
+  // A BMC's bytes that are not UTF-8 become U+FFFD; valid ones stay.
+  EXPECT_STREQ(sensors[1]["ReadingUnits"].GetString(),
+               "\xEF\xBF\xBD"
+               "C\xC2\xB0");
+  EXPECT_STREQ(sensors[1]["Health"].GetString(), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");
 }

@@ -1,24 +1,14 @@
-#include "failure_text.h"
+#include "advice.h"
 
-#include <netdb.h>
+#include <arpa/inet.h>
 
-#include <cstdio>
 #include <cstring>
 
 namespace {
 
-bool Resolves(const std::string& host) {
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* found = nullptr;
-  if (getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0) return false;
-  freeaddrinfo(found);
-  return true;
-}
-
 constexpr char kSmbiosCheck[] =
     "redfishctl doctor shows the host interface record; run on a host with a Redfish host "
-    "interface or inside tools/host-sim, or name the BMC with --host";
+    "interface, or name the BMC with --host";
 constexpr char kRouteCheck[] =
     "the route document: curl http://localhost:549/portico/config/json/bmcApi.json";
 constexpr char kCredentialsCheck[] =
@@ -51,8 +41,17 @@ std::string BmcCheck(const RedfishFailure& f, const std::string& host) {
 std::string ConfigEndpointCheck(const RedfishFailure& f, const std::string& host) {
   if (!IsHttpStatus(f.result))
     return "is the proxy running, with its configuration endpoint on localhost:549?";
-  if (std::strcmp(f.method, "PUT") == 0 && !host.empty() && !Resolves(host))
-    return "the host name " + host + " does not resolve";
+  if (std::strcmp(f.method, "PUT") == 0 && !host.empty()) {
+    // The endpoint refuses a route it cannot use, such as one to a name that
+    // does not resolve; the name is not looked up here, as a resolver may
+    // take longer than the command has left.
+    unsigned char address[16];
+    if (inet_pton(AF_INET, host.c_str(), address) == 1 ||
+        inet_pton(AF_INET6, host.c_str(), address) == 1)
+      return "the configuration endpoint refused a route to " + host + ": the proxy's log";
+    return "the configuration endpoint refused a route to " + host +
+           ": does that name resolve (getent hosts " + host + "), and is it the BMC?";
+  }
   return "the proxy's log; a route to --host must name a reachable BMC";
 }
 
@@ -81,36 +80,6 @@ std::string GuardCheck(const RedfishFailure& f) {
 
 }  // namespace
 
-RedfishFailure LastFailure(int code) {
-  RedfishFailure failure{};
-  failure.size = sizeof failure;
-  if (Redfish_GetLastFailure(&failure) != 0 || failure.result != code) {
-    failure = RedfishFailure{};
-    failure.size = sizeof failure;
-    failure.result = code;
-  }
-  return failure;
-}
-
-const char* LinkLabel(RedfishLink link) {
-  static const char* const kLabels[] = BMCREDFISH_LINK_LABELS;
-  const auto index = static_cast<size_t>(link);
-  return index < sizeof kLabels / sizeof kLabels[0] ? kLabels[index] : "unknown";
-}
-
-std::string FailureCause(const RedfishFailure& f) {
-  const std::string exchange = f.method[0] != '\0' ? std::string(f.method) + " " + f.uri : "";
-  if (f.httpStatus != 0)
-    return exchange + " answered " + std::to_string(f.httpStatus) +
-           (f.detail[0] != '\0' ? ": " + std::string(f.detail) : "");
-  // A transport failure is the exchange's own; other causes only follow it.
-  const bool transport = f.link == REDFISH_LINK_PROXY || f.link == REDFISH_LINK_BMC ||
-                         f.link == REDFISH_LINK_CONFIG_ENDPOINT;
-  if (exchange.empty()) return f.detail;
-  if (transport) return exchange + ": " + f.detail;
-  return f.detail[0] != '\0' ? std::string(f.detail) + " (after " + exchange + ")" : exchange;
-}
-
 std::string FailureCheck(const RedfishFailure& f, const std::string& host,
                          const std::string& command) {
   // The links whose advice depends on the answer, then one for each other.
@@ -123,28 +92,4 @@ std::string FailureCheck(const RedfishFailure& f, const std::string& host,
                                         "", "", kCredentialsCheck, "", kDocumentCheck};
   const auto index = static_cast<size_t>(f.link);
   return index < sizeof kChecks / sizeof kChecks[0] ? kChecks[index] : "";
-}
-
-std::string JsonEscape(const std::string& text) {
-  std::string out;
-  for (char c : text) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += c;
-    } else if (static_cast<unsigned char>(c) < 0x20) {
-      char buf[8];
-      std::snprintf(buf, sizeof buf, "\\u%04x", c);
-      out += buf;
-    } else {
-      out += c;
-    }
-  }
-  return out;
-}
-
-std::string FailureJson(const RedfishFailure& f) {
-  return "\"result\":" + std::to_string(f.result) + ",\"link\":\"" + LinkLabel(f.link) +
-         "\",\"httpStatus\":" + std::to_string(f.httpStatus) + ",\"method\":\"" +
-         JsonEscape(f.method) + "\",\"uri\":\"" + JsonEscape(f.uri) + "\",\"detail\":\"" +
-         JsonEscape(f.detail) + "\"";
 }

@@ -1,6 +1,11 @@
-#include "mac.h"
+#include "toolkit/mac.h"
 
 #include <cctype>
+#include <cstring>
+
+#include "bmcredfish.h"
+
+namespace toolkit {
 
 bool ParseMac(const std::string& text, std::string& canonical) {
   if (text.size() != 17) return false;
@@ -46,3 +51,17 @@ std::vector<std::string> MacNotations(const std::string& canonical, const std::s
   }
   return all;
 }
+
+int ReadBmcMac(const char* user, const char* password, const char* host, const char* mac,
+               unsigned int timeoutMs, std::string& text) {
+  // The call cuts its text to the buffer. A MAC text is 17 bytes; a longer
+  // one is cut here, and a text that long matches no MAC anyway.
+  char buffer[64] = {};
+  unsigned int length = sizeof buffer;
+  const int result = Redfish_GetMacAddress(user, password, host, mac, timeoutMs, buffer, &length);
+  if (result != 0) return result;
+  text.assign(buffer, strnlen(buffer, sizeof buffer));
+  return 0;
+}
+
+}  // namespace toolkit

@@ -1,6 +1,8 @@
-#include "result_text.h"
+#include "toolkit/result_text.h"
 
 #include "bmcredfish.h"
+
+namespace toolkit {
 
 const char* ResultText(int code) {
   switch (code) {
@@ -29,3 +31,5 @@ const char* ResultText(int code) {
       return code >= 100 && code < 600 ? "HTTP status from the BMC or proxy" : "unknown result";
   }
 }
+
+}  // namespace toolkit
