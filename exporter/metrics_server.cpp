@@ -114,7 +114,8 @@ struct MetricsServer::Impl {
     c.scraping = false;
     const Snapshot snapshot = collector.Finish(c.ticket);
     const double took = std::chrono::duration<double>(Clock::now() - c.scrapeStart).count();
-    return Send(mhd, MHD_HTTP_OK, Render(snapshot, {WallSeconds(), took, options.libraryVersion}), kExpositionContentType);
+    return Send(mhd, MHD_HTTP_OK, Render(snapshot, {WallSeconds(), took, options.libraryVersion}),
+                kExpositionContentType);
   }
 
   // How long a scrape may wait for a read: its scraper's time-out less the
