@@ -12,8 +12,12 @@
 #include "bmcredfish.h"
 #include "resources/any_resource.h"
 #include "resources/chassis.h"
+#include "resources/event_log.h"
+#include "resources/health.h"
 #include "resources/inventory.h"
 #include "resources/mac_guard.h"
+#include "resources/read_context.h"
+#include "resources/system_states.h"
 #include "resources/systems.h"
 #include "utils/failure_record.h"
 #include "utils/redfish_status.h"
@@ -82,6 +86,12 @@ int TextCall(const char* user, const char* password, const char* host, char** ou
     if (result == 0) *out = CopyForCaller(text);
     return result;
   });
+}
+
+// The whole-read budget of a 1.1 read.
+milliseconds WholeRead(unsigned int timeoutMs) {
+  constexpr unsigned int kDefaultWholeReadMs = 10000;
+  return milliseconds(timeoutMs != 0 ? timeoutMs : kDefaultWholeReadMs);
 }
 
 }  // namespace
@@ -200,3 +210,31 @@ extern "C" BMCREDFISH_API int Redfish_GetResource(const char* user, const char* 
 }
 
 extern "C" BMCREDFISH_API const char* Redfish_GetVersion(void) { return BMCREDFISH_VERSION_STRING; }
+
+extern "C" BMCREDFISH_API int Redfish_GetSystems(const char* user, const char* password,
+                                                 const char* host, unsigned int timeoutMs,
+                                                 char** json) {
+  return TextCall(user, password, host, json, [&](Inventory& inventory, std::string& text) {
+    redfish::ReadContext read(inventory, WholeRead(timeoutMs));
+    return redfish::ReadSystemStates(read, text);
+  });
+}
+
+extern "C" BMCREDFISH_API int Redfish_GetHealth(const char* user, const char* password,
+                                                const char* host, unsigned int timeoutMs,
+                                                const char* previous, const char* readings,
+                                                char** json) {
+  return TextCall(user, password, host, json, [&](Inventory& inventory, std::string& text) {
+    redfish::ReadContext read(inventory, WholeRead(timeoutMs));
+    return redfish::ReadHealth(read, previous, readings, text);
+  });
+}
+
+extern "C" BMCREDFISH_API int Redfish_GetLogEntries(const char* user, const char* password,
+                                                    const char* host, unsigned int timeoutMs,
+                                                    const char* cursor, char** json) {
+  return TextCall(user, password, host, json, [&](Inventory& inventory, std::string& text) {
+    redfish::ReadContext read(inventory, WholeRead(timeoutMs));
+    return redfish::ReadLogEntries(read, cursor, text);
+  });
+}

@@ -1,11 +1,13 @@
 #include "connection/bmc_redfish_connection.h"
 
+#include "connection/request_parts.h"
 #include "platform/mirel/base64.h"
 #include "resources/bmc_requests.h"
 #include "resources/chassis.h"
 #include "resources/inventory.h"
 #include "resources/managers.h"
 #include "resources/systems.h"
+#include "transport/concurrent_gets.h"
 #include "utils/failure_record.h"
 #include "utils/redfish_status.h"
 
@@ -24,8 +26,9 @@ constexpr char kBaseUrl[] = "/bmc";
 class ConnectionRequests final : public BmcRequests {
  public:
   ConnectionRequests(BmcRedfishConnection& connection, Tessel::Service::Logger* logger,
-                     const std::string& baseUrl)
-      : connection_(connection), logger_(logger), baseUrl_(baseUrl) {}
+                     const std::string& baseUrl, const std::string& jwt,
+                     const std::optional<std::string>& token)
+      : connection_(connection), logger_(logger), baseUrl_(baseUrl), jwt_(jwt), token_(token) {}
 
   int Get(const std::string& target, std::string& body, milliseconds timeout) override {
     return connection_.MakeHttpRequestGet(target, body, timeout);
@@ -34,6 +37,9 @@ class ConnectionRequests final : public BmcRequests {
            milliseconds timeout) override {
     return connection_.MakeHttpRequestPost(target, body, response, false, timeout);
   }
+  void GetConcurrently(const std::vector<std::string>& targets, size_t maxInFlight,
+                       milliseconds timeout, std::vector<int>& results,
+                       std::vector<std::string>& bodies) override;
   Tessel::Service::Logger* Logger() const override { return logger_; }
   const std::string& BaseUrl() const override { return baseUrl_; }
 
@@ -41,7 +47,36 @@ class ConnectionRequests final : public BmcRequests {
   BmcRedfishConnection& connection_;
   Tessel::Service::Logger* logger_;
   const std::string& baseUrl_;
+  const std::string& jwt_;
+  const std::optional<std::string>& token_;
 };
+
+void ConnectionRequests::GetConcurrently(const std::vector<std::string>& targets,
+                                         size_t maxInFlight, milliseconds timeout,
+                                         std::vector<int>& results,
+                                         std::vector<std::string>& bodies) {
+  results.assign(targets.size(), RedfishStatusOk);
+  bodies.assign(targets.size(), std::string());
+  std::vector<ProxyGet> gets;
+  std::vector<size_t> sent;  // the index in targets of each of gets
+  for (size_t i = 0; i < targets.size(); ++i) {
+    ProxyGet get{targets[i], {}, {}, RedfishStatusOk};
+    results[i] = CreateRequest(Tessel::Http::Get, targets[i], logger_, get.request);
+    if (results[i] != RedfishStatusOk) continue;
+    SetAuthentication(*get.request, token_, jwt_);
+    get.request->SetHeader("Accept", "application/json");
+    gets.push_back(std::move(get));
+    sent.push_back(i);
+  }
+  SendConcurrently(*BmcRedfishConnection::_bmc_con.Get(), gets, maxInFlight, timeout);
+  for (size_t k = 0; k < gets.size(); ++k) {
+    ProxyGet& get = gets[k];
+    std::string& body = bodies[sent[k]];
+    if (get.response) ReadWholeBody(*get.response, get.response->GetHeader("Content-Length"), body);
+    TESSEL_LOG(logger_, 5, "GET %1: %2, %3 bytes", get.url, get.result, body.size());
+    results[sent[k]] = get.response ? Answered(get.result, body) : get.result;
+  }
+}
 
 }  // namespace
 
@@ -68,7 +103,7 @@ BmcRedfishConnection::BmcRedfishConnection(const std::string& host, const std::s
     TESSEL_LOG(logger_, 3, "Failed to create a redfish session.");
     throw result;
   }
-  requests_ = std::make_unique<ConnectionRequests>(*this, logger_, baseUrl_);
+  requests_ = std::make_unique<ConnectionRequests>(*this, logger_, baseUrl_, _jwt, sessionToken_);
   inventory_ = std::make_unique<Inventory>(*requests_);
 }
 

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "connection/bmc_redfish_connection.h"
-#include "connection/request_target.h"
+#include "connection/request_parts.h"
 #include "utils/failure_record.h"
 #include "utils/redfish_status.h"
 
@@ -19,55 +19,6 @@ namespace {
 
 // POST and DELETE answers are read once, into a buffer of this size.
 constexpr uint32_t kSingleReadSize = 2048;
-constexpr uint32_t kDefaultGetBufferSize = 2048;
-// A larger body is read in several passes rather than into one buffer sized
-// by whatever Content-Length the answer claims.
-constexpr uint64_t kMaxGetBufferSize = 1 << 20;
-
-// Builds the request unless its target, made from ids the BMC chose, could
-// leave the proxy's BMC route; a refused target is never sent.
-int CreateRequest(Http::HttpMethod method, const std::string& url, Service::Logger* logger,
-                  Ref<Http::ClientRequest>& request) {
-  // The client checks the rest of the target itself; the reason is looked up
-  // only for a refused one.
-  const char* problem = RouteProblem(url);
-  if (problem == nullptr) {
-    try {
-      Http::CreateHttpRequest(method, url, request);
-      return RedfishStatusOk;
-    } catch (const Tessel::InvalidArgumentException& e) {
-      problem = UnsafeRequestTarget(url);
-      if (problem == nullptr) problem = e.what();
-    }
-  }
-  TESSEL_LOG(logger, 3, "%1: refused request target '%2': %3", Http::MethodName(method), url,
-             problem);
-  NoteExchange(Http::MethodName(method), url);
-  NoteFailure(REDFISH_LINK_GUARD, RedfishStatusInvalidArgument,
-              std::string("refused request target: ") + problem);
-  return RedfishStatusInvalidArgument;
-}
-
-// Content-Length as a buffer size: digits only, else the default size. The
-// platform has already received the whole body, so the value is only a hint.
-uint64_t BufferSizeFor(std::string_view length) {
-  if (length.empty() || length.size() > 19) return kDefaultGetBufferSize;
-  uint64_t size = 0;
-  for (char c : length) {
-    if (c < '0' || c > '9') return kDefaultGetBufferSize;
-    size = size * 10 + static_cast<uint64_t>(c - '0');
-  }
-  return std::min(size, kMaxGetBufferSize);
-}
-
-void SetAuthentication(Http::ClientRequest& request, const std::optional<std::string>& token,
-                       const std::string& jwt) {
-  if (token) {
-    request.SetHeader("X-Auth-Token", *token);
-  } else {
-    request.SetHeader("Authorization", "Basic " + jwt);
-  }
-}
 
 // One read of at most kSingleReadSize bytes; a read of -1 (no body) gives an
 // empty text.
@@ -78,13 +29,6 @@ std::string ReadOnce(Http::ClientResponse& response, Service::Logger* logger, in
   std::string text(buffer.data(), strnlen(buffer.data(), kSingleReadSize));
   text.resize(static_cast<size_t>(static_cast<int64_t>(count)));
   return text;
-}
-
-// The result of an answered request: 401 means the credentials were refused.
-// A failed answer's body tells who answered (the BMC or the proxy).
-int Answered(int result, const std::string& body) {
-  if (result > 0 && result < 1000) NoteAnswer(result, body);
-  return result == Http::ResponseCode::Unauthorized ? RedfishStatusUnauthorized : result;
 }
 
 }  // namespace
@@ -105,18 +49,9 @@ int BmcRedfishConnection::MakeHttpRequestGet(const std::string& url, std::string
   int result = _bmc_con->SendRequestToProxy(url, request, answer, Http::Get, timeout);
   if (!answer) return result;
 
-  uint64_t size = kDefaultGetBufferSize;
-  if (auto length = answer->GetHeader("Content-Length")) {
-    TESSEL_LOG(logger_, 5, "[ClientResponse::Content-Length] %1", *length);
-    size = BufferSizeFor(*length);
-  }
-  const auto capacity = static_cast<uint32_t>(size);
-  std::vector<char> buffer(capacity, '\0');
-  for (;;) {
-    int32_t n = answer->ReadBody(buffer.data(), capacity);
-    if (n < 0) break;
-    response.append(buffer.data(), static_cast<size_t>(n));
-  }
+  std::optional<std::string_view> length = answer->GetHeader("Content-Length");
+  if (length) TESSEL_LOG(logger_, 5, "[ClientResponse::Content-Length] %1", *length);
+  ReadWholeBody(*answer, length, response);
   TESSEL_LOG(logger_, 5, "[ClientResponse::Read] Read %1 bytes%2",
              static_cast<int32_t>(response.size()),
              result == RedfishStatusOk ? std::string() : "\n'" + response + "'");

@@ -265,6 +265,52 @@ BMCREDFISH_API int Redfish_GetResource(const char* user, const char* password, c
  */
 BMCREDFISH_API const char* Redfish_GetVersion(void);
 
+/*
+ * The 1.1 reads below take the whole read's time-out: every request they make
+ * gets what is left of timeoutMs (0 means 10000 ms), and a read that runs out
+ * fails with 10003. They follow at most 4096 members of the BMC's
+ * collections, whatever it lists, and say so in the failure record when that
+ * stops them. They use Redfish query options only where the BMC's service
+ * root advertises them, and send at most four requests at once. Each returns
+ * one JSON document (valid UTF-8) in *json, to be freed with
+ * Redfish_FreeText; on failure *json is null.
+ */
+
+/*
+ * Every computer system's power state and status, whatever the BMC's maker:
+ *   {"Systems":[{"Id":"1","@odata.id":"/redfish/v1/Systems/1","PowerState":"On",
+ *                "Status":{"State":"Enabled","Health":"OK","HealthRollup":"OK"}}]}
+ * Texts the BMC left out are "". A BMC without systems (a chassis manager)
+ * gives {"Systems":[]} and 0. Once the systems are known, one request per
+ * system.
+ */
+BMCREDFISH_API int Redfish_GetSystems(const char* user, const char* password, const char* host,
+                                      unsigned int timeoutMs, char** json);
+
+/*
+ * The hardware's health with the failed parts named: the systems' and
+ * chassis' Status, each component (power supplies, fans, memory, processors,
+ * storage controllers, drives, volumes, network adapters, the BMC) with its
+ * id, name, State and Health, firmware versions, and the library's own rollup
+ * (the worst of all of them and of the sensors' health in readings).
+ * previous: a document an earlier call returned, or null; the parts it holds
+ * are reused while nothing says they changed (see bmcredfish(3)).
+ * readings: a document of Redfish_GetSensorReadings, or null.
+ */
+BMCREDFISH_API int Redfish_GetHealth(const char* user, const char* password, const char* host,
+                                     unsigned int timeoutMs, const char* previous,
+                                     const char* readings, char** json);
+
+/*
+ * The entries of the BMC's event log (its SEL, event log or integrated
+ * management log, found through the LogServices of its systems and
+ * managers) newer than cursor, normalised, oldest first, with the cursor to
+ * pass next time. cursor: the "Cursor" of an earlier document, or null for
+ * every entry (see bmcredfish(3)).
+ */
+BMCREDFISH_API int Redfish_GetLogEntries(const char* user, const char* password, const char* host,
+                                         unsigned int timeoutMs, const char* cursor, char** json);
+
 #ifdef __cplusplus
 }
 #endif

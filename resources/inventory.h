@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "resources/bmc_requests.h"
+#include "resources/read_memory.h"
 #include "resources/redfish_records.h"
 
 namespace redfish {
@@ -66,6 +67,8 @@ class Inventory {
   bool chassisPopulated = false;
   std::vector<ReadingsSourceRecord> readings;
   bool readingsPopulated = false;
+  // The 1.1 reads' own, apart from the walks above.
+  ReadMemory memory;
 
  private:
   int PopulateOnce(bool& populated, const char* collection, std::chrono::milliseconds timeout,

@@ -4,6 +4,7 @@
 
 #include <new>
 
+#include "transport/exchange_failure.h"
 #include "utils/failure_record.h"
 #include "utils/redfish_status.h"
 
@@ -23,9 +24,6 @@ namespace {
 constexpr char kProxyHost[] = "localhost";
 constexpr int kProxyPort = 80;
 constexpr int64_t kDefaultTimeoutMs = 4000;
-// The platform reports a connect that timed out before anything was sent as
-// a system error with this number (ETIMEDOUT).
-constexpr int kConnectTimedOut = 110;
 
 // A child forked while another thread held gMutex (a route update under way)
 // would wait for it for ever: the child gets a fresh one, and redoes the
@@ -112,41 +110,10 @@ int BmcHttpConnection::SendRequestToProxy(const std::string& url, Ref<Http::Clie
       agent->AsyncSendRequest(request.Get(), {}, handle);
       agent->WaitForResponse(handle.Get(), timeoutMs * 1000, response);
       break;
-    } catch (const Tessel::Ssl::SSLVerifyException& e) {
-      TESSEL_LOG(_logger, 3, "%1: Failed SSL verification of server with hostname '%2': %3",
-                 methodName, target(), e.what());
-      NoteFailure(REDFISH_LINK_PROXY, RedfishStatusSslVerify, e.what());
-      return RedfishStatusSslVerify;
-    } catch (const Tessel::InvalidArgumentException& e) {
-      // Deliberately the time-out wording; only the code tells them apart.
-      TESSEL_LOG(_logger, 3, "%1: Response from %2 timed out after %3 milliseconds: %4", methodName,
-                 target(), timeoutMs, e.what());
-      NoteFailure(REDFISH_LINK_GUARD, RedfishStatusInvalidArgument, e.what());
-      return RedfishStatusInvalidArgument;
-    } catch (const Tessel::TimeoutException& e) {
-      TESSEL_LOG(_logger, 3, "%1: Response from %2 timed out after %3 milliseconds: %4", methodName,
-                 target(), timeoutMs, e.what());
-      NoteFailure(REDFISH_LINK_BMC, RedfishStatusTimeout,
-                  Tessel::Detail::ASPrintInternal(
-                      "no answer within %1 ms through the proxy (the BMC is slow or unreachable)",
-                      timeoutMs));
-      return RedfishStatusTimeout;
-    } catch (const Tessel::SystemException& e) {
-      // Only a connect that timed out before anything was sent is retried; the
-      // platform never reports it once a byte of the request may have left.
+    } catch (const Tessel::Exception&) {
       const int64_t timeLeft = deadline - Tessel::System::GetMonotonicTime();
-      if (e.GetError() == kConnectTimedOut && timeLeft > 0) {
-        TESSEL_LOG(_logger, 5, "%1: Retrying connection to %2. Time left: %3", methodName, target(),
-                   timeLeft);
-        continue;
-      }
-      NoteFailure(REDFISH_LINK_PROXY, RedfishStatusSystemError, e.what());
-      return RedfishStatusSystemError;
-    } catch (const Tessel::Exception& e) {
-      TESSEL_LOG(_logger, 3, "%1: AsyncSendRequest to %2 failed : %3", methodName, target(),
-                 e.what());
-      NoteFailure(REDFISH_LINK_PROXY, RedfishStatusTransportError, e.what());
-      return RedfishStatusTransportError;
+      const int result = ExchangeFailure(_logger.Get(), methodName, target, timeoutMs, timeLeft);
+      if (result != RedfishStatusOk) return result;
     }
   }
 

@@ -128,8 +128,12 @@ void PoolCore::Wait(Exchange& ex, int64_t limitUs) {
     }
     // A follower sleeps without the mutex. Its exchange mostly ends meanwhile,
     // and it then leaves without the mutex too: the leader has taken it off
-    // the waiters. Asked to lead instead, it goes round.
-    ex.ended.WaitUntil(deadline);
+    // the waiters. Asked to lead instead, or woken to write the log, it goes
+    // round.
+    {
+      const Service::LogSleep logSleep;
+      ex.ended.WaitUntil(logSleep.Until(deadline));
+    }
     if (ex.finished.load(std::memory_order_acquire) &&
         !ex.leadAsked.load(std::memory_order_acquire)) {
       return;
@@ -256,7 +260,12 @@ void PoolCore::DriveOnce(const Exchange* own, int64_t deadline) {
     mutex_.Unlock();
     for (auto& w : wake) w->ended.Post();
   }  // nothing on the heap is held across the poll, where a fork() may find it
-  const int ready = poll(fds, n, timeoutMs);
+  int ready;
+  {
+    // Woken in time to write the log that other calls left to it.
+    const Service::LogSleep logSleep;
+    ready = poll(fds, n, logSleep.PollTimeoutMs(timeoutMs));
+  }
   mutex_.Lock();
   if (ready < 0) return;
   deferWake_ = true;

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
@@ -60,6 +61,29 @@ class LogBatch {
   ~LogBatch();
   LogBatch(const LogBatch&) = delete;
   LogBatch& operator=(const LogBatch&) = delete;
+};
+
+// A thread of the library asleep (waiting for an answer), which must wake by
+// Until(): only while one lives may handed-over traces wait for other calls,
+// because it then writes those whose 50 ms have passed, or all of them when it
+// is the last sleeper to wake. It also hands its own call's traces over once
+// the oldest is 50 ms old, so that a call stuck on a slow BMC has them written.
+class LogSleep {
+ public:
+  LogSleep() noexcept;
+  ~LogSleep();
+  LogSleep(const LogSleep&) = delete;
+  LogSleep& operator=(const LogSleep&) = delete;
+  // The monotonic time (µs) to wake by: untilUs or earlier.
+  int64_t Until(int64_t untilUs) const noexcept {
+    return untilUs < wakeByUs_ ? untilUs : wakeByUs_;
+  }
+  // The same as a poll() time-out in ms (-1: none).
+  int PollTimeoutMs(int timeoutMs) const noexcept;
+
+ private:
+  int64_t startUs_ = 0;
+  int64_t wakeByUs_ = INT64_MAX;  // while not registered
 };
 
 // Formats a message and hands it to the sink; swallows anything either

@@ -6,6 +6,7 @@
 #include "bmcredfish.h"
 #include "platform/feature_state.h"
 #include "tests/unit/test_support.h"
+#include "transport/bmc_http_connection.h"
 #include "utils/redfish_status.h"
 
 using test_support::ScriptedBmc;
@@ -30,6 +31,7 @@ TEST_F(Api, HostKeysShareOrSeparateConnections) {
 }
 
 TEST_F(Api, FailedCreationIsLoggedAndRetriedButCredentialFailureThrows) {
+  redfish::BmcHttpConnection::_bmcJsonUpdated = false;
   fake_sysinfo::Current().record[4] = 0;  // no IPv4 address in the SMBIOS record
   bool on = false;
   EXPECT_EQ(Redfish_GetPowerState("u", "p", "", 100, &on), 30001);

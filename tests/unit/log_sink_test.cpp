@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
@@ -13,6 +14,7 @@
 #include <vector>
 
 #include "platform/tessel/logging.h"
+#include "platform/tessel/system.h"
 
 using Tessel::Service::kMaxLogRecordBytes;
 using Tessel::Service::LogRecordText;
@@ -165,4 +167,38 @@ TEST_F(BuiltInSink, ConcurrentCallsRecordsStayWholeAndInOrder) {
     next[t] = c;
   }
   EXPECT_EQ(count, kThreads * (2 * kCalls + kCalls / 50));
+}
+
+// Traces wait for other calls only while a thread sleeps in the library and
+// will wake by their deadline to write them; else the call that ends writes
+// them (the HTTP client's tests check its waits are such sleepers).
+TEST_F(BuiltInSink, TracesWaitOnlyForASleeperThatWakesByTheirDeadline) {
+  using Tessel::Service::LogSleep;
+  using Tessel::System::GetMonotonicTime;
+  const auto written = [this](const char* text) { return File().find(text) != std::string::npos; };
+  const auto otherCall = [this](const char* text) {
+    std::thread([&] {
+      const Tessel::Service::LogBatch call;
+      Tessel::Service::LogInternal(logger, 5, "%1", text);
+    }).join();
+  };
+  Use("file:" + path);
+  const Tessel::Service::LogBatch slow;  // a call that goes on meanwhile, not asleep
+  otherCall("ended while none slept");
+  EXPECT_TRUE(written("ended while none slept")) << "no thread would wake to write it";
+
+  const LogSleep sleep;  // the slow call waits for its answer
+  EXPECT_LE(sleep.Until(INT64_MAX), GetMonotonicTime() + 50000);
+  otherCall("ended while the slow call slept");
+  const int64_t handedOver = GetMonotonicTime();
+  EXPECT_FALSE(written("ended while the slow call slept")) << "left to the sleeper";
+  std::thread([&] {
+    // A sleeper from after the hand-over wakes at those records' deadline and
+    // writes them, though the first still sleeps.
+    const LogSleep later;
+    EXPECT_LE(later.Until(INT64_MAX), handedOver + 50000);
+    std::this_thread::sleep_for(
+        std::chrono::microseconds(later.Until(INT64_MAX) - GetMonotonicTime()));
+  }).join();
+  EXPECT_TRUE(written("ended while the slow call slept"));
 }

@@ -12,6 +12,8 @@ import threading
 
 from . import faults as faultlib
 from . import model as modellib
+from . import query as querylib
+from . import tree as treelib
 from .server import App, EmulatorServer, make_ssl_context
 
 
@@ -19,7 +21,7 @@ def parse_args(argv):
     ap = argparse.ArgumentParser(
         prog="bmc-emulator",
         description="HTTPS Redfish controller emulator with vendor profiles and fault injection.")
-    ap.add_argument("--profile", required=True, choices=modellib.PROFILES)
+    ap.add_argument("--profile", required=True, choices=treelib.all_profiles())
     ap.add_argument("--bind", default="127.0.0.1", help="address to listen on (default 127.0.0.1)")
     ap.add_argument("--port", type=int, default=443, help="TCP port; 0 picks a free one (default 443)")
     ap.add_argument("--user", default="admin")
@@ -33,6 +35,15 @@ def parse_args(argv):
                     help="seconds a reset takes to reach its power state; meanwhile PowerState "
                     "is PoweringOn on the way up, the old state on the way down "
                     "(default 0: at once)")
+    ap.add_argument("--query-options", choices=querylib.MODES,
+                    help="how query options are answered: honour what the service root advertises and "
+                    "ignore (advertised) or refuse with 501 (advertised-501) the rest, ignore them all, "
+                    "or refuse them all with 501 (reject-501); default: the profile's")
+    ap.add_argument("--no-protocol-features", action="store_true",
+                    help="serve the service root without ProtocolFeaturesSupported: nothing is advertised, "
+                    "so $expand answers collections with bare links (tree profiles)")
+    ap.add_argument("--latency", metavar="SECONDS", type=float,
+                    help="wait this long before answering each request (default: the profile's, mostly 0)")
     ap.add_argument("--ready-file", metavar="PATH", help="created once the emulator accepts connections")
     ap.add_argument("--cert-dir", metavar="DIR", help="where cert.pem and key.pem are written (default: temp dir)")
     args = ap.parse_args(argv)
@@ -45,6 +56,23 @@ def parse_args(argv):
         args.scale = scale
     except ValueError as e:
         ap.error("--scale: %s" % e)
+    if args.profile not in modellib.PROFILES:
+        try:
+            spec = treelib.load_spec(args.profile)
+        except (OSError, ValueError) as e:
+            ap.error("profile %s: %s" % (args.profile, e))
+        if set(args.scale) - {"sensors"} or (args.scale and "synthetic" not in spec):
+            ap.error("--scale: profile %s takes only sensors=N, and only if it is generated" % args.profile)
+        if args.no_protocol_features:
+            spec["no_protocol_features"] = True
+        args.spec = spec
+    else:
+        if args.query_options in ("advertised", "advertised-501") or args.no_protocol_features:
+            ap.error("profile %s has no advertised query options; --query-options takes ignore or "
+                     "reject-501 there" % args.profile)
+        args.spec = None
+    if args.latency is not None and not 0 <= args.latency <= 3600:
+        ap.error("--latency must be between 0 and 3600")
     try:
         args.fault = faultlib.parse_all(args.fault)
     except faultlib.FaultSpecError as e:
@@ -87,7 +115,10 @@ def write_ready_file(path, line):
 def main(argv=None):
     args = parse_args(sys.argv[1:] if argv is None else argv)
     try:
-        model = modellib.Model(args.profile, args.scale)
+        if args.spec is None:
+            model = modellib.Model(args.profile, args.scale)
+        else:
+            model = treelib.TreeModel(args.profile, args.spec, args.scale)
         model.power_settle = max(0.0, min(args.power_settle, 3600.0))
     except (OSError, ValueError, KeyError) as e:
         print("bmc-emulator: cannot load profile %s: %s" % (args.profile, e), file=sys.stderr)
@@ -103,7 +134,8 @@ def main(argv=None):
     app = None
     try:
         cert, key = make_certificate(cert_dir, args.bind)
-        app = App(model, args.user, args.password, args.fault, args.request_log)
+        app = App(model, args.user, args.password, args.fault, args.request_log, args.query_options,
+                  args.latency)
         server = EmulatorServer((args.bind, args.port), make_ssl_context(cert, key), app)
     except (OSError, RuntimeError) as e:
         print("bmc-emulator: %s" % e, file=sys.stderr)

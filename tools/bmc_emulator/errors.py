@@ -28,6 +28,20 @@ BASE_MESSAGES = {
         "The value '%1' for the parameter %2 is not a format that the parameter can accept.", "Warning",
         "Correct the value for the query parameter in the request and resubmit the request if the operation "
         "failed."),
+    "QueryParameterUnsupported": (
+        "Query parameter '%1' is not supported.", "Warning",
+        "Correct or remove the query parameter and resubmit the request."),
+    "QueryParameterOutOfRange": (
+        "The value '%1' for the query parameter %2 is out of range %3.", "Warning",
+        "Reduce the value for the query parameter to a value that is within range, such as a start or count "
+        "value that is within bounds of the number of resources in a collection or a page number that is within "
+        "the range of valid pages."),
+    "QueryCombinationInvalid": (
+        "Two or more query parameters in the request cannot be used together.", "Warning",
+        "Remove one or more of the query parameters and resubmit the request if the operation failed."),
+    "QueryNotSupportedOnResource": (
+        "Querying is not supported on the requested resource.", "Warning",
+        "Remove the query parameters and resubmit the request if the operation failed."),
     "ServiceTemporarilyUnavailable": (
         "The service is temporarily unavailable.  Retry in %1 seconds.", "Critical",
         "Wait for the indicated retry duration and retry the operation."),

@@ -29,7 +29,7 @@ RESET_SUFFIX = "/Actions/ComputerSystem.Reset"
 ACTION_INFO_SUFFIX = "/ResetActionInfo"
 
 POWER_STATES = ("On", "Off")
-_SENSORS_PATH = re.compile(r"^(.+)/Sensors(?:/[^/]+)?$")
+SENSORS_PATH = re.compile(r"^(.+)/Sensors(?:/[^/]+)?$")
 
 
 class ProfileError(ValueError):
@@ -111,28 +111,142 @@ class Resource:
         self.power_index = power_index
 
 
-class Model:
-    def __init__(self, profile_name, scale=None):
-        self.name = profile_name
-        self.profile = load_profile(profile_name)
-        self.resources = {}
+class ServiceState:
+    """Power states and sessions: what a client can change on any emulated BMC."""
+
+    def __init__(self, transitions):
         self.system_paths = []
         self.system_ids = []
-        self.chassis_paths = set()
         self.power = []
         # A real host takes a while to change state after a reset: index ->
         # (monotonic time the change completes, final state).
         self.power_settle = 0.0
         self._settling = {}
-        self.counts = dict.fromkeys(SCALE_KEYS, 0)
         self._lock = threading.Lock()
         self._sessions = {}         # token -> session body
         self._session_seq = 0
+        self.transitions = transitions
+
+    # -- power ------------------------------------------------------------
+
+    def find_system(self, selector):
+        """Index of a system given its index (int) or Id / path (str)."""
+        if isinstance(selector, bool):
+            return None
+        if isinstance(selector, int):
+            return selector if 0 <= selector < len(self.system_paths) else None
+        if isinstance(selector, str):
+            for i, (ident, path) in enumerate(zip(self.system_ids, self.system_paths)):
+                if selector in (ident, path):
+                    return i
+        return None
+
+    def _settle(self, index):
+        """Completes a state change whose time has come (lock held)."""
+        pending = self._settling.get(index)
+        if pending and time.monotonic() >= pending[0]:
+            self.power[index] = pending[1]
+            del self._settling[index]
+
+    def power_state(self, index):
+        with self._lock:
+            self._settle(index)
+            return self.power[index]
+
+    def reset(self, index, reset_type):
+        """Apply a ResetType; returns (outcome, state_before) with outcome 'done' or 'no-op'.
+        With power_settle > 0 the new state is reached that many seconds later;
+        meanwhile the system reads PoweringOn on its way up, its old state on its
+        way down."""
+        with self._lock:
+            self._settle(index)
+            before = self.power[index]
+            if index in self._settling:  # still changing: the target decides
+                before = self._settling[index][1]
+            after = self.transitions.get(reset_type, {}).get(before, before)
+            if after == "no-op":
+                return "no-op", before
+            if self.power_settle > 0:
+                # A shutting-down host still reads On; one coming up is PoweringOn.
+                self.power[index] = "PoweringOn" if after == "On" else before
+                self._settling[index] = (time.monotonic() + self.power_settle, after)
+            else:
+                self.power[index] = after
+            return "done", before
+
+    def set_power(self, index, state):
+        with self._lock:
+            self._settling.pop(index, None)
+            self.power[index] = state
+
+    def power_summary(self):
+        with self._lock:
+            for i in list(self._settling):
+                self._settle(i)
+            return [{"index": i, "Id": ident, "@odata.id": path, "PowerState": self.power[i]}
+                    for i, (ident, path) in enumerate(zip(self.system_ids, self.system_paths))]
+
+    # -- sessions ---------------------------------------------------------
+
+    def create_session(self, user):
+        token = secrets.token_hex(16)
+        with self._lock:
+            self._session_seq += 1
+            ident = str(self._session_seq)
+            body = {"@odata.id": SESSIONS + "/" + ident, "@odata.type": "#Session.v1_3_0.Session",
+                    "Id": ident, "Name": "User Session", "UserName": user}
+            self._sessions[token] = body
+        return token, body
+
+    def token_valid(self, token):
+        with self._lock:
+            return token in self._sessions
+
+    def delete_session(self, path):
+        with self._lock:
+            for token, body in self._sessions.items():
+                if body["@odata.id"] == path:
+                    del self._sessions[token]
+                    return True
+        return False
+
+    def _session_by_path(self, path):
+        if not path.startswith(SESSIONS + "/"):
+            return None
+        with self._lock:
+            for body in self._sessions.values():
+                if body["@odata.id"] == path:
+                    return body
+        return None
+
+
+class Model(ServiceState):
+    """One of the hand-written profiles: a tree built from its templates."""
+
+    is_tree = False
+    query_mode = None  # $select and $expand as described in tools/README.md
+    latency = 0.0
+
+    def __init__(self, profile_name, scale=None):
+        self.name = profile_name
+        self.profile = load_profile(profile_name)
         reset = self.profile["reset"]
+        super().__init__(reset["transitions"])
+        self.resources = {}
+        self.chassis_paths = set()
+        self.counts = dict.fromkeys(SCALE_KEYS, 0)
         self.allowable_values = list(reset["allowable_values"])
-        self.transitions = reset["transitions"]
         self._mac_upper = self._profile_mac_case()
         self._build(scale or {})
+
+    def allowable_for(self, index):
+        return self.allowable_values
+
+    def versions(self):
+        return {"v1": "/redfish/v1/"}
+
+    def error_status(self, path):
+        return None
 
     # -- construction -----------------------------------------------------
 
@@ -423,99 +537,7 @@ class Model:
 
     def sensors_owner(self, path):
         """The chassis path if `path` is a chassis's Sensors collection or one of its members."""
-        m = _SENSORS_PATH.match(path)
+        m = SENSORS_PATH.match(path)
         if m and m.group(1) in self.chassis_paths:
             return m.group(1)
-        return None
-
-    # -- power ------------------------------------------------------------
-
-    def find_system(self, selector):
-        """Index of a system given its index (int) or Id / path (str)."""
-        if isinstance(selector, bool):
-            return None
-        if isinstance(selector, int):
-            return selector if 0 <= selector < len(self.system_paths) else None
-        if isinstance(selector, str):
-            for i, (ident, path) in enumerate(zip(self.system_ids, self.system_paths)):
-                if selector in (ident, path):
-                    return i
-        return None
-
-    def _settle(self, index):
-        """Completes a state change whose time has come (lock held)."""
-        pending = self._settling.get(index)
-        if pending and time.monotonic() >= pending[0]:
-            self.power[index] = pending[1]
-            del self._settling[index]
-
-    def power_state(self, index):
-        with self._lock:
-            self._settle(index)
-            return self.power[index]
-
-    def reset(self, index, reset_type):
-        """Apply a ResetType; returns (outcome, state_before) with outcome 'done' or 'no-op'.
-        With power_settle > 0 the new state is reached that many seconds later;
-        meanwhile the system reads PoweringOn on its way up, its old state on its
-        way down."""
-        with self._lock:
-            self._settle(index)
-            before = self.power[index]
-            if index in self._settling:  # still changing: the target decides
-                before = self._settling[index][1]
-            after = self.transitions.get(reset_type, {}).get(before, before)
-            if after == "no-op":
-                return "no-op", before
-            if self.power_settle > 0:
-                # A shutting-down host still reads On; one coming up is PoweringOn.
-                self.power[index] = "PoweringOn" if after == "On" else before
-                self._settling[index] = (time.monotonic() + self.power_settle, after)
-            else:
-                self.power[index] = after
-            return "done", before
-
-    def set_power(self, index, state):
-        with self._lock:
-            self._settling.pop(index, None)
-            self.power[index] = state
-
-    def power_summary(self):
-        with self._lock:
-            for i in list(self._settling):
-                self._settle(i)
-            return [{"index": i, "Id": ident, "@odata.id": path, "PowerState": self.power[i]}
-                    for i, (ident, path) in enumerate(zip(self.system_ids, self.system_paths))]
-
-    # -- sessions ---------------------------------------------------------
-
-    def create_session(self, user):
-        token = secrets.token_hex(16)
-        with self._lock:
-            self._session_seq += 1
-            ident = str(self._session_seq)
-            body = {"@odata.id": SESSIONS + "/" + ident, "@odata.type": "#Session.v1_3_0.Session",
-                    "Id": ident, "Name": "User Session", "UserName": user}
-            self._sessions[token] = body
-        return token, body
-
-    def token_valid(self, token):
-        with self._lock:
-            return token in self._sessions
-
-    def delete_session(self, path):
-        with self._lock:
-            for token, body in self._sessions.items():
-                if body["@odata.id"] == path:
-                    del self._sessions[token]
-                    return True
-        return False
-
-    def _session_by_path(self, path):
-        if not path.startswith(SESSIONS + "/"):
-            return None
-        with self._lock:
-            for body in self._sessions.values():
-                if body["@odata.id"] == path:
-                    return body
         return None

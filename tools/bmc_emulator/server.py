@@ -14,7 +14,8 @@ from email.utils import formatdate
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from urllib.parse import parse_qsl, unquote, urlsplit
 
-from . import errors, faults as faultlib, model as modellib
+from . import errors, faults as faultlib, model as modellib, query as querylib
+from .query import select_properties as _select
 
 CONTROL_PREFIX = "/__emulator"
 MAX_BODY = 1 << 20
@@ -22,8 +23,6 @@ HANDSHAKE_TIMEOUT = 10
 IDLE_TIMEOUT = 60
 _EXPAND = re.compile(r"^[*.~](?:\(\$levels=\d+\))?$")
 _TOKEN = re.compile(r"^[!#$%&'*+.^_`|~0-9A-Za-z-]+$")
-# Always kept by $select so a client can still tell what it is looking at.
-_SELECT_KEEP = ("@odata.id", "@odata.type", "@odata.context")
 _RESET_ACTION = "ComputerSystem.Reset"
 
 
@@ -66,8 +65,12 @@ class RequestLog:
 class App:
     """State shared by all connections."""
 
-    def __init__(self, model, user, password, cli_faults=(), request_log=None):
+    def __init__(self, model, user, password, cli_faults=(), request_log=None, query_mode=None, latency=None):
         self.model = model
+        self.query_mode = query_mode or model.query_mode
+        self.latency = model.latency if latency is None else latency
+        self._flight_lock = threading.Lock()
+        self.in_flight = self.max_in_flight = 0
         self.profile = model.profile
         self.registry = self.profile.get("base_registry", "Base.1.0")
         self.content_type = self.profile.get("content_type", "application/json")
@@ -89,30 +92,24 @@ class App:
 
         return self.cli_faults.take(applies) + self.runtime_faults.take(applies)
 
+    def flight(self, delta):
+        """Counts Redfish requests being answered; the peak is what a client's
+        concurrency limit is checked against."""
+        with self._flight_lock:
+            self.in_flight += delta
+            self.max_in_flight = max(self.max_in_flight, self.in_flight)
+
+    def reset_log(self):
+        with self._flight_lock:
+            self.log.truncate()
+            self.max_in_flight = self.in_flight
+
     def state(self):
         faults = ([dict(f, source="cli") for f in self.cli_faults.describe()]
                   + [dict(f, source="runtime") for f in self.runtime_faults.describe()])
         return {"profile": self.model.name, "port": self.port, "systems": self.model.power_summary(),
-                "counts": self.model.counts, "faults": faults, "requests_logged": self.log.count}
-
-
-def _select(body, props):
-    out = {k: body[k] for k in _SELECT_KEEP if k in body}
-    for prop in props:
-        parts = prop.split("/")
-        src = body
-        for part in parts[:-1]:
-            src = src.get(part) if isinstance(src, dict) else None
-        if not isinstance(src, dict) or parts[-1] not in src:
-            continue  # unknown properties are left out, as most services do
-        dst = out
-        for part in parts[:-1]:
-            # Copy on the way down: `body` shares dicts with the model.
-            nxt = dict(dst[part]) if isinstance(dst.get(part), dict) else {}
-            dst[part] = nxt
-            dst = nxt
-        dst[parts[-1]] = src[parts[-1]]
-    return out
+                "counts": self.model.counts, "faults": faults, "requests_logged": self.log.count,
+                "in_flight": self.in_flight, "max_in_flight": self.max_in_flight}
 
 
 def _rename_maker(obj, name):
@@ -294,14 +291,18 @@ class Handler(BaseHTTPRequestHandler):
         if path == CONTROL_PREFIX or path.startswith(CONTROL_PREFIX + "/"):
             self.control(path[len(CONTROL_PREFIX):])
             return
-        self.serve(path, raw_query, query)
+        self.app.flight(+1)
+        try:
+            self.serve(path, raw_query, query)
+        finally:
+            self.app.flight(-1)
 
     def serve(self, path, raw_query, query):
         hits = self.app.take_faults(path, query)
         kinds = {}
         for fault in hits:
             kinds.setdefault(fault.kind, fault)
-        delay = sum(f.value for f in hits if f.kind == "delay")
+        delay = self.app.latency + sum(f.value for f in hits if f.kind == "delay")
         if delay:
             time.sleep(delay)
         if "drop" in kinds:
@@ -329,7 +330,7 @@ class Handler(BaseHTTPRequestHandler):
             send["declared_length"] = kinds["bad-length"].value
         try:
             status, body, headers, content_type = self.route(path, raw_query, kinds)
-        except BadRequest as e:
+        except (BadRequest, querylib.QueryError) as e:
             status, body, headers, content_type = e.status, errors.error_body(
                 self.app.registry, e.key, e.args_), [], None
         self.respond(status, body, headers=headers, content_type=content_type, **send)
@@ -363,7 +364,7 @@ class Handler(BaseHTTPRequestHandler):
             return 404, errors.error_body(self.app.registry, "ResourceMissingAtURI", [path]), [], None
         method = self.command
         if path == "/redfish":
-            return self.readonly(method, {"v1": "/redfish/v1/"})
+            return self.readonly(method, m.versions())
         if path == modellib.ROOT + "/$metadata":
             if method not in ("GET", "HEAD"):
                 return self.not_allowed("GET, HEAD")
@@ -386,7 +387,16 @@ class Handler(BaseHTTPRequestHandler):
             allow = "GET, HEAD, POST" if path == modellib.SESSIONS else (
                 "GET, HEAD, DELETE" if path.startswith(modellib.SESSIONS + "/") else "GET, HEAD")
             return self.not_allowed(allow)
-        body = self.query(path, raw_query)
+        status = m.error_status(path)
+        if status is not None:  # a captured error answer
+            return status, m.render(path), [], None
+        if m.is_tree:
+            body = m.answer(path, raw_query, self.app.query_mode)
+        elif self.app.query_mode is not None:
+            querylib.choose(querylib.split_query(raw_query), self.app.query_mode, {})
+            body = m.render(path)
+        else:
+            body = self.query(path, raw_query)
         if "unknown-manufacturer" in kinds:
             body = _rename_maker(body, kinds["unknown-manufacturer"].value)
         return 200, body, [], None
@@ -437,7 +447,7 @@ class Handler(BaseHTTPRequestHandler):
         if not isinstance(reset_type, str):
             raise BadRequest(400, "ActionParameterValueTypeError",
                              [json.dumps(reset_type), "ResetType", _RESET_ACTION])
-        if reset_type not in self.app.model.allowable_values:
+        if reset_type not in self.app.model.allowable_for(index):
             raise BadRequest(400, "ActionParameterValueNotInList", [reset_type, "ResetType", _RESET_ACTION])
         outcome, before = self.app.model.reset(index, reset_type)
         spec = self.app.profile["reset"]["success" if outcome == "done" else "no_op"]
@@ -532,7 +542,7 @@ class Handler(BaseHTTPRequestHandler):
         if sub == "/reset-log":
             if method != "POST":
                 return self.control_reply(405, {"error": "use POST"}, [("Allow", "POST")])
-            app.log.truncate()
+            app.reset_log()
             return self.control_reply(200, {"requests_logged": 0})
         return self.control_reply(404, {"error": "unknown control path"})
 

@@ -50,8 +50,11 @@ class HostSimTest(unittest.TestCase):
         self.assertEqual(os.path.exists("/sys/firmware/dmi/tables/DMI"), before)
 
     def test_success_hands_the_environment_over_and_leaves_nothing_behind(self):
-        # That the proxy routes to the emulator is what every end-to-end test relies on.
-        r = host_sim("--profile", "dell", "--", "env")
+        # That the proxy routes to the emulator is what every end-to-end test relies on;
+        # here the BMC, a captured tree, answers on its own address.
+        r = host_sim("--profile", "gh200-tree", "--", "sh", "-c",
+                     'curl -sk -u "$BMC_USER:$BMC_PASSWORD" "https://$BMC_ADDR/redfish/v1/Systems" | '
+                     'grep -q /redfish/v1/Systems/System_0 && env')
         self.assertEqual(r.returncode, 0, r.stderr)
         env = dict(line.split("=", 1) for line in r.stdout.splitlines() if "=" in line)
         self.assertEqual(env["EMULATOR_CONTROL"], "https://127.0.42.1/__emulator")

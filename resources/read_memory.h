@@ -1,0 +1,34 @@
+#pragma once
+
+// What the 1.1 reads of one connection keep between calls, under one lock of
+// its own (the reads may run beside the 1.0 discovery walks): the query
+// options the BMC takes, and what each read has learnt of where things are.
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace redfish {
+
+// What a BMC's service root says of the query options it takes
+// (ProtocolFeaturesSupported), less those it has refused since.
+struct QueryFeatures {
+  bool select = false;           // $select
+  bool expand = false;           // $expand=.($levels=N)
+  unsigned expandMaxLevels = 0;  // the deepest $levels it takes (at least 1 when expand)
+  bool only = false;             // only
+  bool filter = false;           // $filter
+  bool topSkip = false;          // $top and $skip
+  bool excerpt = false;          // excerpt
+};
+
+struct ReadMemory {
+  std::mutex mutex;
+  bool featuresKnown = false;
+  QueryFeatures features;
+  // The systems' "@odata.id", once read (Redfish_GetSystems).
+  bool systemsKnown = false;
+  std::vector<std::string> systems;
+};
+
+}  // namespace redfish

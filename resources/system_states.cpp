@@ -1,0 +1,105 @@
+#include "resources/system_states.h"
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include "platform/tessel/http.h"
+#include "resources/documents.h"
+#include "resources/inventory.h"
+#include "resources/read_context.h"
+#include "utils/failure_record.h"
+#include "utils/json_access.h"
+#include "utils/redfish_status.h"
+#include "utils/utf8.h"
+
+namespace redfish {
+
+namespace {
+
+constexpr char kSystems[] = "/redfish/v1/Systems";
+
+// The systems' ids, read once per connection. A BMC without a Systems
+// collection (a chassis manager) has none.
+int SystemIds(ReadContext& read, std::vector<std::string>& ids) {
+  ReadMemory& memory = read.Of().memory;
+  {
+    std::lock_guard<std::mutex> lock(memory.mutex);
+    if (memory.systemsKnown) {
+      ids = memory.systems;
+      return RedfishStatusOk;
+    }
+  }
+  Fetched collection;
+  int result = read.Get(kSystems, collection);
+  if (result == Tessel::Http::ResponseCode::NotFound) {
+    result = RedfishStatusOk;
+  } else if (result == RedfishStatusOk) {
+    if (collection.document.HasParseError()) return RedfishStatusBadJson;
+    result = MemberIds(collection.document, ids);
+    if (result != RedfishStatusOk) return result;
+    if (!read.Follow(ids.size())) {
+      NoteFailure(REDFISH_LINK_DISCOVERY, RedfishStatusUnexpectedJson,
+                  ReadContext::Bounded(kSystems));
+      return RedfishStatusUnexpectedJson;
+    }
+  }
+  if (result != RedfishStatusOk) return result;
+  std::lock_guard<std::mutex> lock(memory.mutex);
+  memory.systems = ids;
+  memory.systemsKnown = true;
+  return RedfishStatusOk;
+}
+
+void WriteText(rapidjson::Writer<rapidjson::StringBuffer>& w, const char* key,
+               const std::string& value) {
+  const std::string valid = ValidUtf8(value);
+  w.Key(key);
+  w.String(valid.c_str(), static_cast<rapidjson::SizeType>(valid.size()));
+}
+
+std::string Text(const rapidjson::Value& object, const char* name) {
+  std::string value;
+  JsonString(object, name, value);
+  return value;
+}
+
+}  // namespace
+
+int ReadSystemStates(ReadContext& read, std::string& document) {
+  std::vector<std::string> ids;
+  int result = SystemIds(read, ids);
+  if (result != RedfishStatusOk) return result;
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> w(buffer);
+  w.StartObject();
+  w.Key("Systems");
+  w.StartArray();
+  for (const std::string& id : ids) {
+    Fetched system;
+    bool selected = false;
+    result = read.GetWithQuery(id, QueryOption::Select, "$select=Id,PowerState,Status", system,
+                               selected);
+    if (result != RedfishStatusOk) return result;
+    const rapidjson::Document& d = system.document;
+    if (d.HasParseError()) return RedfishStatusBadJson;
+    if (!d.IsObject()) return RedfishStatusUnexpectedJson;
+    w.StartObject();
+    WriteText(w, "Id", Text(d, "Id"));
+    WriteText(w, "@odata.id", id);
+    WriteText(w, "PowerState", Text(d, "PowerState"));
+    w.Key("Status");
+    w.StartObject();
+    const rapidjson::Value* status = JsonMember(d, "Status");
+    for (const char* name : {"State", "Health", "HealthRollup"}) {
+      WriteText(w, name, status != nullptr ? Text(*status, name) : std::string());
+    }
+    w.EndObject();
+    w.EndObject();
+  }
+  w.EndArray();
+  w.EndObject();
+  document.assign(buffer.GetString(), buffer.GetSize());
+  return RedfishStatusOk;
+}
+
+}  // namespace redfish

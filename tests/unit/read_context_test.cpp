@@ -1,0 +1,82 @@
+// The 1.1 reads' common ground: query options as the service root advertises
+// them, a refusal remembered, the whole-read budget and the members' bound.
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+#include "tests/unit/test_support.h"
+
+using Api = test_support::ApiTest;
+
+namespace {
+
+constexpr char kSelected[] = "/bmc/redfish/v1/Systems/1?$select=Id,PowerState,Status";
+constexpr char kPlain[] = "/bmc/redfish/v1/Systems/1";
+constexpr char kSystem[] = R"({"Id":"1","PowerState":"Off","Status":{"Health":"Warning"}})";
+
+int Systems(std::string& text, unsigned int timeoutMs = 1000) {
+  char* json = nullptr;
+  const int result = Redfish_GetSystems("u", "p", nullptr, timeoutMs, &json);
+  text = json != nullptr ? json : "";
+  Redfish_FreeText(json);
+  return result;
+}
+
+int Count(const std::string& target) {
+  int n = 0;
+  for (const auto& r : fake_http::Requests()) n += r.target == target;
+  return n;
+}
+
+}  // namespace
+
+TEST_F(Api, SelectIsUsedOnlyWhereAdvertisedAndARefusalIsRemembered) {
+  bmc.Json("/bmc/redfish/v1", R"({"ProtocolFeaturesSupported":{"SelectQuery":true}})")
+      .Json(kSelected, R"({"error":{"code":"Base.1.8.QueryNotSupported"}})", 501)
+      .Json(kPlain, kSystem)
+      .Install();
+  std::string text;
+  ASSERT_EQ(Systems(text), 0);
+  EXPECT_EQ(text, R"({"Systems":[{"Id":"1","@odata.id":"/redfish/v1/Systems/1","PowerState":"Off",)"
+                  R"("Status":{"State":"","Health":"Warning","HealthRollup":""}}]})");
+  ASSERT_EQ(Systems(text), 0);
+  EXPECT_EQ(Count(kSelected), 1) << "asked once, then read plainly";
+  EXPECT_EQ(Count(kPlain), 2);
+  EXPECT_EQ(Count("/bmc/redfish/v1"), 1) << "the root is read once per connection";
+
+  // Not advertised: never asked.
+  cleanup();
+  bmc.Json("/bmc/redfish/v1", R"({"ProtocolFeaturesSupported":{"SelectQuery":false}})").Install();
+  ASSERT_EQ(Systems(text), 0);
+  EXPECT_EQ(Count(kSelected), 0);
+}
+
+TEST_F(Api, ReadsAreBoundedInTimeAndMembers) {
+  bmc.Json("/bmc/redfish/v1/Systems", "{}", 404).Install();
+  std::string text;
+  ASSERT_EQ(Systems(text), 0) << "a chassis manager has no systems";
+  EXPECT_EQ(text, R"({"Systems":[]})");
+
+  cleanup();
+  std::string many = R"({"Members":[)";
+  for (int i = 0; i < 5000; ++i) many += std::string(i ? "," : "") + R"({"@odata.id":"/x"})";
+  bmc.Json("/bmc/redfish/v1/Systems", many + "]}").Install();
+  EXPECT_EQ(Systems(text), 20004);
+  RedfishFailure f{};
+  f.size = sizeof f;
+  Redfish_GetLastFailure(&f);
+  EXPECT_NE(std::strstr(f.detail, "more than the 4096 members"), nullptr) << f.detail;
+  EXPECT_EQ(Count("/bmc/x"), 0);
+
+  // Each request waits only for what is left of the whole read's time-out.
+  cleanup();
+  ApiTest::Script();
+  bmc.Json(kPlain, kSystem).Install();
+  ASSERT_EQ(Systems(text, 300), 0);
+  ASSERT_FALSE(fake_http::Requests().empty());
+  for (const auto& r : fake_http::Requests()) {
+    if (r.target.rfind("/bmc/", 0) == 0) {
+      EXPECT_LE(r.waitLimitUs, 300000) << r.target;
+    }
+  }
+}
