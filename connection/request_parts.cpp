@@ -37,7 +37,7 @@ int CreateRequest(Http::HttpMethod method, const std::string& url, Service::Logg
                   Ref<Http::ClientRequest>& request) {
   // The client checks the rest of the target itself; the reason is looked up
   // only for a refused one.
-  const char* problem = RouteProblem(url);
+  const char* problem = ProxyProblem(url);
   if (problem == nullptr) {
     try {
       Http::CreateHttpRequest(method, url, request);
