@@ -9,9 +9,7 @@
 
 namespace redfish {
 
-using Tessel::Ref;
 namespace Http = Tessel::Http;
-namespace Service = Tessel::Service;
 
 namespace {
 
@@ -33,11 +31,11 @@ uint64_t BufferSizeFor(std::string_view length) {
 
 }  // namespace
 
-int CreateRequest(Http::HttpMethod method, const std::string& url, Service::Logger* logger,
-                  Ref<Http::ClientRequest>& request) {
+int CreateRequest(Http::HttpMethod method, const std::string& url, Tessel::Service::Logger* logger,
+                  Tessel::Ref<Http::ClientRequest>& request) {
   // The client checks the rest of the target itself; the reason is looked up
   // only for a refused one.
-  const char* problem = RouteProblem(url);
+  const char* problem = ProxyProblem(url);
   if (problem == nullptr) {
     try {
       Http::CreateHttpRequest(method, url, request);

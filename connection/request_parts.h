@@ -12,9 +12,11 @@
 
 namespace redfish {
 
-// Builds the request unless its target, made from ids the BMC chose, could
-// leave the proxy's BMC route; a refused target is never sent (10002, after
-// a level-3 line and a failure note).
+// Builds the request unless its target, made from ids the BMC chose or a
+// caller's path, could leave the proxy's BMC route or is longer than the
+// proxy takes (which would end the connection other callers share); a
+// refused target is never sent (10002, after a level-3 line and a failure
+// note).
 int CreateRequest(Tessel::Http::HttpMethod method, const std::string& url,
                   Tessel::Service::Logger* logger,
                   Tessel::Ref<Tessel::Http::ClientRequest>& request);

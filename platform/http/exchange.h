@@ -54,7 +54,8 @@ class Exchange final : public PendingExchange {
   bool everSent = false;  // a byte of the request may have reached the server
   bool onWire = false;    // the current attempt's HEADERS were handed to the socket
   bool tooLarge = false;
-  size_t bodySent = 0;  // of the current attempt
+  bool unsendable = false;  // nghttp2 would not frame its request: fails, never sent
+  size_t bodySent = 0;      // of the current attempt
   int resends = 0;
   Wakeup ended;  // posted when it ends, or when its waiter is to lead
   // Read by its waiter without the mutex: set once it is Done (after the

@@ -31,11 +31,20 @@ nghttp2_nv HeaderField(const std::string& name, const std::string& value) {
 
 }  // namespace
 
+PoolConnection::~PoolConnection() {
+  if (session != nullptr) nghttp2_session_del(session);
+  if (fd >= 0) close(fd);
+}
+
 // A connection nobody read from for a while may have been closed by the
 // server (idle time-out, restart): learn that before putting a request on it.
-void PoolCore::CheckIdleConnection() { ReadAvailable(); }
+void PoolCore::CheckIdleConnection() {
+  ReadAvailable(*current_);
+  TidyConnections();
+}
 
 void PoolCore::Connected() {
+  PoolConnection& c = *current_;
   // The session copies the callbacks; nothing is kept that an unload would leak.
   nghttp2_session_callbacks* callbacks = nullptr;
   int rc = nghttp2_session_callbacks_new(&callbacks);
@@ -44,37 +53,44 @@ void PoolCore::Connected() {
     nghttp2_session_callbacks_set_on_data_chunk_recv_callback(callbacks, &PoolCore::OnData);
     nghttp2_session_callbacks_set_on_frame_recv_callback(callbacks, &PoolCore::OnFrameRecv);
     nghttp2_session_callbacks_set_on_frame_send_callback(callbacks, &PoolCore::OnFrameSend);
+    nghttp2_session_callbacks_set_on_frame_not_send_callback(callbacks, &PoolCore::OnFrameNotSend);
     nghttp2_session_callbacks_set_on_stream_close_callback(callbacks, &PoolCore::OnStreamClose);
-    rc = nghttp2_session_client_new(&session_, callbacks, this);
+    rc = nghttp2_session_client_new(&c.session, callbacks, &c);
     nghttp2_session_callbacks_del(callbacks);
   }
   addressIndex_ = 0;
   if (rc != 0) {
-    session_ = nullptr;
+    c.session = nullptr;
     return ConnectFailed(ENOMEM);
   }
   const nghttp2_settings_entry settings[] = {{NGHTTP2_SETTINGS_ENABLE_PUSH, 0},
                                              {NGHTTP2_SETTINGS_INITIAL_WINDOW_SIZE, kStreamWindow}};
-  nghttp2_submit_settings(session_, NGHTTP2_FLAG_NONE, settings, 2);
-  nghttp2_session_set_local_window_size(session_, NGHTTP2_FLAG_NONE, 0, 1 << 30);
+  nghttp2_submit_settings(c.session, NGHTTP2_FLAG_NONE, settings, 2);
+  nghttp2_session_set_local_window_size(c.session, NGHTTP2_FLAG_NONE, 0, 1 << 30);
   conn_ = ConnectionState::Up;
-  goawayLastStream_ = -1;
-  lastReadUs_ = System::GetMonotonicTime();
+  c.lastReadUs = System::GetMonotonicTime();
   if (in_.empty()) in_.resize(kReadBuffer);
   SubmitQueued();
-  Flush();
+  Flush(c);
+}
+
+// Whether a queued request could go on the current connection now.
+bool PoolCore::CanSubmit() const {
+  return conn_ == ConnectionState::Up && !current_->draining && !queue_.empty() &&
+         current_->streams.size() < config_->maxConcurrentStreams;
 }
 
 void PoolCore::SubmitQueued() {
+  if (!CanSubmit()) return;
+  PoolConnection& c = *current_;
   const std::string authority = Authority(*spec_);
   std::vector<nghttp2_nv> nva;
   static const std::string kMethod = ":method", kScheme = ":scheme", kHttp = "http",
                            kAuthority = ":authority", kPath = ":path", kLength = "content-length";
-  while (conn_ == ConnectionState::Up && !queue_.empty() &&
-         streams_.size() < config_->maxConcurrentStreams) {
-    if (!nghttp2_session_check_request_allowed(session_)) {
-      conn_ = ConnectionState::Draining;  // stream ids used up, or the session ends: the next
-                                          // connection
+  while (CanSubmit()) {
+    if (!nghttp2_session_check_request_allowed(c.session)) {
+      // Stream ids used up, or the session ends: the rest go on the next connection.
+      c.draining = true;
       break;
     }
     Ref<Exchange> ex = queue_.front();
@@ -97,7 +113,7 @@ void PoolCore::SubmitQueued() {
     provider.source.ptr = ex.Get();
     provider.read_callback = &PoolCore::ReadBody;
     ex->bodySent = 0;
-    const int32_t id = nghttp2_submit_request(session_, nullptr, nva.data(), nva.size(),
+    const int32_t id = nghttp2_submit_request(c.session, nullptr, nva.data(), nva.size(),
                                               hasBody ? &provider : nullptr, ex.Get());
     queue_.pop_front();
     if (id < 0) {
@@ -106,75 +122,88 @@ void PoolCore::SubmitQueued() {
     }
     ex->state = Exchange::State::OnStream;
     ex->streamId = id;
-    streams_.emplace(id, std::move(ex));
+    c.streams.emplace(id, std::move(ex));
   }
 }
 
 // Gathers every frame nghttp2 has ready into one buffer and writes it with
 // one send: many waiting callers' requests leave together.
-bool PoolCore::Flush() {
-  if (session_ == nullptr || fd_ < 0 || brokenErrno_ != 0) return brokenErrno_ == 0;
+bool PoolCore::Flush(PoolConnection& c) {
+  if (c.session == nullptr || c.fd < 0 || c.brokenErrno != 0) return c.brokenErrno == 0;
   for (;;) {
-    if (outOffset_ == out_.size()) {
-      out_.clear();
-      outOffset_ = 0;
-      while (out_.size() < (1u << 20)) {
+    if (c.outOffset == c.out.size()) {
+      c.out.clear();
+      c.outOffset = 0;
+      while (c.out.size() < (1u << 20)) {
         const uint8_t* data = nullptr;
-        const ssize_t n = nghttp2_session_mem_send(session_, &data);
+        const ssize_t n = nghttp2_session_mem_send(c.session, &data);
         if (n < 0) {
-          brokenErrno_ = EPROTO;
+          c.brokenErrno = EPROTO;
           return false;
         }
         if (n == 0) break;
-        out_.append(reinterpret_cast<const char*>(data), static_cast<size_t>(n));
+        c.out.append(reinterpret_cast<const char*>(data), static_cast<size_t>(n));
       }
-      if (out_.empty()) return true;
+      if (c.out.empty()) return true;
     }
-    const ssize_t w =
-        send(fd_, out_.data() + outOffset_, out_.size() - outOffset_, MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t w = send(c.fd, c.out.data() + c.outOffset, c.out.size() - c.outOffset,
+                           MSG_NOSIGNAL | MSG_DONTWAIT);
     if (w < 0) {
       if (errno == EINTR) continue;
-      if (errno != EAGAIN && errno != EWOULDBLOCK) brokenErrno_ = errno;
+      if (errno != EAGAIN && errno != EWOULDBLOCK) c.brokenErrno = errno;
       return false;
     }
-    outOffset_ += static_cast<size_t>(w);
+    c.outOffset += static_cast<size_t>(w);
   }
 }
 
-void PoolCore::ReadAvailable() {
-  while (fd_ >= 0 && session_ != nullptr) {
-    const ssize_t n = recv(fd_, in_.data(), in_.size(), MSG_DONTWAIT);
+// The leader writes what every connection has ready; one whose write failed
+// is given up.
+void PoolCore::FlushAll() {
+  for (PoolConnection* c : Connections()) {
+    Flush(*c);
+    if (c->brokenErrno != 0 && c->session != nullptr) {
+      ConnectionLost(*c, std::strerror(c->brokenErrno));
+    }
+  }
+}
+
+void PoolCore::ReadAvailable(PoolConnection& c) {
+  while (c.fd >= 0 && c.session != nullptr) {
+    const ssize_t n = recv(c.fd, in_.data(), in_.size(), MSG_DONTWAIT);
     if (n > 0) {
-      lastReadUs_ = System::GetMonotonicTime();
-      const ssize_t rv = nghttp2_session_mem_recv(session_, in_.data(), static_cast<size_t>(n));
-      if (rv < 0) return ConnectionLost(nghttp2_strerror(static_cast<int>(rv)));
+      c.lastReadUs = System::GetMonotonicTime();
+      const ssize_t rv = nghttp2_session_mem_recv(c.session, in_.data(), static_cast<size_t>(n));
+      if (rv < 0) return ConnectionLost(c, nghttp2_strerror(static_cast<int>(rv)));
       if (static_cast<size_t>(n) < in_.size()) break;
       continue;
     }
-    if (n == 0) return ConnectionLost("the server closed the connection");
+    if (n == 0) return ConnectionLost(c, "the server closed the connection");
     if (errno == EINTR) continue;
     if (errno == EAGAIN || errno == EWOULDBLOCK) break;
-    return ConnectionLost(std::strerror(errno));
+    return ConnectionLost(c, std::strerror(errno));
   }
-  if (session_ == nullptr) return;
-  if (conn_ == ConnectionState::Up) SubmitQueued();
-  Flush();
-  if (brokenErrno_ != 0 && !driving_) return ConnectionLost(std::strerror(brokenErrno_));
+  if (c.session == nullptr) return;
+  if (&c == current_.get()) SubmitQueued();
+  Flush(c);
+  if (c.brokenErrno != 0 && !driving_) return ConnectionLost(c, std::strerror(c.brokenErrno));
   // A connection error (a frame that breaks the protocol, bytes that are not
   // HTTP/2) reads as success: nghttp2 queues a GOAWAY and ends the session
   // once it is written. Nothing more comes on this connection.
-  if (!nghttp2_session_want_read(session_) && !nghttp2_session_want_write(session_)) {
-    ConnectionLost(sessionError_.empty() ? "the HTTP/2 session ended" : sessionError_);
+  if (!nghttp2_session_want_read(c.session) && !nghttp2_session_want_write(c.session)) {
+    ConnectionLost(c, c.sessionError.empty() ? "the HTTP/2 session ended" : c.sessionError);
   }
 }
 
-void PoolCore::ConnectionLost(const std::string& why) {
+// Ends every stream of the connection and closes it; the object itself goes
+// in TidyConnections, so callers up the stack may still look at it.
+void PoolCore::ConnectionLost(PoolConnection& c, const std::string& why) {
   std::unordered_map<int32_t, Ref<Exchange>> streams;
-  streams.swap(streams_);
+  streams.swap(c.streams);
   for (auto& [id, ex] : streams) {
     if (ex->state != Exchange::State::OnStream) continue;
     // Not on the wire yet, or declared unprocessed by the server's GOAWAY.
-    if (!ex->onWire || (goawayLastStream_ >= 0 && id > goawayLastStream_)) {
+    if (!ex->onWire || (c.goawayLastStream >= 0 && id > c.goawayLastStream)) {
       Requeue(ex);
     } else {
       Finish(*ex, nullptr,
@@ -184,30 +213,82 @@ void PoolCore::ConnectionLost(const std::string& why) {
                   why + ")"});
     }
   }
-  CloseConnection();
+  CloseConnection(c);
 }
 
-void PoolCore::CloseConnection() {
-  streams_.clear();
-  if (session_ != nullptr) nghttp2_session_del(session_);
-  session_ = nullptr;
-  if (fd_ >= 0) close(fd_);
-  fd_ = -1;
+// Closes the socket and drops the session; the streams are the caller's.
+void PoolCore::CloseConnection(PoolConnection& c) {
+  c.streams.clear();
+  if (c.session != nullptr) nghttp2_session_del(c.session);
+  c.session = nullptr;
+  if (c.fd >= 0) close(c.fd);
+  c.fd = -1;
+  c.out.clear();
+  c.outOffset = 0;
+  if (&c == current_.get()) conn_ = ConnectionState::None;
+}
+
+// Sets a drained current connection aside, so that the next request opens
+// another at once, and lets go of connections that are closed or drained.
+// Nothing of a connection may be in use up the stack when this runs.
+void PoolCore::TidyConnections() {
+  if (conn_ == ConnectionState::Up && current_->draining) {
+    draining_.push_back(std::move(current_));
+    conn_ = ConnectionState::None;
+  }
+  if (conn_ == ConnectionState::None) current_.reset();
+  for (size_t i = 0; i < draining_.size();) {
+    PoolConnection& c = *draining_[i];
+    if (c.session != nullptr && !c.streams.empty()) {
+      ++i;
+      continue;
+    }
+    CloseConnection(c);
+    draining_.erase(draining_.begin() + static_cast<std::ptrdiff_t>(i));
+  }
+}
+
+void PoolCore::CloseAll() {
+  for (PoolConnection* c : Connections()) CloseConnection(*c);
   conn_ = ConnectionState::None;
-  out_.clear();
-  outOffset_ = 0;
-  brokenErrno_ = 0;
-  goawayLastStream_ = -1;
-  sessionError_.clear();
+  current_.reset();
+  draining_.clear();
+}
+
+PoolConnection* PoolCore::ConnectionOf(const Exchange& ex) const {
+  auto holds = [&ex](const PoolConnection& c) {
+    auto it = c.streams.find(ex.streamId);
+    return it != c.streams.end() && it->second.Get() == &ex;
+  };
+  if (current_ && holds(*current_)) return current_.get();
+  for (const auto& c : draining_) {
+    if (holds(*c)) return c.get();
+  }
+  return nullptr;
+}
+
+PoolCore::ConnectionList PoolCore::Connections() const {
+  ConnectionList list;
+  if (current_) list.items[list.size++] = current_.get();
+  // StartConnect keeps this many at most: a current one is only made below it.
+  for (const auto& c : draining_) list.items[list.size++] = c.get();
+  return list;
+}
+
+size_t PoolCore::StreamCount() const {
+  size_t n = current_ ? current_->streams.size() : 0;
+  for (const auto& c : draining_) n += c->streams.size();
+  return n;
 }
 
 int PoolCore::OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8_t* name,
                        size_t namelen, const uint8_t* value, size_t valuelen, uint8_t, void* p) {
-  auto* self = static_cast<PoolCore*>(p);
+  auto* conn = static_cast<PoolConnection*>(p);
+  PoolCore* self = conn->pool;
   self->mutex_.AssertHeld();
   if (frame->hd.type != NGHTTP2_HEADERS) return 0;
-  auto it = self->streams_.find(frame->hd.stream_id);
-  if (it == self->streams_.end()) return 0;
+  auto it = conn->streams.find(frame->hd.stream_id);
+  if (it == conn->streams.end()) return 0;
   Exchange& ex = *it->second;
   std::string_view n(reinterpret_cast<const char*>(name), namelen);
   std::string_view v(reinterpret_cast<const char*>(value), valuelen);
@@ -238,10 +319,11 @@ int PoolCore::OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8
 
 int PoolCore::OnData(nghttp2_session* session, uint8_t, int32_t stream, const uint8_t* data,
                      size_t len, void* p) {
-  auto* self = static_cast<PoolCore*>(p);
+  auto* conn = static_cast<PoolConnection*>(p);
+  PoolCore* self = conn->pool;
   self->mutex_.AssertHeld();
-  auto it = self->streams_.find(stream);
-  if (it == self->streams_.end()) return 0;
+  auto it = conn->streams.find(stream);
+  if (it == conn->streams.end()) return 0;
   Exchange& ex = *it->second;
   if (ex.tooLarge) return 0;
   if (ex.responseBody.size() + len > static_cast<uint64_t>(self->config_->maxResponseBodyBytes)) {
@@ -256,46 +338,66 @@ int PoolCore::OnData(nghttp2_session* session, uint8_t, int32_t stream, const ui
 }
 
 int PoolCore::OnFrameRecv(nghttp2_session*, const nghttp2_frame* frame, void* p) {
-  auto* self = static_cast<PoolCore*>(p);
-  self->mutex_.AssertHeld();
+  auto* conn = static_cast<PoolConnection*>(p);
+  conn->pool->mutex_.AssertHeld();
   if (frame->hd.type == NGHTTP2_GOAWAY) {
-    self->goawayLastStream_ = frame->goaway.last_stream_id;
-    if (self->conn_ == ConnectionState::Up) self->conn_ = ConnectionState::Draining;
+    // Streams above the last id come back as refused and are sent again;
+    // the ones it took in finish here.
+    conn->goawayLastStream = frame->goaway.last_stream_id;
+    conn->draining = true;
   }
   return 0;
 }
 
 int PoolCore::OnFrameSend(nghttp2_session*, const nghttp2_frame* frame, void* p) {
-  auto* self = static_cast<PoolCore*>(p);
-  self->mutex_.AssertHeld();
+  auto* conn = static_cast<PoolConnection*>(p);
+  conn->pool->mutex_.AssertHeld();
   if (frame->hd.type == NGHTTP2_GOAWAY && frame->goaway.error_code != NGHTTP2_NO_ERROR) {
     // nghttp2 ends the connection for what the server sent; say why.
     const auto& goaway = frame->goaway;
-    self->sessionError_ =
+    conn->sessionError =
         std::string("HTTP/2 connection error ") + nghttp2_http2_strerror(goaway.error_code);
     if (goaway.opaque_data_len > 0) {
-      self->sessionError_ += ": " + std::string(reinterpret_cast<const char*>(goaway.opaque_data),
-                                                goaway.opaque_data_len);
+      conn->sessionError += ": " + std::string(reinterpret_cast<const char*>(goaway.opaque_data),
+                                               goaway.opaque_data_len);
     }
   }
   if (frame->hd.type != NGHTTP2_HEADERS) return 0;
-  auto it = self->streams_.find(frame->hd.stream_id);
-  if (it != self->streams_.end()) {
+  auto it = conn->streams.find(frame->hd.stream_id);
+  if (it != conn->streams.end()) {
     it->second->onWire = true;
     it->second->everSent = true;
   }
   return 0;
 }
 
+// A request nghttp2 will not frame (a header block above what HTTP/2 lets it
+// send) can never be sent: it fails at once instead of waiting out its limit.
+// Other reasons (the server's GOAWAY came first) close the stream as refused,
+// and it is sent again.
+int PoolCore::OnFrameNotSend(nghttp2_session*, const nghttp2_frame* frame, int error, void* p) {
+  auto* conn = static_cast<PoolConnection*>(p);
+  conn->pool->mutex_.AssertHeld();
+  if (frame->hd.type != NGHTTP2_HEADERS || error != NGHTTP2_ERR_FRAME_SIZE_ERROR) return 0;
+  auto it = conn->streams.find(frame->hd.stream_id);
+  if (it != conn->streams.end()) it->second->unsendable = true;
+  return 0;
+}
+
 int PoolCore::OnStreamClose(nghttp2_session*, int32_t stream, uint32_t error, void* p) {
-  auto* self = static_cast<PoolCore*>(p);
+  auto* conn = static_cast<PoolConnection*>(p);
+  PoolCore* self = conn->pool;
   self->mutex_.AssertHeld();
-  auto it = self->streams_.find(stream);
-  if (it == self->streams_.end()) return 0;
+  auto it = conn->streams.find(stream);
+  if (it == conn->streams.end()) return 0;
   Ref<Exchange> ex = std::move(it->second);
-  self->streams_.erase(it);
+  conn->streams.erase(it);
   if (ex->state != Exchange::State::OnStream) return 0;
-  if (ex->tooLarge) {
+  if (ex->unsendable) {
+    self->Finish(*ex, nullptr,
+                 {Failure::InvalidArgument, 0,
+                  "the request's header block is larger than HTTP/2 lets it be sent; not sent"});
+  } else if (ex->tooLarge) {
     self->Finish(*ex, nullptr,
                  {Failure::Other, 0,
                   "response body larger than " +

@@ -27,7 +27,7 @@ thread_local const PoolCore* tCallbackPool = nullptr;
 
 size_t PoolCore::ActiveCount() {
   MutexLock lock(mutex_);
-  return queue_.size() + streams_.size();
+  return queue_.size() + StreamCount();
 }
 
 bool PoolCore::InOwnCallback() const noexcept { return tCallbackPool == this; }
@@ -61,7 +61,7 @@ void PoolCore::Submit(const Ref<Exchange>& ex) {
       return;
     }
     if (conn_ == ConnectionState::Up && !driving_ &&
-        System::GetMonotonicTime() - lastReadUs_ > kIdleCheckUs) {
+        System::GetMonotonicTime() - current_->lastReadUs > kIdleCheckUs) {
       CheckIdleConnection();
     }
     queue_.push_back(ex);
@@ -77,7 +77,7 @@ void PoolCore::Submit(const Ref<Exchange>& ex) {
       // the mutex is let go, so that it does not wake only to wait for it.
       if (driving_) {
         wakeLeader = ClaimWake();
-      } else if (!Flush() || brokenErrno_ != 0) {
+      } else if (!Flush(*current_) || current_->brokenErrno != 0) {
         Wake();
       }
     } else {
@@ -181,9 +181,11 @@ void PoolCore::Leave(Exchange& ex, int64_t limitUs) {
   ex.state = Exchange::State::Cancelled;
   if (ex.callback) --callbacksPending_;
   if (onStream) {
-    if (session_ != nullptr &&
-        nghttp2_submit_rst_stream(session_, NGHTTP2_FLAG_NONE, ex.streamId, NGHTTP2_CANCEL) == 0) {
-      if (!Flush()) Wake();
+    PoolConnection* c = ConnectionOf(ex);
+    if (c != nullptr && c->session != nullptr &&
+        nghttp2_submit_rst_stream(c->session, NGHTTP2_FLAG_NONE, ex.streamId, NGHTTP2_CANCEL) ==
+            0) {
+      if (!Flush(*c)) Wake();
     }
   } else {
     auto it = std::find_if(queue_.begin(), queue_.end(),
@@ -209,7 +211,7 @@ void PoolCore::LeadForCallbacks() {
 
 // The leader leaves: another waiter takes over the connection.
 void PoolCore::HandOver() {
-  if (stopped_ || (queue_.empty() && streams_.empty())) return;
+  if (stopped_ || (queue_.empty() && StreamCount() == 0)) return;
   for (Exchange* w : waiters_) {
     if (w->state != Exchange::State::Done) {
       w->leadAsked.store(true, std::memory_order_release);
@@ -221,30 +223,35 @@ void PoolCore::HandOver() {
 }
 
 // One round of the leader: connect or write what is due, poll (without the
-// mutex) for the socket or a wake-up, then act on what poll saw.
+// mutex) for the sockets or a wake-up, then act on what poll saw. The
+// connections the server drains are polled too, until their streams end.
 void PoolCore::DriveOnce(const Exchange* own, int64_t deadline) {
   using State = ConnectionState;
-  if (conn_ == State::None && !queue_.empty()) StartConnect();
-  if (conn_ == State::Up) SubmitQueued();
-  if (session_ != nullptr) Flush();
-  if (brokenErrno_ != 0) ConnectionLost(std::strerror(brokenErrno_));
-  if (conn_ == State::Draining && streams_.empty()) {
-    CloseConnection();
-    return;  // the next round opens a new one for what is queued
-  }
-  if (conn_ == State::None && !queue_.empty()) return;
+  TidyConnections();
+  const bool mayConnect = draining_.size() < kMaxDraining;
+  if (conn_ == State::None && !queue_.empty() && mayConnect) StartConnect();
+  SubmitQueued();
+  FlushAll();
+  TidyConnections();
+  // The connection went, or was drained, with requests left: the next round
+  // opens another. Requests nghttp2 gave back while writing go out first.
+  if (conn_ == State::None && !queue_.empty() && mayConnect) return;
+  if (CanSubmit()) return;
   if (LeaderDone(own)) return;  // e.g. a connect that failed at once ended it
 
-  pollfd fds[2] = {{wakeFd_, POLLIN, 0}, {fd_, 0, 0}};
+  pollfd fds[kMaxDraining + 2] = {{wakeFd_, POLLIN, 0}};
+  PoolConnection* polled[kMaxDraining + 2] = {nullptr};
   nfds_t n = 1;
-  if (fd_ >= 0) {
-    if (conn_ == State::Connecting) {
-      fds[1].events = POLLOUT;
-    } else {
-      fds[1].events = POLLIN;
-      if (outOffset_ < out_.size()) fds[1].events |= POLLOUT;
+  for (PoolConnection* c : Connections()) {
+    if (c->fd < 0) continue;
+    short events = POLLIN;
+    if (c == current_.get() && conn_ == State::Connecting) {
+      events = POLLOUT;
+    } else if (c->outOffset < c->out.size()) {
+      events |= POLLOUT;
     }
-    n = 2;
+    fds[n] = {c->fd, events, 0};
+    polled[n++] = c;
   }
   int64_t until = deadline;
   if (conn_ == State::Connecting) until = std::min(until, connectDeadlineUs_);
@@ -253,7 +260,6 @@ void PoolCore::DriveOnce(const Exchange* own, int64_t deadline) {
     timeoutMs = static_cast<int>(std::min<int64_t>(
         INT_MAX, std::max<int64_t>(0, (until - System::GetMonotonicTime() + 999) / 1000)));
   }
-  const int fd = fd_;
   {
     std::vector<Ref<Exchange>> wake;
     wake.swap(toWake_);
@@ -269,23 +275,31 @@ void PoolCore::DriveOnce(const Exchange* own, int64_t deadline) {
   mutex_.Lock();
   if (ready < 0) return;
   deferWake_ = true;
-  HandlePollResult(fd, fds[1].revents, fds[0].revents != 0);
+  HandlePollResult(fds, polled, n);
   deferWake_ = false;
 }
 
-void PoolCore::HandlePollResult(int fd, short socketEvents, bool woken) {
-  if (woken) {
+// Only the leader closes or replaces connections, so the ones it polled are
+// still there, unless the pool stopped meanwhile.
+void PoolCore::HandlePollResult(const pollfd* fds, PoolConnection* const* polled, size_t n) {
+  if (fds[0].revents != 0) {
     uint64_t count;
     (void)!read(wakeFd_, &count, sizeof count);
     wakePending_ = false;
   }
-  if (stopped_ || fd_ != fd || fd < 0) return;
-  if (conn_ == ConnectionState::Connecting) {
-    ConnectProgress(socketEvents != 0);
-    return;
+  if (stopped_) return;
+  for (size_t i = 1; i < n; ++i) {
+    PoolConnection* c = polled[i];
+    const short events = fds[i].revents;
+    if (c->fd != fds[i].fd) continue;
+    if (c == current_.get() && conn_ == ConnectionState::Connecting) {
+      ConnectProgress(events != 0);  // may replace the current connection
+      continue;
+    }
+    if (events & (POLLIN | POLLERR | POLLHUP)) ReadAvailable(*c);
+    if (c->fd >= 0 && (events & POLLOUT)) Flush(*c);
   }
-  if (socketEvents & (POLLIN | POLLERR | POLLHUP)) ReadAvailable();
-  if (fd_ >= 0 && (socketEvents & POLLOUT)) Flush();
+  TidyConnections();
 }
 
 void PoolCore::RunCallbacks() {

@@ -9,10 +9,12 @@
 //   pool_registry.cpp    construction, stopping, unload and fork
 
 #include <nghttp2/nghttp2.h>
+#include <poll.h>
 
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <memory>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -71,12 +73,36 @@ class PoolRegistry {
   friend class PoolCore;
 };
 
+// One HTTP/2 connection of a pool. The pool's current connection takes new
+// streams; once the server drains it (its GOAWAY, or the stream ids run out)
+// it is set aside to finish the streams it has, while new requests go on a
+// new current connection at once. Guarded by its pool's mutex, like an
+// Exchange (and, like it, not annotated: the analysis cannot name that mutex).
+struct PoolConnection {
+  explicit PoolConnection(PoolCore* owner) : pool(owner) {}
+  ~PoolConnection();  // closes the socket and drops the session, without a word
+
+  PoolCore* const pool;
+  int fd = -1;
+  nghttp2_session* session = nullptr;  // once connected; null again once closed
+  bool draining = false;               // no new stream goes on it
+  int32_t goawayLastStream = -1;
+  int brokenErrno = 0;  // a write failed outside the leader
+  // Why nghttp2 ended the connection, if it did.
+  std::string sessionError;
+  std::string out;  // frames to write, from outOffset on
+  size_t outOffset = 0;
+  int64_t lastReadUs = 0;
+  std::unordered_map<int32_t, Ref<Exchange>> streams;
+};
+
 // The shared state of one HTTP/2 pool. There is no I/O thread: a thread
 // waiting for one of its exchanges becomes the leader when nobody drives the
 // connection, and drives it (poll, read, write) until its own exchange ends,
 // completing other exchanges on the way; then it hands the lead to another
 // waiter. Exchanges with a completion callback are driven, when no caller
-// waits, by a callback thread started with the first of them.
+// waits, by a callback thread started with the first of them. The leader also
+// drives the connections the server drains, until their streams end.
 class PoolCore : public RefCounted {
  public:
   PoolCore(Ref<ConnectionSpec> spec, const Http2SvcConfig& config);
@@ -98,8 +124,15 @@ class PoolCore : public RefCounted {
   bool InOwnCallback() const noexcept;
 
  private:
-  enum class ConnectionState { None, Connecting, Up, Draining };
+  // The current connection's; a drained one is set aside (draining_).
+  enum class ConnectionState { None, Connecting, Up };
   friend class PoolRegistry;
+  friend struct PoolConnection;
+
+  // Connections being drained at most: beyond that, requests wait for one of
+  // them to end rather than open ever more sockets to a server that keeps
+  // draining them.
+  static constexpr size_t kMaxDraining = 8;
 
   // leader_follower.cpp
   bool LeaderDone(const Exchange* own) const TESSEL_REQUIRES(mutex_);
@@ -109,7 +142,8 @@ class PoolCore : public RefCounted {
   void Leave(Exchange& exchange, int64_t limitUs) TESSEL_REQUIRES(mutex_);
   void LeadForCallbacks() TESSEL_REQUIRES(mutex_);
   void DriveOnce(const Exchange* own, int64_t deadlineUs) TESSEL_REQUIRES(mutex_);
-  void HandlePollResult(int fd, short socketEvents, bool woken) TESSEL_REQUIRES(mutex_);
+  void HandlePollResult(const pollfd* fds, PoolConnection* const* polled, size_t n)
+      TESSEL_REQUIRES(mutex_);
   void HandOver() TESSEL_REQUIRES(mutex_);
   void RunCallbacks() TESSEL_REQUIRES(mutex_);
   void StartCallbackThread() TESSEL_REQUIRES(mutex_);
@@ -129,20 +163,36 @@ class PoolCore : public RefCounted {
   // h2_session.cpp
   void Connected() TESSEL_REQUIRES(mutex_);
   void SubmitQueued() TESSEL_REQUIRES(mutex_);
-  bool Flush() TESSEL_REQUIRES(mutex_);
-  void ReadAvailable() TESSEL_REQUIRES(mutex_);
+  bool CanSubmit() const TESSEL_REQUIRES(mutex_);
+  bool Flush(PoolConnection& c) TESSEL_REQUIRES(mutex_);
+  void FlushAll() TESSEL_REQUIRES(mutex_);
+  void ReadAvailable(PoolConnection& c) TESSEL_REQUIRES(mutex_);
   void CheckIdleConnection() TESSEL_REQUIRES(mutex_);
-  void ConnectionLost(const std::string& why) TESSEL_REQUIRES(mutex_);
-  void CloseConnection() TESSEL_REQUIRES(mutex_);
+  void ConnectionLost(PoolConnection& c, const std::string& why) TESSEL_REQUIRES(mutex_);
+  void CloseConnection(PoolConnection& c) TESSEL_REQUIRES(mutex_);
+  void TidyConnections() TESSEL_REQUIRES(mutex_);
+  void CloseAll() TESSEL_REQUIRES(mutex_);
+  PoolConnection* ConnectionOf(const Exchange& exchange) const TESSEL_REQUIRES(mutex_);
+  size_t StreamCount() const TESSEL_REQUIRES(mutex_);
+  // The current connection, if any, and the drained ones: a list on the stack,
+  // so that none is freed under the caller (TidyConnections frees them).
+  struct ConnectionList {
+    PoolConnection* items[kMaxDraining + 1];
+    size_t size = 0;
+    PoolConnection** begin() { return items; }
+    PoolConnection** end() { return items + size; }
+  };
+  ConnectionList Connections() const TESSEL_REQUIRES(mutex_);
   static int OnHeader(nghttp2_session*, const nghttp2_frame* frame, const uint8_t* name,
-                      size_t namelen, const uint8_t* value, size_t valuelen, uint8_t, void* self);
+                      size_t namelen, const uint8_t* value, size_t valuelen, uint8_t, void* conn);
   static int OnData(nghttp2_session*, uint8_t, int32_t stream, const uint8_t* data, size_t len,
-                    void* self);
-  static int OnFrameRecv(nghttp2_session*, const nghttp2_frame* frame, void* self);
-  static int OnFrameSend(nghttp2_session*, const nghttp2_frame* frame, void* self);
-  static int OnStreamClose(nghttp2_session*, int32_t stream, uint32_t error, void* self);
+                    void* conn);
+  static int OnFrameRecv(nghttp2_session*, const nghttp2_frame* frame, void* conn);
+  static int OnFrameSend(nghttp2_session*, const nghttp2_frame* frame, void* conn);
+  static int OnFrameNotSend(nghttp2_session*, const nghttp2_frame* frame, int error, void* conn);
+  static int OnStreamClose(nghttp2_session*, int32_t stream, uint32_t error, void* conn);
   static ssize_t ReadBody(nghttp2_session*, int32_t stream, uint8_t* buf, size_t length,
-                          uint32_t* flags, nghttp2_data_source* source, void* self);
+                          uint32_t* flags, nghttp2_data_source* source, void*);
 
   // pool_registry.cpp
   void StopNoJoin(std::vector<std::thread>& later) noexcept TESSEL_EXCLUDES(mutex_);
@@ -163,22 +213,14 @@ class PoolCore : public RefCounted {
   bool wakePending_ TESSEL_GUARDED_BY(mutex_) = false;
 
   ConnectionState conn_ TESSEL_GUARDED_BY(mutex_) = ConnectionState::None;
-  int fd_ TESSEL_GUARDED_BY(mutex_) = -1;
+  std::unique_ptr<PoolConnection> current_ TESSEL_GUARDED_BY(mutex_);  // set unless None
+  std::vector<std::unique_ptr<PoolConnection>> draining_ TESSEL_GUARDED_BY(mutex_);
   std::vector<std::string> addresses_ TESSEL_GUARDED_BY(mutex_);  // numeric, to try in order
   size_t addressIndex_ TESSEL_GUARDED_BY(mutex_) = 0;
   int64_t connectDeadlineUs_ TESSEL_GUARDED_BY(mutex_) = 0;
-  nghttp2_session* session_ TESSEL_GUARDED_BY(mutex_) = nullptr;
-  int32_t goawayLastStream_ TESSEL_GUARDED_BY(mutex_) = -1;
-  int brokenErrno_ TESSEL_GUARDED_BY(mutex_) = 0;  // a write failed outside the leader
-  // Why nghttp2 ended the connection, if it did.
-  std::string sessionError_ TESSEL_GUARDED_BY(mutex_);
-  std::string out_ TESSEL_GUARDED_BY(mutex_);  // frames to write, from outOffset_ on
-  size_t outOffset_ TESSEL_GUARDED_BY(mutex_) = 0;
-  int64_t lastReadUs_ TESSEL_GUARDED_BY(mutex_) = 0;
-  std::vector<uint8_t> in_ TESSEL_GUARDED_BY(mutex_);
+  std::vector<uint8_t> in_ TESSEL_GUARDED_BY(mutex_);  // the read buffer, shared
 
   std::deque<Ref<Exchange>> queue_ TESSEL_GUARDED_BY(mutex_);
-  std::unordered_map<int32_t, Ref<Exchange>> streams_ TESSEL_GUARDED_BY(mutex_);
   std::vector<Exchange*> waiters_ TESSEL_GUARDED_BY(mutex_);
   std::vector<Ref<Exchange>> callbacks_ TESSEL_GUARDED_BY(mutex_);
   // Waiters whose exchange the leader ended while reading: woken once it

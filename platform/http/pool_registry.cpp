@@ -153,7 +153,7 @@ PoolCore::PoolCore(Ref<ConnectionSpec> spec, const Http2SvcConfig& config)
 
 PoolCore::~PoolCore() {
   PoolRegistry::Remove(this);
-  CloseConnection();
+  CloseAll();
   PoolRegistry::JoinOrPark(callbackThread_);
   close(wakeFd_);
 }
@@ -164,7 +164,9 @@ void PoolCore::StopNoJoin(std::vector<std::thread>& later) noexcept {
     stopped_ = true;
     const Failure f = StoppedFailure();
     for (auto& ex : queue_) Finish(*ex, nullptr, f);
-    for (auto& [id, ex] : streams_) Finish(*ex, nullptr, f);
+    for (PoolConnection* c : Connections()) {
+      for (auto& [id, ex] : c->streams) Finish(*ex, nullptr, f);
+    }
     queue_.clear();
     callbacksPending_ = 0;
     callbacks_.clear();
@@ -172,7 +174,7 @@ void PoolCore::StopNoJoin(std::vector<std::thread>& later) noexcept {
     callbackThreadWake_.notify_all();
     for (Exchange* w : waiters_) w->ended.Post();
     while (driving_) mutex_.Wait(driverGone_);
-    CloseConnection();
+    CloseAll();
   }
   if (callbackThread_.joinable()) later.push_back(std::move(callbackThread_));
 }
@@ -198,14 +200,16 @@ void PoolCore::ForgetParent(std::vector<Ref<Exchange>>& exchanges,
     exchanges.push_back(ex);
   };
   for (auto& ex : queue_) forget(ex);
-  for (auto& [id, ex] : streams_) forget(ex);
+  for (PoolConnection* c : Connections()) {
+    for (auto& [id, ex] : c->streams) forget(ex);
+  }
   for (auto& ex : callbacks_) forget(ex);
   for (auto& ex : toWake_) forget(ex);
   queue_.clear();
   callbacks_.clear();
   toWake_.clear();
   waiters_.clear();
-  CloseConnection();  // ends no exchange: it only drops the references kept above
+  CloseAll();  // ends no exchange: it only drops the references kept above
   addresses_.clear();
   addressIndex_ = 0;
   driving_ = false;

@@ -26,24 +26,30 @@ void PoolCore::StartConnect() {
       }
       return;
     }
+  }
+  // The limit covers one round of the addresses, each time a connection is
+  // opened: not the pool's first connect alone.
+  if (addressIndex_ == 0) {
     connectDeadlineUs_ = System::GetMonotonicTime() + config_->connectTimeoutUs;
   }
   const std::string& raw = addresses_[addressIndex_];
   const auto* sa = reinterpret_cast<const sockaddr*>(raw.data());
-  fd_ = socket(sa->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-  if (fd_ < 0) return ConnectFailed(errno);
+  current_ = std::make_unique<PoolConnection>(this);
+  PoolConnection& c = *current_;
+  conn_ = ConnectionState::Connecting;
+  c.fd = socket(sa->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (c.fd < 0) return ConnectFailed(errno);
   int one = 1;
-  setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  setsockopt(c.fd, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
   if (const SocketCallback& cb = spec_->GetSocketCallback()) {
     try {
-      System::TCPClientSocket socket(fd_);
+      System::TCPClientSocket socket(c.fd);
       cb(&socket);
     } catch (...) {
       return ConnectFailed(ECONNABORTED);
     }
   }
-  conn_ = ConnectionState::Connecting;
-  if (connect(fd_, sa, static_cast<socklen_t>(raw.size())) == 0) return Connected();
+  if (connect(c.fd, sa, static_cast<socklen_t>(raw.size())) == 0) return Connected();
   if (errno != EINPROGRESS) ConnectFailed(errno);
 }
 
@@ -53,7 +59,7 @@ void PoolCore::ConnectProgress(bool socketReady) {
   if (socketReady) {
     int error = 0;
     socklen_t len = sizeof error;
-    getsockopt(fd_, SOL_SOCKET, SO_ERROR, &error, &len);
+    getsockopt(current_->fd, SOL_SOCKET, SO_ERROR, &error, &len);
     if (error == 0) {
       Connected();
     } else {
@@ -64,9 +70,10 @@ void PoolCore::ConnectProgress(bool socketReady) {
   }
 }
 
+// Closes the attempt's socket (the connection object goes with it) and tries
+// the next address, or fails what is queued.
 void PoolCore::ConnectFailed(int error) {
-  if (fd_ >= 0) close(fd_);
-  fd_ = -1;
+  current_.reset();
   conn_ = ConnectionState::None;
   if (error != ETIMEDOUT && ++addressIndex_ < addresses_.size()) return StartConnect();
   addresses_.clear();

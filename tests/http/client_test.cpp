@@ -122,16 +122,23 @@ TEST(Multiplexing, HundredConcurrentRequestsFromSixteenThreadsShareOneConnection
 }
 
 // A caller waiting for a slow answer drives the connection meanwhile: what
-// others submit must leave at once, not when that answer comes in.
-TEST(Multiplexing, NoRequestWaitsBehindAnotherCallersSlowAnswer) {
-  Endpoint ep(80);
+// others submit must leave at once, not when that answer comes in. Nor when
+// the server ends the connection with a GOAWAY (its request limit, a
+// reload): the next requests go on a new connection while the old one
+// finishes the slow answer.
+TEST(Multiplexing, NoRequestWaitsBehindASlowAnswerEvenAcrossAGoaway) {
+  Endpoint ep(81);  // a GOAWAY after 100 requests; /late answers after 4 s
   std::atomic<bool> slowDone{false};
-  std::thread slow([&] { slowDone = Body(*Send(*ep.agent, Get, "/late")) == "late\n"; });
+  std::thread slow(
+      [&] { slowDone = Body(*Send(*ep.agent, Get, "/late", {}, 30000000)) == "late\n"; });
   ASSERT_TRUE(Eventually([&] { return ep.Pool().GetActiveExchangeCount() > 0; }));
-  for (int i = 0; i < 20; ++i) EXPECT_EQ(Body(*Send(*ep.agent, Get, "/hello")), "hello");
+  for (int i = 0; i < 150; ++i) {
+    ASSERT_EQ(Body(*Send(*ep.agent, Get, "/", {}, 30000000)), "ok") << i;
+  }
   EXPECT_FALSE(slowDone.load()) << "the requests waited for the slow answer";
   slow.join();
   EXPECT_TRUE(slowDone.load());
+  EXPECT_EQ(ep.sockets.load(), 2);
 }
 
 TEST(Multiplexing, CrossingTheServersRequestLimitLosesAndRepeatsNothing) {
@@ -200,6 +207,35 @@ TEST(Errors, UnreachableTimesOutTheConnectAndWhatQueuedBehindIt) {
   EXPECT_GE(blackhole.sockets.load(), 1);
 }
 
+// A new connection (after the server ended the last one) has the whole
+// connect limit, however long ago the pool first connected.
+TEST(Errors, EveryConnectHasTheWholeLimit) {
+  // A listener whose accept queue holds one connection: with it taken, SYNs
+  // to it go unanswered.
+  int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in a{};
+  a.sin_family = AF_INET;
+  a.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof a;
+  ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&a), len), 0);
+  ASSERT_EQ(listen(listener, 0), 0);
+  ASSERT_EQ(getsockname(listener, reinterpret_cast<sockaddr*>(&a), &len), 0);
+  auto config = GetDefaultHttp2SvcCfg();
+  config->connectTimeoutUs = 300000;
+  Endpoint ep(ntohs(a.sin_port), "127.0.0.1", config);
+  Thrown([&] { Send(*ep.agent, Get, "/first", {}, 100000); });  // connected, never answered
+  close(accept(listener, nullptr, nullptr));                    // which ends that connection
+  std::this_thread::sleep_for(std::chrono::milliseconds(400));  // past the first limit
+  int filler = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  ASSERT_EQ(connect(filler, reinterpret_cast<sockaddr*>(&a), len), 0);
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Thrown([&] { Send(*ep.agent, Get, "/second", {}, 20000000); }), "errno 110");
+  EXPECT_GE(SecondsSince(start), 0.3);
+  EXPECT_EQ(ep.sockets.load(), 2);
+  close(filler);
+  close(listener);
+}
+
 TEST(Errors, NoAnswerTimesOutCancelsAndIsNeverErrno110) {
   auto config = GetDefaultHttp2SvcCfg();
   config->connectTimeoutUs = 100000;  // far below the wait: must not turn into 110
@@ -227,6 +263,20 @@ TEST(Errors, NoAnswerTimesOutCancelsAndIsNeverErrno110) {
   start = std::chrono::steady_clock::now();
   EXPECT_THROW(ep.agent->SendRequest(Request(Get, "/hang").Get(), response), TimeoutException);
   EXPECT_GE(SecondsSince(start), 0.4);
+}
+
+// A header block larger than HTTP/2 framing allows is never sent: it fails
+// at once, not when the caller's limit passes, and alone on its connection.
+TEST(Errors, ARequestTooLargeToSendFailsAtOnce) {
+  Endpoint ep(80);
+  Ref<PendingExchange> inFlight;
+  ep.agent->AsyncSendRequest(Request(Get, "/hang").Get(), nullptr, inFlight);
+  EXPECT_EQ(Body(*Send(*ep.agent, Get, "/hello")), "hello");  // /hang is on the wire
+  EXPECT_THROW(Send(*ep.agent, Get, "/" + std::string(70000, 'a'), {}, 60000000),
+               InvalidArgumentException);
+  EXPECT_EQ(Body(*Send(*ep.agent, Get, "/hello")), "hello");
+  EXPECT_EQ(ep.Pool().GetActiveExchangeCount(), 1u);  // /hang, still waiting
+  EXPECT_EQ(ep.sockets.load(), 1);
 }
 
 TEST(Agent, WithoutAPoolSpeaksHttp1) {

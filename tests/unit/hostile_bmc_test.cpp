@@ -75,6 +75,25 @@ TEST_F(HostileBmc, IdsThatCouldLeaveTheRouteAreRefusedBeforeSending) {
   }
 }
 
+// A target longer than the proxy takes would make it end the connection all
+// callers share: refused unsent, like an unsafe id. One at the bound is sent.
+TEST_F(HostileBmc, TargetsLongerThanTheProxyTakesAreRefusedBeforeSending) {
+  const std::string base = "/redfish/v1/";
+  const std::string atBound = base + std::string(8000 - 4 - base.size(), 'a');  // "/bmc" too
+  bmc.Json("/bmc" + atBound, "{}");
+  bmc.Install();
+  char* json = nullptr;
+  EXPECT_EQ(Redfish_GetResource("u", "p", nullptr, atBound.c_str(), 100, &json), 0);
+  Redfish_FreeText(json);
+  for (size_t size : {atBound.size() + 1, size_t{16} << 10, size_t{64} << 10}) {
+    log.Clear();
+    const std::string path = base + std::string(size - base.size(), 'a');
+    EXPECT_EQ(Redfish_GetResource("u", "p", nullptr, path.c_str(), 100, &json), 10002) << size;
+    EXPECT_TRUE(log.HasPrefix(3, "GET: refused request target '/bmc/redfish/v1/aaa")) << size;
+  }
+  for (const auto& target : ScriptedBmc::Targets()) EXPECT_LE(target.size(), 8000u);
+}
+
 TEST_F(HostileBmc, EmptyMacIsSearchedButAnEmptyAnswerNeverResets) {
   // An empty MAC is searched like any other (the end-to-end tests); a manager
   // without interfaces ends the search as a success with no MAC.
