@@ -217,13 +217,18 @@ struct LogApi : test_support::ApiTest {
       return it == fixed.end() ? fake_http::Json(404, "{}") : fake_http::Json(200, it->second);
     });
   }
-  // One call: its result, its document, and how many requests it made.
+  static size_t BmcRequests() {
+    size_t n = 0;
+    for (const auto& r : fake_http::Requests()) n += r.target.rfind("/bmc/", 0) == 0;
+    return n;
+  }
+  // One call: its result, its document, and how many requests the BMC got.
   int Read(rapidjson::Document& doc, size_t& requests) {
-    const size_t before = fake_http::Requests().size();
+    const size_t before = BmcRequests();
     char* json = nullptr;
     const int result = Redfish_GetLogEntries("u", "p", nullptr, 10000,
                                              cursor.empty() ? nullptr : cursor.c_str(), &json);
-    requests = fake_http::Requests().size() - before;
+    requests = BmcRequests() - before;
     doc.SetNull();
     if (json != nullptr) {
       redfish::ParseJson(doc, json);
