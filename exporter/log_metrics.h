@@ -8,6 +8,7 @@
 // between runs, so that a restart neither counts an entry again nor
 // forgets one.
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -18,11 +19,11 @@ constexpr double kDefaultLogWindow = 24 * 3600;
 
 // What a scrape shows of the log.
 struct LogSeries {
-  bool present = false;        // the BMC has an event log, and it was read
-  double entries[3] = {};      // OK, Warning, Critical: counted entries within the window
-  double newest[3] = {};       // the newest counted entry's time per severity (0: none seen)
-  std::optional<double> fill;  // entries held / MaxNumberOfRecords, where the BMC says both
-  uint64_t failures = 0;       // log reads that failed
+  bool present = false;             // the BMC has an event log, and it was read
+  std::array<double, 3> entries{};  // OK, Warning, Critical: counted entries within the window
+  std::array<double, 3> newest{};   // the newest counted entry's time per severity (0: none)
+  std::optional<double> fill;       // entries held / MaxNumberOfRecords, where the BMC says both
+  uint64_t failures = 0;            // log reads that failed
 };
 
 class LogTally {
@@ -51,8 +52,8 @@ class LogTally {
 
   double window_;
   double width_;  // seconds a count bucket spans: the window in 1,440 steps
-  std::map<int64_t, uint32_t> buckets_[3];
-  double newest_[3] = {};
+  std::array<std::map<int64_t, uint32_t>, 3> buckets_;
+  std::array<double, 3> newest_{};
   std::optional<double> fill_;
   bool present_ = false;
   uint64_t failures_ = 0;

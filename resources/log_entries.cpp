@@ -19,7 +19,7 @@ namespace {
 using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
 constexpr int kCursorVersion = 1;
-constexpr size_t kMaxCursor = 64 * 1024;
+constexpr size_t kMaxCursor = size_t{64} * 1024;
 constexpr char kRedfishPrefix[] = "/redfish/v1";
 
 std::string Text(const rapidjson::Value& object, const char* name) {
@@ -275,7 +275,7 @@ std::optional<int64_t> ParseRedfishTime(std::string_view t) {
     return std::nullopt;
   }
   return DaysFromCivil(year, static_cast<unsigned>(month), static_cast<unsigned>(day)) * 86400 +
-         hour * 3600 + minute * 60 + second - offset;
+         int64_t{hour} * 3600 + int64_t{minute} * 60 + second - offset;
 }
 
 int LogRecordOf(const rapidjson::Value& member, LogRecord& r) {
@@ -370,9 +370,9 @@ int LogServiceScore(const rapidjson::Value& service, bool underSystem) {
     if (diagnostic) evidence += 2;
   }
   const bool log = Has(words, "log") || Has(words, "eventlog");
-  if (Has(words, "sel") || (Has(words, "system") && Has(words, "event") && log)) {
-    evidence += 4;
-  } else if (Has(words, "iml") || (Has(words, "integrated") && Has(words, "management"))) {
+  const bool sel = Has(words, "sel") || (Has(words, "system") && Has(words, "event") && log);
+  const bool iml = Has(words, "iml") || (Has(words, "integrated") && Has(words, "management"));
+  if (sel || iml) {
     evidence += 4;
   } else if ((Has(words, "event") && log) || Has(words, "eventlog")) {
     evidence += 2;
