@@ -36,7 +36,10 @@ int64_t Now() {
       .count();
 }
 
-bool UnderRoot(const std::string& path) { return path.rfind("/redfish/v1/", 0) == 0; }
+// A path the read may follow and its cursor keep: the BMC's, not too long.
+bool UnderRoot(const std::string& path) {
+  return path.size() <= LogCursor::kMaxPath && path.rfind("/redfish/v1/", 0) == 0;
+}
 
 std::string LinkOf(const rapidjson::Value& object, const char* name) {
   std::string link;
@@ -140,8 +143,9 @@ int Discover(ReadContext& read, LogCursor& cursor) {
                              {"Name", &found.name},
                              {"LogEntryType", &found.entryType},
                              {"OverWritePolicy", &found.policy}}) {
-      out->clear();
-      JsonString(s, name, *out);
+      std::string text;
+      JsonString(s, name, text);
+      *out = BoundedText(text, LogRecord::kMaxText);
     }
     const rapidjson::Value* max = JsonMember(s, "MaxNumberOfRecords");
     found.maxRecords.reset();
@@ -275,6 +279,11 @@ class Walk {
   std::set<std::string> urls_;
   std::unordered_set<std::string> marks_;
 };
+
+// A page the cursor may name; a longer one is read from the log's start.
+std::string PageToKeep(const std::string& page) {
+  return page.size() <= LogCursor::kMaxPath ? page : std::string();
+}
 
 // An entry listed with the page that held it.
 struct Listed {
@@ -415,7 +424,7 @@ int Conclude(ReadContext& read, LogCursor& c, const Listing& l, std::vector<LogR
     if (l.Complete()) c.oldest = MarkOf(l.listed.back().record);
   } else {
     c.last = MarkOf(l.listed.back().record);
-    c.page = l.listed.back().page;
+    c.page = PageToKeep(l.listed.back().page);
     c.index = l.listed.size() - 1;
     c.oldest = MarkOf(l.listed.front().record);
   }
@@ -503,7 +512,7 @@ int ReadOldestFirst(ReadContext& read, LogCursor& c, std::vector<LogRecord>& fre
   out.more = l.walk.MoreToRead() || l.timedOut;
   if (!fresh.empty()) {
     c.last = MarkOf(l.listed.back().record);
-    c.page = l.listed.back().page;
+    c.page = PageToKeep(l.listed.back().page);
     if (skip) c.index = *c.index + (l.listed.size() - 1 - at);
   }
   return RedfishStatusOk;

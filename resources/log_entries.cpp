@@ -19,7 +19,7 @@ namespace {
 using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
 constexpr int kCursorVersion = 1;
-constexpr size_t kMaxCursor = size_t{64} * 1024;
+constexpr size_t kMaxCursor = size_t{128} * 1024;
 constexpr char kRedfishPrefix[] = "/redfish/v1";
 
 std::string Text(const rapidjson::Value& object, const char* name) {
@@ -28,15 +28,7 @@ std::string Text(const rapidjson::Value& object, const char* name) {
   return value;
 }
 
-// Valid UTF-8, at most limit bytes, cut between characters.
-std::string Bounded(std::string_view text, size_t limit) {
-  std::string valid = ValidUtf8(text.substr(0, limit + 4));
-  if (valid.size() <= limit) return valid;
-  size_t end = limit;
-  while (end > 0 && (static_cast<unsigned char>(valid[end]) & 0xC0) == 0x80) --end;
-  valid.resize(end);
-  return valid;
-}
+std::string Bounded(std::string_view text, size_t limit) { return BoundedText(text, limit); }
 
 bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
@@ -213,10 +205,20 @@ bool ReadEarlier(const rapidjson::Value& object, LogRecord::Earlier& e) {
 
 // A path the cursor may name: the BMC's, under the service root.
 bool RedfishPath(const std::string& path) {
-  return path.empty() || path.rfind(std::string(kRedfishPrefix) + "/", 0) == 0;
+  return path.empty() || (path.size() <= LogCursor::kMaxPath &&
+                          path.rfind(std::string(kRedfishPrefix) + "/", 0) == 0);
 }
 
 }  // namespace
+
+std::string BoundedText(std::string_view text, size_t limit) {
+  std::string valid = ValidUtf8(text.substr(0, limit + 4));
+  if (valid.size() <= limit) return valid;
+  size_t end = limit;
+  while (end > 0 && (static_cast<unsigned char>(valid[end]) & 0xC0) == 0x80) --end;
+  valid.resize(end);
+  return valid;
+}
 
 const char* SeverityName(LogSeverity severity) {
   switch (severity) {

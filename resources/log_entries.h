@@ -59,6 +59,9 @@ struct LogRecord {
   std::optional<Earlier> resolves;
 };
 
+// text as valid UTF-8 of at most limit bytes, cut between characters.
+std::string BoundedText(std::string_view text, size_t limit);
+
 // One member of an entries collection; 20004 when it is not an object.
 int LogRecordOf(const rapidjson::Value& member, LogRecord& record);
 
@@ -94,6 +97,9 @@ struct OpenAssertion {
 // entries, the last entry returned and the assertions still open.
 struct LogCursor {
   static constexpr size_t kMaxOpen = 32;
+  // The longest path it keeps: a longer one is not followed (the service),
+  // or not remembered (a page).
+  static constexpr size_t kMaxPath = 2048;
 
   std::string service;  // the LogService; "" when the BMC has none
   std::string entries;  // its Entries collection
