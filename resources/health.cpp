@@ -123,7 +123,9 @@ int ReadHealth(ReadContext& read, const char* previous, const char* readings,
   {
     std::lock_guard<std::mutex> lock(inventory.memory.mutex);
     inventory.memory.managers.clear();
-    for (const Part& m : managers) inventory.memory.managers.push_back(RequestPath(m.odataId));
+    for (const Part& m : managers) {
+      if (!m.odataId.empty()) inventory.memory.managers.push_back(RequestPath(m.odataId));
+    }
   }
   now.watched = Digest(now.systems, managers);
   now.firmwareWatched = FirmwareDigest(now.systems, bmcFirmware);

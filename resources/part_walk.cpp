@@ -59,7 +59,9 @@ int PartWalk::Managers(const std::vector<std::string>& known, std::vector<Part>&
   }
   const size_t gaps = gapCount_;
   result = Run(jobs, found);
-  if (result != RedfishStatusOk || gapCount_ == gaps) return result;
+  if (result != RedfishStatusOk || (gapCount_ == gaps && managers.size() == known.size())) {
+    return result;
+  }
   // A manager known before is gone or fails: the collection says which there are.
   managers.clear();
   firmware.clear();
@@ -71,6 +73,7 @@ int PartWalk::Managers(const std::vector<std::string>& known, std::vector<Part>&
 
 int PartWalk::Components(std::vector<Part>& chassis, std::vector<Part>& parts) {
   Found found{&chassis, &parts, nullptr};
+  memberReads_ = 0;
   return Run({{kSystems, Role::Systems, PartKind::System, "", nullptr, 0},
               {kChassis, Role::Chassis, PartKind::Chassis, "", nullptr, 0}},
              found);
@@ -197,6 +200,10 @@ void PartWalk::Members(const Job& job, const Value& collection, Role memberRole,
     const bool linked = JsonString(member, "@odata.id", link);
     link = RequestPath(std::move(link));
     const bool whole = !linked || member.MemberCount() > 1;
+    if (!link.empty() && visited_.count(link) != 0) {
+      ++loops_;
+      continue;
+    }
     if (!whole && memberReads_ == kMaxMemberReads) {
       ++leftOut_;
       continue;
@@ -207,10 +214,7 @@ void PartWalk::Members(const Job& job, const Value& collection, Role memberRole,
     }
     Job m{link, memberRole, job.kind, job.parent, nullptr, at};
     if (whole) {
-      if (!link.empty() && !visited_.insert(link).second) {
-        ++loops_;
-        continue;
-      }
+      if (!link.empty()) visited_.insert(link);
       Handle(m, member, found, next);
     } else {
       ++memberReads_;
@@ -248,6 +252,7 @@ void PartWalk::Handle(const Job& job, const Value& body, Found& found, std::vect
     }
     case Role::ChassisBody: {
       Part chassis = PartOf(PartKind::Chassis, body, "", job.position, notes_);
+      if (chassis.odataId.empty()) chassis.odataId = job.path;
       const std::string id = chassis.id;
       if (found.chassis != nullptr) found.chassis->push_back(std::move(chassis));
       // The newer subsystems where the chassis has them; their collections
@@ -295,6 +300,8 @@ void PartWalk::Handle(const Job& job, const Value& body, Found& found, std::vect
     case Role::Manager:
       if (found.parts == nullptr) return;
       found.parts->push_back(PartOf(job.kind, body, job.parent, job.position, notes_));
+      // A member read by its link is at that link, whatever its body says.
+      if (found.parts->back().odataId.empty()) found.parts->back().odataId = job.path;
       if (job.role == Role::Manager && found.firmware != nullptr) {
         const Part& manager = found.parts->back();
         found.firmware->push_back(

@@ -32,8 +32,8 @@ struct ReadMemory {
   // The systems' "@odata.id", once read (Redfish_GetSystems).
   bool systemsKnown = false;
   std::vector<std::string> systems;
-  // What the last read of the systems saw, and when: a health read that
-  // follows Redfish_GetSystems closely (the exporter makes both) uses it.
+  // What Redfish_GetSystems last saw, and when: the health read that follows
+  // it closely (the exporter makes both) uses it, once.
   bool systemsSeenKnown = false;
   std::chrono::steady_clock::time_point systemsSeenAt;
   std::vector<SystemHealth> systemsSeen;

@@ -70,7 +70,7 @@ std::string Text(const rapidjson::Value& object, const char* name) {
 
 }  // namespace
 
-int ReadSystemHealth(ReadContext& read, std::vector<SystemHealth>& systems) {
+int ReadSystemHealth(ReadContext& read, std::vector<SystemHealth>& systems, bool share) {
   std::vector<std::string> ids;
   int result = SystemIds(read, ids);
   if (result != RedfishStatusOk) return result;
@@ -96,11 +96,13 @@ int ReadSystemHealth(ReadContext& read, std::vector<SystemHealth>& systems) {
     s.digest = HealthDigest(d);
     seen.push_back(std::move(s));
   }
-  ReadMemory& memory = read.Of().memory;
-  std::lock_guard<std::mutex> lock(memory.mutex);
-  memory.systemsSeen = seen;
-  memory.systemsSeenAt = std::chrono::steady_clock::now();
-  memory.systemsSeenKnown = true;
+  if (share) {
+    ReadMemory& memory = read.Of().memory;
+    std::lock_guard<std::mutex> lock(memory.mutex);
+    memory.systemsSeen = seen;
+    memory.systemsSeenAt = std::chrono::steady_clock::now();
+    memory.systemsSeenKnown = true;
+  }
   systems = std::move(seen);
   return RedfishStatusOk;
 }
@@ -110,18 +112,20 @@ int RecentSystemHealth(ReadContext& read, std::chrono::steady_clock::duration ma
   {
     ReadMemory& memory = read.Of().memory;
     std::lock_guard<std::mutex> lock(memory.mutex);
-    if (memory.systemsSeenKnown &&
-        std::chrono::steady_clock::now() - memory.systemsSeenAt < maxAge) {
-      systems = memory.systemsSeen;
+    const bool recent =
+        memory.systemsSeenKnown && std::chrono::steady_clock::now() - memory.systemsSeenAt < maxAge;
+    memory.systemsSeenKnown = false;
+    if (recent) {
+      systems = std::move(memory.systemsSeen);
       return RedfishStatusOk;
     }
   }
-  return ReadSystemHealth(read, systems);
+  return ReadSystemHealth(read, systems, false);
 }
 
 int ReadSystemStates(ReadContext& read, std::string& document) {
   std::vector<SystemHealth> systems;
-  const int result = ReadSystemHealth(read, systems);
+  const int result = ReadSystemHealth(read, systems, true);
   if (result != RedfishStatusOk) return result;
   rapidjson::StringBuffer buffer;
   rapidjson::Writer<rapidjson::StringBuffer> w(buffer);

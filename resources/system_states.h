@@ -17,10 +17,10 @@ int ReadSystemStates(ReadContext& read, std::string& document);
 
 // Every system's power state and health as one request each reads it (the
 // whole Status, the summaries and the maker's aggregate under Oem, the BIOS
-// version), kept for a health read that follows.
-int ReadSystemHealth(ReadContext& read, std::vector<SystemHealth>& systems);
+// version). share: kept for the health read that follows.
+int ReadSystemHealth(ReadContext& read, std::vector<SystemHealth>& systems, bool share);
 
-// The same from a read less than maxAge ago where there was one.
+// What a shared read less than maxAge ago saw, once; else a read of its own.
 int RecentSystemHealth(ReadContext& read, std::chrono::steady_clock::duration maxAge,
                        std::vector<SystemHealth>& systems);
 
