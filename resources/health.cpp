@@ -56,10 +56,13 @@ std::vector<std::string> KnownManagers(Inventory& inventory, const HealthReport&
     std::lock_guard<std::mutex> lock(inventory.memory.mutex);
     if (!inventory.memory.managers.empty()) return inventory.memory.managers;
   }
+  // A BMC has a manager or two; a previous listing more is no guide.
+  constexpr size_t kMaxKnown = 16;
   std::vector<std::string> known;
   for (const Part& p : previous.parts) {
     if (p.kind == PartKind::Manager && !p.odataId.empty()) known.push_back(RequestPath(p.odataId));
   }
+  if (known.size() > kMaxKnown) known.clear();
   return known;
 }
 
@@ -86,8 +89,8 @@ void LogOddities(Inventory& inventory, const PartWalk& walk, bool walked) {
   }
   if (walk.LeftOut() != 0) {
     TESSEL_LOG(log, 3,
-               "health: %1 members left out: a walk reads at most %2 one by one and %3 in all",
-               walk.LeftOut(), PartWalk::kMaxMemberReads, ReadContext::kMaxMembers);
+               "health: %1 members left out: a walk sends at most %2 requests and follows %3 members",
+               walk.LeftOut(), PartWalk::kMaxReads, ReadContext::kMaxMembers);
   }
   if (walked && walk.GapCount() != 0) {
     TESSEL_LOG(log, 3, "health: %1 component reads failed, first %2", walk.GapCount(),

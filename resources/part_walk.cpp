@@ -51,6 +51,7 @@ int PartWalk::Managers(const std::vector<std::string>& known, std::vector<Part>&
   int result = read_.Features(features);
   if (result != RedfishStatusOk) return result;
   Found found{nullptr, &managers, &firmware};
+  reads_ = 0;
   const Job collection{kManagers, Role::Managers, PartKind::Manager, "", nullptr, 0};
   if (features.expand || known.empty()) return Run({collection}, found);
   std::vector<Job> jobs;
@@ -73,7 +74,7 @@ int PartWalk::Managers(const std::vector<std::string>& known, std::vector<Part>&
 
 int PartWalk::Components(std::vector<Part>& chassis, std::vector<Part>& parts) {
   Found found{&chassis, &parts, nullptr};
-  memberReads_ = 0;
+  reads_ = 0;
   return Run({{kSystems, Role::Systems, PartKind::System, "", nullptr, 0},
               {kChassis, Role::Chassis, PartKind::Chassis, "", nullptr, 0}},
              found);
@@ -81,6 +82,7 @@ int PartWalk::Components(std::vector<Part>& chassis, std::vector<Part>& parts) {
 
 int PartWalk::FirmwareInventory(std::vector<FirmwareEntry>& firmware) {
   Found found{nullptr, nullptr, &firmware};
+  reads_ = 0;
   return Run({{kUpdateService, Role::Update, PartKind::Manager, "", nullptr, 0}}, found);
 }
 
@@ -178,10 +180,16 @@ int PartWalk::Fetch(const std::vector<Job>& jobs, std::vector<std::unique_ptr<Fe
 
 void PartWalk::Queue(std::vector<Job>& next, Job job) {
   if (job.path.empty()) return;
-  if (!visited_.insert(job.path).second) {
+  if (visited_.count(job.path) != 0) {
     ++loops_;
     return;
   }
+  if (reads_ == kMaxReads) {
+    ++leftOut_;
+    return;
+  }
+  ++reads_;
+  visited_.insert(job.path);
   next.push_back(std::move(job));
 }
 
@@ -204,7 +212,7 @@ void PartWalk::Members(const Job& job, const Value& collection, Role memberRole,
       ++loops_;
       continue;
     }
-    if (!whole && memberReads_ == kMaxMemberReads) {
+    if (!whole && reads_ == kMaxReads) {
       ++leftOut_;
       continue;
     }
@@ -217,7 +225,6 @@ void PartWalk::Members(const Job& job, const Value& collection, Role memberRole,
       if (!link.empty()) visited_.insert(link);
       Handle(m, member, found, next);
     } else {
-      ++memberReads_;
       Queue(next, std::move(m));
     }
   }
@@ -286,11 +293,10 @@ void PartWalk::Handle(const Job& job, const Value& body, Found& found, std::vect
       size_t position = 0;
       for (std::string& drive : LinksOf(body, "Drives")) {
         const size_t at = position++;
-        if (memberReads_ == kMaxMemberReads || !read_.Follow(1)) {
+        if (reads_ == kMaxReads || !read_.Follow(1)) {
           ++leftOut_;
           continue;
         }
-        ++memberReads_;
         Queue(next, {std::move(drive), Role::Part, PartKind::Drive, id, nullptr, at});
       }
       Queue(next, {LinkOf(body, "Volumes"), Role::Parts, PartKind::Volume, id, nullptr, 0});

@@ -4,10 +4,10 @@
 // component of every system and chassis (the walk, when something changed),
 // and the firmware inventory (rarely). Collections are expanded where the BMC
 // takes it; members given only as links are read four at a time. Each path
-// is read at most once per walk, so a loop of links ends; at most
-// kMaxMemberReads members are read one by one, and the read's bound on
-// members holds. What the BMC fails to serve is a gap, not a failure: only a
-// spent budget, the transport or refused credentials end the read.
+// is read at most once per walk, so a loop of links ends; each of the three
+// sends at most kMaxReads requests, and the read's bound on members holds. What the
+// BMC fails to serve is a gap, not a failure: only a spent budget, the
+// transport or refused credentials end the read.
 
 #include <cstddef>
 #include <memory>
@@ -23,7 +23,7 @@ namespace redfish {
 
 class PartWalk {
  public:
-  static constexpr size_t kMaxMemberReads = 512;
+  static constexpr size_t kMaxReads = 512;
   static constexpr size_t kMaxGaps = 16;
 
   explicit PartWalk(ReadContext& read) : read_(read) {}
@@ -34,7 +34,8 @@ class PartWalk {
   int Managers(const std::vector<std::string>& known, std::vector<Part>& managers,
                std::vector<FirmwareEntry>& firmware);
 
-  // Every chassis' status and every component of the systems and chassis.
+  // Every chassis' status and every component of the systems and chassis,
+  // with a bound of its own.
   int Components(std::vector<Part>& chassis, std::vector<Part>& parts);
 
   // The update service's firmware inventory; none where it has none.
@@ -91,7 +92,7 @@ class PartWalk {
   PartNotes notes_;
   size_t leftOut_ = 0;
   size_t loops_ = 0;
-  size_t memberReads_ = 0;
+  size_t reads_ = 0;
   size_t gapCount_ = 0;
   std::vector<std::string> gaps_;
 };
