@@ -88,9 +88,10 @@ void LogOddities(Inventory& inventory, const PartWalk& walk, bool walked) {
                walk.Loops());
   }
   if (walk.LeftOut() != 0) {
-    TESSEL_LOG(log, 3,
-               "health: %1 members left out: a walk sends at most %2 requests and follows %3 members",
-               walk.LeftOut(), PartWalk::kMaxReads, ReadContext::kMaxMembers);
+    TESSEL_LOG(
+        log, 3,
+        "health: %1 members left out: a walk sends at most %2 requests and follows %3 members",
+        walk.LeftOut(), PartWalk::kMaxReads, ReadContext::kMaxMembers);
   }
   if (walked && walk.GapCount() != 0) {
     TESSEL_LOG(log, 3, "health: %1 component reads failed, first %2", walk.GapCount(),

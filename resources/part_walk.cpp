@@ -170,6 +170,7 @@ int PartWalk::Fetch(const std::vector<Job>& jobs, std::vector<std::unique_ptr<Fe
   }
   if (again.empty()) return RedfishStatusOk;
   std::vector<std::string> plain;
+  plain.reserve(again.size());
   for (size_t i : again) plain.push_back(jobs[i].path);
   std::vector<std::unique_ptr<Fetched>> reread;
   result = read_.GetAll(plain, reread);

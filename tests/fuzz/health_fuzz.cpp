@@ -20,6 +20,8 @@
 #include "platform/feature_state.h"
 #include "platform/tessel/logging.h"
 #include "resources/health_document.h"
+#include "resources/part_walk.h"
+#include "resources/read_context.h"
 #include "tests/fakes/fake_http.h"
 #include "tests/fakes/fake_sysinfo.h"
 
@@ -39,8 +41,10 @@ const Slot kSlots[] = {
      R"({"Id":"1","PowerState":"On","Status":{"Health":"OK","HealthRollup":"OK"},)"
      R"("Memory":{"@odata.id":"/redfish/v1/Systems/1/Memory"},)"
      R"("Storage":{"@odata.id":"/redfish/v1/Systems/1/Storage"},"BiosVersion":"1"})"},
-    {"/redfish/v1/Systems/1/Memory", R"({"Members":[{"@odata.id":"/redfish/v1/Systems/1/Memory/A1"}]})"},
-    {"/redfish/v1/Systems/1/Memory/A1", R"({"Id":"A1","Status":{"State":"Enabled","Health":"OK"}})"},
+    {"/redfish/v1/Systems/1/Memory",
+     R"({"Members":[{"@odata.id":"/redfish/v1/Systems/1/Memory/A1"}]})"},
+    {"/redfish/v1/Systems/1/Memory/A1",
+     R"({"Id":"A1","Status":{"State":"Enabled","Health":"OK"}})"},
     {"/redfish/v1/Systems/1/Storage", R"({"Members":[{"Id":"S","Drives":[{"@odata.id":"/d/0"}],)"
                                       R"("StorageControllers":[{"MemberId":"0"}]}]})"},
     {"/d/0", R"({"Id":"0","Status":{"Health":"Critical"}})"},
@@ -120,9 +124,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       __builtin_trap();
     }
     Redfish_FreeText(json);
-    // Each member read at most once, 512 of them one by one, a few
-    // collections and resources around them.
-    if (requests > 600) __builtin_trap();
+    // The root, the systems' collection and each system (the read's bound on
+    // members), then the managers, the walk and the firmware, each bounded.
+    if (requests > 2 + redfish::ReadContext::kMaxMembers + 3 * redfish::PartWalk::kMaxReads) {
+      __builtin_trap();
+    }
     cleanup();
   } catch (...) {
     __builtin_trap();

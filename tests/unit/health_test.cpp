@@ -194,7 +194,8 @@ TEST_F(HealthTest, HostileCollectionsEndInBoundedWorkAndSayWhatWasLeftOut) {
   EXPECT_EQ(Field(doc, "/Read/PartsLeftOut"), leftOut);
   EXPECT_EQ(Field(doc, "/Causes/0/Id") + " " + Field(doc, "/Causes/0/Health"), "1#0 Warning");
   for (const std::string& line :
-       {std::string("health: 1 parts without an Id"), std::string("health: 1 Health values Redfish"),
+       {std::string("health: 1 parts without an Id"),
+        std::string("health: 1 Health values Redfish"),
         std::string("health: 1 links to resources already read"),
         "health: " + leftOut + " members left out",
         "health: " + std::to_string(memberReads) + " component reads failed"}) {
