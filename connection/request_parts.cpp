@@ -9,9 +9,7 @@
 
 namespace redfish {
 
-using Tessel::Ref;
 namespace Http = Tessel::Http;
-namespace Service = Tessel::Service;
 
 namespace {
 
@@ -33,8 +31,8 @@ uint64_t BufferSizeFor(std::string_view length) {
 
 }  // namespace
 
-int CreateRequest(Http::HttpMethod method, const std::string& url, Service::Logger* logger,
-                  Ref<Http::ClientRequest>& request) {
+int CreateRequest(Http::HttpMethod method, const std::string& url, Tessel::Service::Logger* logger,
+                  Tessel::Ref<Http::ClientRequest>& request) {
   // The client checks the rest of the target itself; the reason is looked up
   // only for a refused one.
   const char* problem = ProxyProblem(url);

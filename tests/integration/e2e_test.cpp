@@ -22,24 +22,19 @@ namespace {
 
 // What each emulator profile is, as a caller sees it.
 struct Profile {
-  std::string systemId;
-  std::string mac;       // the last interface of the first manager
-  std::string otherMac;  // another interface of the BMC, if any
-  int resetDone;         // result of a reset that did something
-  int resetNoop;         // result of a reset that needed none
+  std::string mac;  // the last interface of the first manager
+  int resetDone;    // result of a reset that did something
+  int resetNoop;    // result of a reset that needed none
   bool hasSensors;
   bool knownVendor;
-  bool actionInfo;
   bool powerCycle;
 };
 
 const std::map<std::string, Profile> kProfiles = {
-    {"dell", {"System.Embedded.1", "b0:7b:25:e4:1f:6a", "", 204, 40006, true, true, false, true}},
-    {"hpe", {"1", "0A:CA:FE:F0:0D:04", "5C:ED:8C:4B:71:A8", 0, 40006, false, true, false, false}},
-    {"lenovo",
-     {"1", "08:8f:c3:b2:47:1e", "08:8f:c3:b2:47:1d", 40006, 40006, true, true, true, true}},
-    {"generic",
-     {"node1", "3C:A8:2A:5F:90:1C", "3C:A8:2A:5F:90:1B", 0, 0, true, false, false, true}},
+    {"dell", {"b0:7b:25:e4:1f:6a", 204, 40006, true, true, true}},
+    {"hpe", {"0A:CA:FE:F0:0D:04", 0, 40006, false, true, false}},
+    {"lenovo", {"08:8f:c3:b2:47:1e", 40006, 40006, true, true, true}},
+    {"generic", {"3C:A8:2A:5F:90:1C", 0, 0, true, false, true}},
 };
 
 const Profile& P() { return kProfiles.at(Env("E2E_PROFILE")); }
@@ -91,53 +86,27 @@ class EndToEnd : public testing::Test {
 
 }  // namespace
 
-TEST_F(EndToEnd, ColdThenWarmPowerStateRead) {
+// The requests and results of each call are the conformance table's; here
+// what it does not look at: the headers, and the state as the caller sees it.
+TEST_F(EndToEnd, HeadersAndTheStateTheCallerSees) {
+  bool on = false;
   if (!P().knownVendor) {
-    bool on = false;
     EXPECT_EQ(PowerState(on), 2);
-    EXPECT_EQ(Posts(), 0);
     return;
   }
-  bool on = false;
   ASSERT_EQ(PowerState(on), 0);
   EXPECT_TRUE(on);
-  const std::string sys = "/redfish/v1/Systems/" + P().systemId;
-  std::vector<std::string> expected = {"GET /redfish/v1/Systems",
-                                       "GET " + sys + "/?$select=Manufacturer",
-                                       "GET " + sys + "/?$select=Actions"};
-  if (P().actionInfo) expected.push_back("GET " + sys + "/ResetActionInfo");
-  expected.push_back("GET " + sys + "/?$select=PowerState");
-  auto log = ReadLog(Env("EMULATOR_LOG"));
-  EXPECT_EQ(Paths(log), expected);
-  for (const auto& l : log) {
+  for (const auto& l : ReadLog(Env("EMULATOR_LOG"))) {
     EXPECT_EQ(l.Header("Authorization"), "Basic YWRtaW46c2VjcmV0");
     EXPECT_EQ(l.Header("Accept"), "application/json");
   }
-
-  Control("/reset-log", "{}");
-  Control("/power", R"({"system":0,"PowerState":"Off"})");
-  ASSERT_EQ(PowerState(on), 0);
-  EXPECT_FALSE(on);
-  EXPECT_EQ(Paths(ReadLog(Env("EMULATOR_LOG"))),
-            std::vector<std::string>{"GET " + sys + "/?$select=PowerState"});
-}
-
-TEST_F(EndToEnd, ResetSendsOneExactBodyAndMapsTheVendorsAnswers) {
-  if (!P().knownVendor) GTEST_SKIP() << "discovery ends with 2 for an unknown vendor";
   ASSERT_EQ(Power(P().mac, REDFISHCMD_GRACEFUL_SHUTDOWN), P().resetDone);
-  auto log = ReadLog(Env("EMULATOR_LOG"));
-  ASSERT_EQ(Posts(), 1);
-  const Logged& post = log.back();
-  EXPECT_EQ(post["path"], "/redfish/v1/Systems/" + P().systemId + "/Actions/ComputerSystem.Reset");
-  EXPECT_EQ(post["body"], "{\n      \"ResetType\" : \"GracefulShutdown\"\n   }");
+  const Logged post = ReadLog(Env("EMULATOR_LOG")).back();
   EXPECT_EQ(post.Header("Content-Type"), "application/json");
   EXPECT_EQ(post.Header("Accept"), "") << "a POST names no Accept";
-  bool on = true;
   ASSERT_EQ(PowerState(on), 0);
   EXPECT_FALSE(on);
-
-  // Already off: the vendor's "nothing to do" answer.
-  EXPECT_EQ(Power(P().mac, REDFISHCMD_GRACEFUL_SHUTDOWN), P().resetNoop);
+  EXPECT_EQ(Power(P().mac, REDFISHCMD_GRACEFUL_SHUTDOWN), P().resetNoop) << "already off";
   EXPECT_EQ(Posts(), 2);
 }
 
@@ -151,39 +120,6 @@ TEST_F(EndToEnd, MacGuardAndUnadvertisedCommandsSendNothing) {
     EXPECT_EQ(Power(P().mac, REDFISHCMD_POWER_CYCLE), 40003);
   }
   EXPECT_EQ(Posts(), 0);
-}
-
-// Which interface each vendor's BMC lists first, and which the search finds;
-// the sensors in one request with expanded members.
-TEST_F(EndToEnd, MacAddressesAndSensorsAsEachVendorShapesThem) {
-  char buffer[32];
-  unsigned int length = sizeof buffer;
-  ASSERT_EQ(Mac(nullptr, buffer, length), 0);
-  EXPECT_EQ(std::string(buffer), P().mac);
-  if (!P().otherMac.empty()) {
-    length = sizeof buffer;
-    ASSERT_EQ(Mac(P().otherMac.c_str(), buffer, length), 0);
-    EXPECT_EQ(std::string(buffer), P().otherMac);
-  }
-
-  std::vector<char> text(1 << 20);
-  length = static_cast<unsigned int>(text.size());
-  const int rc = Sensors(text.data(), length);
-  if (!P().hasSensors) {
-    EXPECT_EQ(rc, 40001) << "every chassis answers Sensors with 404";
-    return;
-  }
-  ASSERT_EQ(rc, 0);
-  rapidjson::Document d;
-  d.Parse(text.data());
-  ASSERT_TRUE(d.IsObject() && d["Members"].IsArray());
-  EXPECT_GE(d["Members"].Size(), 5u);
-  EXPECT_TRUE(d["Members"][0].HasMember("Reading")) << "members are expanded";
-  Control("/reset-log", "{}");
-  ASSERT_EQ(Sensors(nullptr, length), 0);
-  auto paths = Paths(ReadLog(Env("EMULATOR_LOG")));
-  ASSERT_EQ(paths.size(), 1u);
-  EXPECT_NE(paths[0].find("/Sensors?$expand=.($levels=1)"), std::string::npos) << paths[0];
 }
 
 // Sixteen callers on one host discover it once; then callers and closers
