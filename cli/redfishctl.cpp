@@ -11,6 +11,7 @@
 #include <ctime>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -21,11 +22,13 @@
 #include "bmcredfish.h"
 #include "doctor.h"
 #include "doctor_probe.h"
+#include "health.h"
 #include "library_log.h"
 #include "log.h"
 #include "sensors_table.h"
 #include "toolkit/bmc_text.h"
 #include "toolkit/failure_text.h"
+#include "toolkit/health.h"
 #include "toolkit/mac.h"
 #include "toolkit/readings.h"
 #include "toolkit/result_text.h"
@@ -52,6 +55,8 @@ const char kUsage[] =
     "                                      push-power-button nmi\n"
     "  mac [--mac MAC]             the BMC's MAC address (or: does the BMC have MAC?)\n"
     "  sensors                     the chassis sensors as a table\n"
+    "  health [--all] [--state F]  the hardware's health and the parts that are not OK\n"
+    "                              (exit 1 when it is not OK)\n"
     "  log [--since T] [--severity S] [--follow[=SECONDS]]\n"
     "                              the BMC's event log, newest last; --since a time\n"
     "                              (2024-08-01T12:00:00Z) or how long ago (90m, 2h, 7d);\n"
@@ -71,6 +76,9 @@ const char kUsage[] =
     "                       it is what the action implies (default 120 s)\n"
     "  --json               machine-readable output (sensors: the readings document;\n"
     "                       log: one JSON object per entry and line)\n"
+    "  --all                health: every system, chassis, part and firmware version\n"
+    "  --state FILE         health: keep the health document in FILE between runs, so\n"
+    "                       that a run while nothing changed asks the BMC little\n"
     "  --fix-route          doctor: let the library rewrite a route document that does\n"
     "                       not name this BMC (otherwise doctor never writes it)\n"
     "  --log FILE           append the library's log to FILE\n"
@@ -79,7 +87,8 @@ const char kUsage[] =
     "  -h, --help           this text\n"
     "\n"
     "exit status: 0 success (power: the BMC accepted, or no action was needed; with\n"
-    "--wait: the state was reached; doctor: every link works, warnings or not),\n"
+    "--wait: the state was reached; doctor: every link works, warnings or not;\n"
+    "health: the hardware is OK),\n"
     "1 failure, time-out or broken link (the lines name the cause and what to check),\n"
     "2 usage error (nothing was sent).\n";
 
@@ -99,6 +108,8 @@ struct Options {
   bool json = false;
   bool verbose = false;
   bool fixRoute = false;
+  bool all = false;
+  std::string state;
   std::string log;
   LogOptions logOptions;
   bool logOnly = false;  // an option only the log command takes was given
@@ -186,6 +197,10 @@ int ParseOptions(int argc, char** argv, Options& o) {
       o.verbose = true;
     } else if (a == "--fix-route") {
       o.fixRoute = true;
+    } else if (a == "--all") {
+      o.all = true;
+    } else if (a == "--state") {
+      if (!value(o.state) || o.state.empty()) return UsageError("--state needs a value");
     } else if (a == "--log") {
       if (!value(o.log)) return UsageError("--log needs a value");
     } else if (a == "--since") {
@@ -211,14 +226,14 @@ int ParseOptions(int argc, char** argv, Options& o) {
       positional.push_back(a);
     }
     if (hasInline && a != "--wait" && a != "--host" && a != "--user" && a != "--password-file" &&
-        a != "--mac" && a != "--timeout" && a != "--log" && a != "--since" && a != "--severity" &&
-        a != "--follow")
+        a != "--mac" && a != "--timeout" && a != "--log" && a != "--state" && a != "--since" &&
+        a != "--severity" && a != "--follow")
       return UsageError(a + " takes no value");
   }
   if (positional.empty()) return UsageError("no command");
   o.command = positional[0];
-  static const char* const kCommands[] = {"power-state", "power",  "mac",
-                                          "sensors",     "doctor", "log"};
+  static const char* const kCommands[] = {"power-state", "power",  "mac", "sensors",
+                                          "health",      "doctor", "log"};
   bool known = false;
   for (const char* c : kCommands) known = known || o.command == c;
   if (!known) return UsageError("unknown command " + o.command);
@@ -236,6 +251,8 @@ int ParseOptions(int argc, char** argv, Options& o) {
   if (o.fixRoute && o.command != "doctor") return UsageError("--fix-route goes with doctor");
   if (o.logOnly && o.command != "log")
     return UsageError("--since, --severity and --follow go with log");
+  if ((o.all || !o.state.empty()) && o.command != "health")
+    return UsageError("--all and --state go with health");
   if (!o.havePassword) return UsageError("no password: set $BMC_PASSWORD or use --password-file");
   return -1;
 }
@@ -418,6 +435,52 @@ int SensorsCommand(Session& s) {
   return 0;
 }
 
+// The sensors' health joins the rollup where the BMC has readings. With
+// --state, the last run's document goes back to the library, which then
+// reads only what its watch says changed.
+int HealthCommand(Session& s) {
+  std::string previous;
+  if (!s.Opt().state.empty()) {
+    std::ifstream in(s.Opt().state);
+    previous.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  char* readings = nullptr;
+  const int sensors =
+      Redfish_GetSensorReadings(s.User(), s.Password(), s.Host(), s.RequestMs(), &readings);
+  s.Drain();
+  if (sensors != 0 && sensors != REDFISH_ERR_NO_MEMBER)
+    s.Note("health: sensors left out: their read failed with result " + std::to_string(sensors));
+  char* json = nullptr;
+  const int rc = Redfish_GetHealth(s.User(), s.Password(), s.Host(), s.RequestMs(),
+                                   previous.empty() ? nullptr : previous.c_str(), readings, &json);
+  Redfish_FreeText(readings);
+  if (rc != 0) return s.Fail(rc);
+  const std::string doc(json);
+  Redfish_FreeText(json);
+  s.Drain();
+  if (!s.Opt().state.empty()) {
+    const std::string temporary = s.Opt().state + ".new";
+    std::ofstream out(temporary, std::ios::trunc);
+    out << doc << "\n";
+    out.close();
+    if (!out || std::rename(temporary.c_str(), s.Opt().state.c_str()) != 0)
+      s.Note("health: cannot write " + s.Opt().state);
+  }
+  toolkit::Health health;
+  if (!toolkit::ParseHealth(doc, health)) {
+    s.Note("health: the health document is not of its documented shape (see --json)");
+    return 1;
+  }
+  if (s.Opt().json) {
+    std::printf("%s\n", doc.c_str());
+  } else {
+    const double now =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    std::fputs(HealthText(health, s.Opt().all, now).c_str(), stdout);
+  }
+  return health.health == "OK" ? 0 : 1;
+}
+
 // Each library call may take what is left of the deadline but a moment, so
 // that a call that times out comes back in time to name its link.
 int DoctorCommand(Session& s) {
@@ -596,6 +659,7 @@ int main(int argc, char** argv) {
   if (o.command == "power-state") return PowerStateCommand(session);
   if (o.command == "mac") return MacCommand(session);
   if (o.command == "sensors") return SensorsCommand(session);
+  if (o.command == "health") return HealthCommand(session);
   if (o.command == "doctor") return DoctorCommand(session);
   return PowerCommand(session);
 }

@@ -6,6 +6,8 @@
 #include <fstream>
 #include <sstream>
 
+#include <rapidjson/document.h>
+
 #include "bmcredfish.h"
 #include "textfile.h"
 #include "toolkit/bmc_text.h"
@@ -24,6 +26,21 @@ CallOutcome Outcome(const char* call, int result, std::string& why) {
   const std::string cause = toolkit::FailureCause(failure);
   if (!cause.empty()) why += ": " + toolkit::Printable(cause);
   return {result, failure.link};
+}
+
+// The first system's power state from the systems document; false when the
+// BMC has no system (a chassis manager) or the document is not that one.
+bool FirstPowerState(const char* systems, bool& on) {
+  rapidjson::Document doc;
+  doc.Parse(systems);
+  if (doc.HasParseError() || !doc.IsObject()) return false;
+  auto list = doc.FindMember("Systems");
+  if (list == doc.MemberEnd() || !list->value.IsArray() || list->value.Empty()) return false;
+  const rapidjson::Value& first = list->value[0];
+  auto state = first.IsObject() ? first.FindMember("PowerState") : first.MemberEnd();
+  if (!first.IsObject() || state == first.MemberEnd() || !state->value.IsString()) return false;
+  on = std::string(state->value.GetString()) == "On";
+  return true;
 }
 
 // The library's calls leave only caller-made failures as exceptions: the one
@@ -93,16 +110,29 @@ ReadResult BmcReader::operator()() {
   const char* password = credentials_.password.c_str();
   ReadResult read;
   std::string why;
-  bool on = false;
+  char* systems = nullptr;
   const int power =
-      Guarded([&] { return Redfish_GetPowerState(user, password, nullptr, timeoutMs_, &on); });
+      Guarded([&] { return Redfish_GetSystems(user, password, nullptr, timeoutMs_, &systems); });
   read.power = Outcome("power_state", power, why);
-  read.powerOn = on;
+  if (power == 0 && systems != nullptr) read.havePower = FirstPowerState(systems, read.powerOn);
+  Redfish_FreeText(systems);
   char* json = nullptr;
   const int sensors = Guarded(
       [&] { return Redfish_GetSensorReadings(user, password, nullptr, timeoutMs_, &json); });
   read.sensors = Outcome("sensor_readings", sensors, why);
   if (sensors == 0 && json != nullptr) read.readings = json;
+  if (readHealth_) {
+    read.healthRead = true;
+    char* health = nullptr;
+    const char* previous = lastHealth_.empty() ? nullptr : lastHealth_.c_str();
+    const int result = Guarded([&] {
+      return Redfish_GetHealth(user, password, nullptr, timeoutMs_, previous,
+                               sensors == 0 ? json : nullptr, &health);
+    });
+    read.healthCall = Outcome("health", result, why);
+    if (result == 0 && health != nullptr) read.healthDocument = lastHealth_ = health;
+    Redfish_FreeText(health);
+  }
   Redfish_FreeText(json);
   ReadLog(read, why);
   read.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();

@@ -5,8 +5,10 @@
 #include <charconv>
 #include <cmath>
 #include <set>
+#include <vector>
 
 #include "bmcredfish.h"
+#include "health_metrics.h"
 #include "log_metrics.h"
 #include "toolkit/bmc_text.h"
 
@@ -96,24 +98,9 @@ double HealthValue(const std::string& health) {
   return std::nan("");
 }
 
-void Header(std::string& out, const char* name, const char* help, const char* type) {
-  out.append("# HELP ").append(name).append(" ").append(help).append("\n");
-  out.append("# TYPE ").append(name).append(" ").append(type).append("\n");
-}
-
-void Sample(std::string& out, const char* name, const std::string& labels, double value) {
-  out.append(name);
-  if (!labels.empty()) out.append("{").append(labels).append("}");
-  out.append(" ").append(SampleValue(value)).append("\n");
-}
-
 void Gauge(std::string& out, const char* name, const char* help, double value) {
   Header(out, name, help, "gauge");
   Sample(out, name, "", value);
-}
-
-std::string Label(const char* name, const std::string& value) {
-  return std::string(name) + "=\"" + LabelValue(value) + "\"";
 }
 
 std::string SensorLabels(const toolkit::Sensor& s) {
@@ -165,10 +152,12 @@ const std::string& FailureLinkHelp() {
 }
 
 void RenderCalls(std::string& out, const Snapshot& s) {
-  const struct {
+  struct Call {
     const char* call;
     const CallOutcome& outcome;
-  } calls[] = {{"power_state", s.power}, {"sensor_readings", s.sensors}};
+  };
+  std::vector<Call> calls = {{"power_state", s.power}, {"sensor_readings", s.sensors}};
+  if (s.healthRead) calls.push_back({"health", s.healthCall});
   Header(out, "bmcredfish_last_result",
          "Result code of the library call in the last completed BMC read (0 success; 10003 "
          "time-out, 10004 proxy unreachable, 40005 credentials refused; see bmcredfish(3)).",
@@ -183,6 +172,21 @@ void RenderCalls(std::string& out, const Snapshot& s) {
 }
 
 }  // namespace
+
+void Header(std::string& out, const char* name, const char* help, const char* type) {
+  out.append("# HELP ").append(name).append(" ").append(help).append("\n");
+  out.append("# TYPE ").append(name).append(" ").append(type).append("\n");
+}
+
+void Sample(std::string& out, const char* name, const std::string& labels, double value) {
+  out.append(name);
+  if (!labels.empty()) out.append("{").append(labels).append("}");
+  out.append(" ").append(SampleValue(value)).append("\n");
+}
+
+std::string Label(const char* name, const std::string& value) {
+  return std::string(name) + "=\"" + LabelValue(value) + "\"";
+}
 
 std::string LabelValue(const std::string& text) {
   const std::string printable = toolkit::Printable(text);
@@ -242,6 +246,7 @@ std::string Render(const Snapshot& s, const RenderContext& context) {
           *s.powerOn ? 1 : 0);
   }
   if (s.readings) RenderSensors(out, s.readings->sensors);
+  if (s.health) RenderHealth(out, s.health->parsed, context.now);
   if (s.haveRead) out += RenderLogSeries(s.log);
   return out;
 }

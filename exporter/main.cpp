@@ -39,6 +39,7 @@ struct Options {
   std::string stateFile;
   std::string logWindow;
   std::string stateDirectory;
+  bool noHealth = false;
 };
 
 constexpr char kUsage[] =
@@ -62,6 +63,7 @@ constexpr char kUsage[] =
     "  --log-window=DURATION      count event log entries this recent (default 24h; 90m, 7d)\n"
     "  --state-directory=DIR      where the daemon keeps the event log's tally between runs\n"
     "                             (default $STATE_DIRECTORY; none: a restart reads it whole)\n"
+    "  --no-health                read no hardware health (parts, rollup, firmware)\n"
     "  --version                  print the version and exit\n"
     "  --help                     print this help and exit\n";
 
@@ -90,6 +92,7 @@ int Parse(int argc, char** argv, Options& o, bool& done) {
     std::string* text;
     double* seconds;
     bool zeroAllowed;
+    bool* flag = nullptr;
   } kinds[] = {
       {{"web.listen-address", required_argument, nullptr, 0}, &o.listen, nullptr, false},
       {{"credentials-file", required_argument, nullptr, 0}, &o.credentialsFile, nullptr, false},
@@ -100,6 +103,7 @@ int Parse(int argc, char** argv, Options& o, bool& done) {
       {{"library-log", required_argument, nullptr, 0}, &o.libraryLog, nullptr, false},
       {{"textfile", required_argument, nullptr, 0}, &o.textfile, nullptr, false},
       {{"state-file", required_argument, nullptr, 0}, &o.stateFile, nullptr, false},
+      {{"no-health", no_argument, nullptr, 0}, nullptr, nullptr, false, &o.noHealth},
       {{"log-window", required_argument, nullptr, 0}, &o.logWindow, nullptr, false},
       {{"state-directory", required_argument, nullptr, 0}, &o.stateDirectory, nullptr, false},
       {{"version", no_argument, nullptr, 0}, nullptr, nullptr, false},
@@ -118,7 +122,9 @@ int Parse(int argc, char** argv, Options& o, bool& done) {
     if (i < 0 || i >= kCount) {
       return Usage(std::string("unknown option or missing value: ") + argv[optind - 1]);
     }
-    if (kinds[i].text != nullptr) {
+    if (kinds[i].flag != nullptr) {
+      *kinds[i].flag = true;
+    } else if (kinds[i].text != nullptr) {
       *kinds[i].text = optarg;
     } else if (kinds[i].seconds != nullptr) {
       if (!Seconds(optarg, kinds[i].zeroAllowed, *kinds[i].seconds)) {
@@ -154,9 +160,9 @@ int Parse(int argc, char** argv, Options& o, bool& done) {
 
 int RunTextfile(const Options& o, BmcReader& reader) {
   Snapshot snapshot;
-  if (!o.stateFile.empty() && LoadState(o.stateFile, snapshot) && !snapshot.logState.empty()) {
-    reader.RestoreLog(snapshot.logState);
-  }
+  if (!o.stateFile.empty()) LoadState(o.stateFile, snapshot);
+  if (snapshot.health) reader.RememberHealth(snapshot.health->document);
+  if (!snapshot.logState.empty()) reader.RestoreLog(snapshot.logState);
   const ReadResult read = reader();
   const double now = WallSeconds();
   ApplyRead(snapshot, read, now);
@@ -231,7 +237,8 @@ int main(int argc, char** argv) {
 
   double window = kDefaultLogWindow;
   if (!o.logWindow.empty()) ParseLogWindow(o.logWindow, window);
-  BmcReader reader(std::move(credentials), static_cast<unsigned>(o.bmcTimeout * 1000), window);
+  BmcReader reader(std::move(credentials), static_cast<unsigned>(o.bmcTimeout * 1000), !o.noHealth,
+                   window);
   if (o.textfile.empty()) {
     // systemd's StateDirectory= names it; it may list several, the first is ours.
     const char* fromUnit = std::getenv("STATE_DIRECTORY");

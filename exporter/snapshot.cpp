@@ -11,6 +11,13 @@ std::shared_ptr<const SensorReadings> MakeReadings(std::string document) {
   return readings;
 }
 
+std::shared_ptr<const HealthState> MakeHealth(std::string document) {
+  auto health = std::make_shared<HealthState>();
+  if (!toolkit::ParseHealth(document, health->parsed)) return nullptr;
+  health->document = std::move(document);
+  return health;
+}
+
 void ApplyRead(Snapshot& snapshot, const ReadResult& read, double now) {
   snapshot.haveRead = true;
   snapshot.power = read.power;
@@ -18,13 +25,22 @@ void ApplyRead(Snapshot& snapshot, const ReadResult& read, double now) {
   snapshot.readSeconds = read.seconds;
   snapshot.log = read.log;
   snapshot.logState = read.logState;
-  if (read.power.result == 0) snapshot.powerOn = read.powerOn;
+  if (read.power.result == 0 && read.havePower) snapshot.powerOn = read.powerOn;
   if (read.sensors.result == 0) {
     if (auto readings = MakeReadings(read.readings)) {
       snapshot.readings = std::move(readings);
       snapshot.readingsTime = now;
     } else {
       snapshot.sensors = {REDFISH_ERR_UNEXPECTED_JSON, REDFISH_LINK_DOCUMENT};
+    }
+  }
+  snapshot.healthRead = read.healthRead;
+  snapshot.healthCall = read.healthCall;
+  if (read.healthRead && read.healthCall.result == 0) {
+    if (auto health = MakeHealth(read.healthDocument)) {
+      snapshot.health = std::move(health);
+    } else {
+      snapshot.healthCall = {REDFISH_ERR_UNEXPECTED_JSON, REDFISH_LINK_DOCUMENT};
     }
   }
   ++snapshot.reads;

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "log_metrics.h"
+#include "toolkit/health.h"
 #include "toolkit/readings.h"
 
 // The result and failing link (RedfishLink) of one library call.
@@ -20,16 +21,29 @@ struct CallOutcome {
   int link = 0;
 };
 
-// One read of the BMC: the power state, then every chassis' readings.
+// One read of the BMC: the power state, every chassis' readings, then the
+// hardware's health (unless the exporter was told not to read it).
 struct ReadResult {
   CallOutcome power;
   CallOutcome sensors;
   bool powerOn = false;
-  std::string readings;  // the library's readings document, when sensors.result is 0
-  LogSeries log;         // the event log's series after this read
-  std::string logState;  // the tally behind them, to keep (LogTally::Save)
-  double seconds = 0;    // how long the read took
-  bool Ok() const { return power.result == 0 && sensors.result == 0; }
+  bool havePower = true;  // false for a BMC without systems: it has no power state
+  std::string readings;   // the library's readings document, when sensors.result is 0
+  bool healthRead = false;
+  CallOutcome healthCall;
+  std::string healthDocument;  // the library's health document, when health.result is 0
+  LogSeries log;               // the event log's series after this read
+  std::string logState;        // the tally behind them, to keep (LogTally::Save)
+  double seconds = 0;          // how long the read took
+  bool Ok() const {
+    return power.result == 0 && sensors.result == 0 && (!healthRead || healthCall.result == 0);
+  }
+};
+
+// The health document as the library sent it and as parsed.
+struct HealthState {
+  std::string document;
+  toolkit::Health parsed;
 };
 
 // Sensor readings as the library sent them and as parsed.
@@ -42,8 +56,11 @@ struct Snapshot {
   bool haveRead = false;  // a read has completed
   CallOutcome power;      // outcomes of the last completed read
   CallOutcome sensors;
+  bool healthRead = false;
+  CallOutcome healthCall;
   std::optional<bool> powerOn;                     // last good power state
   std::shared_ptr<const SensorReadings> readings;  // last good readings (null: none yet)
+  std::shared_ptr<const HealthState> health;       // last good health document (null: none yet)
   double readingsTime = 0;                         // wall-clock seconds of the read that gave them
   double lastSuccess = 0;  // wall-clock seconds of the last read with both calls good
   double readSeconds = 0;  // duration of the last completed read
@@ -53,7 +70,10 @@ struct Snapshot {
   LogSeries log;
   std::string logState;
 
-  bool LastReadOk() const { return haveRead && power.result == 0 && sensors.result == 0; }
+  bool LastReadOk() const {
+    return haveRead && power.result == 0 && sensors.result == 0 &&
+           (!healthRead || healthCall.result == 0);
+  }
 };
 
 inline double WallSeconds() {
@@ -66,3 +86,5 @@ void ApplyRead(Snapshot& snapshot, const ReadResult& read, double now);
 // The library's readings document with its sensors; null when it is not of
 // that shape.
 std::shared_ptr<const SensorReadings> MakeReadings(std::string document);
+// The library's health document, parsed; null when it is not of that shape.
+std::shared_ptr<const HealthState> MakeHealth(std::string document);

@@ -4,9 +4,12 @@
 // its own (the reads may run beside the 1.0 discovery walks): the query
 // options the BMC takes, and what each read has learnt of where things are.
 
+#include <chrono>
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "resources/health_document.h"
 
 namespace redfish {
 
@@ -29,6 +32,13 @@ struct ReadMemory {
   // The systems' "@odata.id", once read (Redfish_GetSystems).
   bool systemsKnown = false;
   std::vector<std::string> systems;
+  // What Redfish_GetSystems last saw, and when: the health read that follows
+  // it closely (the exporter makes both) uses it, once.
+  bool systemsSeenKnown = false;
+  std::chrono::steady_clock::time_point systemsSeenAt;
+  std::vector<SystemHealth> systemsSeen;
+  // The managers' paths, for BMCs that cannot expand their collection.
+  std::vector<std::string> managers;
   // Where the event log is, as a cursor without entries (Redfish_GetLogEntries).
   std::string logFound;
 };

@@ -12,6 +12,7 @@ import threading
 
 from . import event_log as loglib
 from . import faults as faultlib
+from . import health as healthlib
 from . import model as modellib
 from . import query as querylib
 from . import tree as treelib
@@ -52,6 +53,11 @@ def parse_args(argv):
                     help="event log: MaxNumberOfRecords; the oldest entries go beyond it")
     ap.add_argument("--log-entries", metavar="N", type=int, default=0,
                     help="event log: this many more entries at start (default 0)")
+    ap.add_argument("--health-fault", metavar="KIND", action="append", default=[], choices=healthlib.FAULTS,
+                    help="fail one part of this kind from the start: %s; may be repeated"
+                    % ", ".join(healthlib.FAULTS))
+    ap.add_argument("--empty-rollup", action="store_true",
+                    help="leave HealthRollup out of every Status and raise nothing above a failed part")
     ap.add_argument("--ready-file", metavar="PATH", help="created once the emulator accepts connections")
     ap.add_argument("--cert-dir", metavar="DIR", help="where cert.pem and key.pem are written (default: temp dir)")
     args = ap.parse_args(argv)
@@ -132,6 +138,10 @@ def main(argv=None):
         else:
             model = treelib.TreeModel(args.profile, args.spec, args.scale)
         model.power_settle = max(0.0, min(args.power_settle, 3600.0))
+        model.health = healthlib.Health(model, model.profile.get("health"))
+        if args.health_fault or args.empty_rollup:
+            model.health.configure({"faults": args.health_fault,
+                                    "empty_rollup": args.empty_rollup or model.health.empty_rollup})
         # Captured trees keep the logs they were captured with.
         log_spec = model.profile.get("event_log")
         if log_spec is not None and "tree" not in model.profile:
