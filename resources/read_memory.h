@@ -4,6 +4,7 @@
 // its own (the reads may run beside the 1.0 discovery walks): the query
 // options the BMC takes, and what each read has learnt of where things are.
 
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -22,6 +23,8 @@ struct QueryFeatures {
   bool excerpt = false;          // excerpt
 };
 
+struct ReadingsPlan;  // resources/sensor_readings.cpp
+
 struct ReadMemory {
   std::mutex mutex;
   bool featuresKnown = false;
@@ -29,6 +32,8 @@ struct ReadMemory {
   // The systems' "@odata.id", once read (Redfish_GetSystems).
   bool systemsKnown = false;
   std::vector<std::string> systems;
+  // Where the readings are, once found (Redfish_GetSensorReadings).
+  std::shared_ptr<const ReadingsPlan> readings;
 };
 
 }  // namespace redfish
