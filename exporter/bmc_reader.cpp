@@ -8,6 +8,7 @@
 #include "toolkit/bmc_text.h"
 #include "toolkit/failure_text.h"
 #include "toolkit/result_text.h"
+#include "toolkit/systems.h"
 
 namespace {
 
@@ -44,12 +45,16 @@ ReadResult BmcReader::operator()() {
   const char* password = credentials_.password.c_str();
   ReadResult read;
   std::string why;
-  bool on = false;
-  const int power =
-      Guarded([&] { return Redfish_GetPowerState(user, password, nullptr, timeoutMs_, &on); });
-  read.power = Outcome("power_state", power, why);
-  read.powerOn = on;
   char* json = nullptr;
+  const int systems =
+      Guarded([&] { return Redfish_GetSystems(user, password, nullptr, timeoutMs_, &json); });
+  read.systems = Outcome("systems", systems, why);
+  std::vector<toolkit::System> list;
+  if (systems == 0 && json != nullptr && toolkit::ParseSystems(json, list) && !list.empty()) {
+    read.powerOn = list[0].powerState == "On";
+  }
+  Redfish_FreeText(json);
+  json = nullptr;
   const int sensors = Guarded(
       [&] { return Redfish_GetSensorReadings(user, password, nullptr, timeoutMs_, &json); });
   read.sensors = Outcome("sensor_readings", sensors, why);

@@ -9,10 +9,10 @@ struct Credentials {
   std::string password;
 };
 
-// One read of this host's BMC through the library: the power state, then the
-// sensor readings. Says on standard error when a read fails differently from
-// the one before, and when reads succeed again, so that a failing BMC does not
-// flood the log.
+// One read of this host's BMC through the library: its systems (the power
+// state, whatever the BMC's maker), then the sensor readings. Says on standard error when a read
+// fails differently from the one before, and when reads succeed again, so that a failing BMC does
+// not flood the log.
 class BmcReader {
  public:
   BmcReader(Credentials credentials, unsigned timeoutMs)

@@ -19,25 +19,26 @@ struct CallOutcome {
   int link = 0;
 };
 
-// One read of the BMC: the power state, then every chassis' readings.
+// One read of the BMC: its systems, then every chassis' readings.
 struct ReadResult {
-  CallOutcome power;
+  CallOutcome systems;
   CallOutcome sensors;
-  bool powerOn = false;
-  std::string readings;  // the library's readings document, when sensors.result is 0
-  double seconds = 0;    // how long the read took
-  bool Ok() const { return power.result == 0 && sensors.result == 0; }
+  std::optional<bool> powerOn;  // the first system's; none for a BMC without systems
+  std::string readings;         // the library's readings document, when sensors.result is 0
+  double seconds = 0;           // how long the read took
+  bool Ok() const { return systems.result == 0 && sensors.result == 0; }
 };
 
 // Sensor readings as the library sent them and as parsed.
 struct SensorReadings {
   std::string document;
+  std::vector<toolkit::Chassis> chassis;
   std::vector<toolkit::Sensor> sensors;
 };
 
 struct Snapshot {
   bool haveRead = false;  // a read has completed
-  CallOutcome power;      // outcomes of the last completed read
+  CallOutcome systems;    // outcomes of the last completed read
   CallOutcome sensors;
   std::optional<bool> powerOn;                     // last good power state
   std::shared_ptr<const SensorReadings> readings;  // last good readings (null: none yet)
@@ -48,7 +49,7 @@ struct Snapshot {
   uint64_t failures = 0;
   bool stale = false;  // this answer's values are not from a current, good read
 
-  bool LastReadOk() const { return haveRead && power.result == 0 && sensors.result == 0; }
+  bool LastReadOk() const { return haveRead && systems.result == 0 && sensors.result == 0; }
 };
 
 inline double WallSeconds() {
