@@ -205,8 +205,10 @@ void PropertiesOf(const Value& document, const Property (&properties)[N], const 
     }
     for (rapidjson::SizeType i = 0; i < value->Size(); ++i) {
       const std::string n = std::to_string(i);
-      ExcerptOffer((*value)[i], path, std::string("/") + p.name + "/" + n, p, id + "/" + n,
-                   name + " " + n, offers, notes);
+      std::string pointer = "/";
+      pointer.append(p.name).append("/").append(n);
+      ExcerptOffer((*value)[i], path, pointer, p, std::string(id).append("/").append(n),
+                   std::string(name).append(" ").append(n), offers, notes);
     }
   }
 }

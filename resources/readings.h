@@ -9,6 +9,7 @@
 
 #include <rapidjson/document.h>
 
+#include <array>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -30,7 +31,7 @@ struct SensorReading {
   std::string physicalContext;
   std::string health;  // Status.Health, "" when not given
   std::string state;   // Status.State
-  std::optional<double> thresholds[kThresholdCount];
+  std::array<std::optional<double>, kThresholdCount> thresholds;
   // Where the reading lives on the BMC: the sensor's URI, an excerpt's
   // DataSourceUri, or the document and JSON pointer it was found at. One
   // physical reading has one source, which is how duplicates are told.
@@ -57,7 +58,7 @@ struct Offer {
   bool linked = false;  // reading.source is the BMC's DataSourceUri
   // Names under which a Sensor of the same chassis is this very sensor:
   // an old array entry's Name, a Fan's Id and Name ("" for none).
-  std::string alias[2];
+  std::array<std::string, 2> alias;
   bool chassisPower = false;   // the chassis' power figure (PowerWatts, PowerControl)
   bool chassisEnergy = false;  // the chassis' energy counter (EnergyJoules, EnergykWh)
   Replaced replaced = Replaced::None;

@@ -93,6 +93,7 @@ class Walk {
     result = ChassisIds(ids);
     if (result != RedfishStatusOk) return result;
     std::vector<Get> wants;
+    wants.reserve(ids.size());
     for (const std::string& id : ids) wants.push_back({Step::Chassis, SourceKind::Sensor, 0, id});
     while (!wants.empty()) {
       std::vector<Get> next;
@@ -129,7 +130,7 @@ class Walk {
     for (size_t i = 0; i < got.size(); ++i) {
       const Fetched& f = *got[i];
       if (f.result != RedfishStatusOk && !LeftOut(f.result)) return f.result;
-      if (f.result != RedfishStatusOk || f.document.HasParseError()) {
+      if (f.result != RedfishStatusOk || f.document.HasParseError() || !f.document.IsObject()) {
         Stale(plan.gets[i].path, f.result);
         stale = true;
         return RedfishStatusOk;
@@ -207,6 +208,7 @@ class Walk {
       }
       features_.expand = false;
       std::vector<std::string> plain;
+      plain.reserve(refused.size());
       for (size_t i : refused) plain.push_back(wants[i].path);
       std::vector<std::unique_ptr<Fetched>> again;
       read_.GetAll(plain, again);

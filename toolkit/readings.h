@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -24,7 +25,7 @@ struct Sensor {
   std::string health;  // "OK", "Warning", "Critical" or ""
   std::string source;  // DataSourceUri: where the BMC holds the reading
   std::optional<double> reading;
-  std::optional<double> thresholds[kThresholdCount];  // UpperCaution ... LowerFatal
+  std::array<std::optional<double>, kThresholdCount> thresholds;  // UpperCaution ... LowerFatal
 };
 
 struct Chassis {
