@@ -26,6 +26,7 @@ enum class Step : uint8_t {
   PowerSupplyCollection,  // members: power supplies
   PowerSupply,            // link: Metrics
   Source,                 // a document of readings itself
+  ExpandedChassis,        // a later read's: a chassis' Thermal, Power, EnvironmentMetrics inline
 };
 
 struct ReadingsPlan {
@@ -54,6 +55,22 @@ constexpr auto kPlanLifetime = std::chrono::hours(1);
 bool IsCollection(Step step) {
   return step == Step::SensorCollection || step == Step::FanCollection ||
          step == Step::PowerSupplyCollection;
+}
+
+// The documents a chassis links that one expanded GET of it can bring inline.
+constexpr struct {
+  const char* link;
+  SourceKind kind;
+} kInlined[] = {{"EnvironmentMetrics", SourceKind::EnvironmentMetrics},
+                {"Thermal", SourceKind::Thermal},
+                {"Power", SourceKind::Power}};
+
+bool Inlinable(const Get& get) {
+  if (get.step != Step::Source) return false;
+  for (const auto& i : kInlined) {
+    if (get.kind == i.kind) return true;
+  }
+  return false;
 }
 
 // What a failed GET means for the read: the resource's own failure (a member
@@ -112,6 +129,7 @@ class Walk {
       for (size_t d = 0; d < documents_.size(); ++d) gave = gave || (origin_[d] == g && used[d]);
       if (gave) made->gets.push_back(fetched_[g]);
     }
+    if (features_.expand) Inline(made->gets);
     made->logged = notes_.kept;
     plan = std::move(made);
     return RedfishStatusOk;
@@ -185,7 +203,8 @@ class Walk {
     std::vector<size_t> expanded;
     for (size_t i = 0; i < wants.size(); ++i) {
       paths.push_back(wants[i].path);
-      if (features_.expand && IsCollection(wants[i].step)) {
+      if (features_.expand &&
+          (IsCollection(wants[i].step) || wants[i].step == Step::ExpandedChassis)) {
         paths.back() += std::string("?") + kExpand;
         expanded.push_back(i);
       }
@@ -312,6 +331,19 @@ class Walk {
       }
       case Step::PowerSupply:
         return Supply(c, want.path, d, next);
+      case Step::ExpandedChassis:
+        for (const auto& i : kInlined) {
+          const Value* member = JsonMember(d, i.link);
+          if (member == nullptr || !member->IsObject()) continue;
+          std::string link = Link(d, i.link, want.path, notes_);
+          if (link.empty()) link = want.path + "/" + i.link;
+          if (member->MemberCount() > 1) {
+            Add(i.kind, c, link, *member);
+          } else {
+            next.push_back({Step::Source, i.kind, c, link});  // not expanded after all
+          }
+        }
+        break;
       case Step::Source:
         if (want.kind == SourceKind::ThermalMetrics) {
           const Value* t = JsonMember(d, "TemperatureReadingsCelsius");
@@ -370,6 +402,19 @@ class Walk {
       next.push_back({Step::Source, SourceKind::PowerSupplyMetrics, chassis, link});
     }
     return RedfishStatusOk;
+  }
+
+  // Where a chassis' plan reads two or more of the documents it links, one
+  // expanded GET of the chassis brings them (a BMC without Sensors, such as
+  // one with only Thermal and Power, is then read in one request).
+  void Inline(std::vector<Get>& gets) const {
+    for (size_t c = 0; c < chassis_.size(); ++c) {
+      auto mine = [c](const Get& g) { return g.chassis == c && Inlinable(g); };
+      const auto first = std::find_if(gets.begin(), gets.end(), mine);
+      if (std::count_if(gets.begin(), gets.end(), mine) < 2) continue;
+      *first = {Step::ExpandedChassis, SourceKind::Sensor, c, chassis_[c].odataId};
+      gets.erase(std::remove_if(first + 1, gets.end(), mine), gets.end());
+    }
   }
 
   // The GET whose answer is being taken.
