@@ -11,6 +11,7 @@
 #include "platform/export.h"
 #include "platform/tessel/logging.h"
 #include "transport/bmc_http_connection.h"
+#include "utils/fifo_mutex.h"
 #include "utils/lazy_ref.h"
 #include "utils/redfish_oem.h"
 
@@ -96,7 +97,9 @@ class BMCREDFISH_EXPORT BmcRedfishConnection {
   // virtual operations. Declared before the inventory, which uses it.
   std::unique_ptr<BmcRequests> requests_;
   std::unique_ptr<Inventory> inventory_;
-  std::mutex requestMutex_;
+  // Calls take their turns in the order they came: one host is one key, so
+  // all of a service's threads queue here.
+  FifoMutex requestMutex_;
 };
 
 // The records and walks of a connection, for the code in resources/.

@@ -35,7 +35,7 @@ std::string ReadOnce(Http::ClientResponse& response, Service::Logger* logger, in
 
 int BmcRedfishConnection::MakeHttpRequestGet(const std::string& url, std::string& response,
                                              std::chrono::milliseconds timeout) {
-  std::lock_guard<std::mutex> lock(requestMutex_);
+  std::lock_guard<FifoMutex> lock(requestMutex_);
   Ref<Http::ClientRequest> request;
   if (int refused = CreateRequest(Http::Get, url, logger_, request)) return refused;
   // The design's trace of every GET: it carries the Base64 credentials
@@ -61,7 +61,7 @@ int BmcRedfishConnection::MakeHttpRequestGet(const std::string& url, std::string
 int BmcRedfishConnection::MakeHttpRequestPost(const std::string& url, const std::string& body,
                                               std::string& response, bool skipAuth,
                                               std::chrono::milliseconds timeout) {
-  std::lock_guard<std::mutex> lock(requestMutex_);
+  std::lock_guard<FifoMutex> lock(requestMutex_);
   Ref<Http::ClientRequest> request;
   if (int refused = CreateRequest(Http::Post, url, logger_, request)) return refused;
   if (!skipAuth) SetAuthentication(*request, sessionToken_, _jwt);
@@ -93,7 +93,7 @@ int BmcRedfishConnection::MakeHttpRequestPost(const std::string& url, const std:
 
 int BmcRedfishConnection::MakeHttpRequestDelete(const std::string& url, std::string& response,
                                                 std::chrono::milliseconds timeout) {
-  std::lock_guard<std::mutex> lock(requestMutex_);
+  std::lock_guard<FifoMutex> lock(requestMutex_);
   Ref<Http::ClientRequest> request;
   if (int refused = CreateRequest(Http::Delete, url, logger_, request)) return refused;
   SetAuthentication(*request, sessionToken_, _jwt);

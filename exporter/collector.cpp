@@ -7,32 +7,44 @@ Collector::~Collector() {
   if (thread_.joinable() && Stop(std::chrono::hours(1))) thread_.join();
 }
 
-Snapshot Collector::Scrape(Clock::time_point deadline) {
-  std::unique_lock<std::mutex> lock(mutex_);
+Collector::Ticket Collector::Begin(Clock::time_point deadline) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  Ticket ticket{0, deadline};
   const bool fresh = completed_ > 0 && Clock::now() - completedAt_ <= maxAge_;
   if (!fresh || reading_) {
     // The running read, or the next one.
-    const uint64_t target = completed_ + 1;
+    ticket.read = completed_ + 1;
     if (!reading_ && !readWanted_) {
       readWanted_ = true;
       wanted_.notify_one();
     }
-    done_.wait_until(lock, deadline, [&] { return completed_ >= target || stopping_; });
-    if (completed_ < target) {
-      Snapshot late = snapshot_;
-      late.stale = true;
-      return late;
-    }
   }
-  return snapshot_;
+  return ticket;
+}
+
+bool Collector::Ready(const Ticket& ticket) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return completed_ >= ticket.read || stopping_ || Clock::now() >= ticket.deadline;
+}
+
+Snapshot Collector::Finish(const Ticket& ticket) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  Snapshot snapshot = snapshot_;
+  if (completed_ < ticket.read) snapshot.stale = true;
+  return snapshot;
+}
+
+void Collector::OnChange(std::function<void()> listener) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  listener_ = std::move(listener);
 }
 
 bool Collector::Stop(Clock::duration wait) {
   std::unique_lock<std::mutex> lock(mutex_);
   stopping_ = true;
   wanted_.notify_all();
-  done_.notify_all();
-  if (!done_.wait_for(lock, wait, [&] { return finished_; })) {
+  if (listener_) listener_();
+  if (!finished_.wait_for(lock, wait, [&] { return ended_; })) {
     thread_.detach();
     return false;
   }
@@ -54,8 +66,8 @@ void Collector::Run() {
     reading_ = false;
     ++completed_;
     completedAt_ = Clock::now();
-    done_.notify_all();
+    if (listener_) listener_();
   }
-  finished_ = true;
-  done_.notify_all();
+  ended_ = true;
+  finished_.notify_all();
 }

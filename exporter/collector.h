@@ -6,6 +6,9 @@
 // on to serve the next scrape. A result younger than the maximum age serves
 // scrapes without a read, so that two Prometheus servers scraping the same
 // host out of step do not double the BMC's load.
+//
+// Scrapes never block: the HTTP server's one thread begins a scrape, is told
+// when each read completes, and answers the scrape once it is Ready.
 
 #include <chrono>
 #include <condition_variable>
@@ -20,14 +23,32 @@ class Collector {
   using Clock = std::chrono::steady_clock;
   using ReadFunction = std::function<ReadResult()>;
 
+  // A scrape under way: the read whose result it waits for (0: none, the
+  // last result serves) and when it must be answered.
+  struct Ticket {
+    uint64_t read = 0;
+    Clock::time_point deadline;
+  };
+
   // Starts the reading thread, which makes a first read at once.
   Collector(ReadFunction read, Clock::duration maxAge);
   ~Collector();
   Collector(const Collector&) = delete;
   Collector& operator=(const Collector&) = delete;
 
-  // What a scrape that must answer by deadline shows.
-  Snapshot Scrape(Clock::time_point deadline);
+  // Starts a scrape that must be answered by deadline, asking for a read
+  // when the last one is too old. Never waits for the read.
+  Ticket Begin(Clock::time_point deadline);
+  // The scrape can be answered: its read completed, its deadline passed, or
+  // the collector is stopping.
+  bool Ready(const Ticket& ticket);
+  // What it shows: its read's result, or the earlier values marked stale.
+  Snapshot Finish(const Ticket& ticket);
+
+  // Called after each read and when stopping, with the collector's lock
+  // held: it may only signal (an eventfd write), never call back in. Null
+  // stops the calls; once this returns, none is running.
+  void OnChange(std::function<void()> listener);
 
   // Wakes every waiting scrape and ends the reading thread once its read is
   // done. False when that read is still running after wait (the thread is
@@ -40,12 +61,13 @@ class Collector {
   ReadFunction read_;
   const Clock::duration maxAge_;
   std::mutex mutex_;
-  std::condition_variable wanted_;  // a read is wanted, or stopping
-  std::condition_variable done_;    // a read completed, or stopping
+  std::condition_variable wanted_;    // a read is wanted, or stopping
+  std::condition_variable finished_;  // the reading thread ended
+  std::function<void()> listener_;
   bool readWanted_ = true;
   bool reading_ = false;
   bool stopping_ = false;
-  bool finished_ = false;
+  bool ended_ = false;
   uint64_t completed_ = 0;
   Clock::time_point completedAt_;
   Snapshot snapshot_;

@@ -13,7 +13,9 @@ constexpr char kCredentialsPath[] = "/etc/bmcredfish-exporter/credentials";
 // default path.
 std::string DefaultCredentialsPath();
 
-// Reads "user:password" (one line) from path. Refuses what is not a regular
-// file, and a file that group or others may read: the password must stay the
-// service's own.
+// Reads "user:password" (one line) from path, following symbolic links. The
+// password must stay the service's own: refuses what is not a regular file
+// (a FIFO without waiting for a writer), a file owned by another user than
+// this process's or root, one that group or others may read, one larger than
+// 4 KiB and one holding a NUL byte. error says which.
 bool LoadCredentials(const std::string& path, Credentials& out, std::string& error);

@@ -23,6 +23,9 @@ namespace {
 
 // Written, but the BMC read failed: the unit counts it as success, a script can tell.
 constexpr int kExitReadFailed = 3;
+// Unusable credentials: systemd shows it as NOTCONFIGURED, and the unit does
+// not restart for it, as no retry mends the file.
+constexpr int kExitNotConfigured = 6;
 
 struct Options {
   std::string listen = ":9742";
@@ -41,7 +44,8 @@ constexpr char kUsage[] =
     "Exports this host's BMC sensors, read through the local Redfish proxy, for Prometheus.\n"
     "\n"
     "  --web.listen-address=ADDR  serve /metrics there (default :9742; HOST:PORT, [IPV6]:PORT)\n"
-    "  --credentials-file=FILE    the BMC account, one line user:password, mode 0600 (default\n"
+    "  --credentials-file=FILE    the BMC account, one line user:password, mode 0600, owned\n"
+    "                             by this user or root (default\n"
     "                             $CREDENTIALS_DIRECTORY/bmc-credentials, else\n"
     "                             /etc/bmcredfish-exporter/credentials)\n"
     "  --max-age=SECONDS          serve a read this recent without reading again (default 10)\n"
@@ -155,8 +159,8 @@ int RunTextfile(const Options& o, BmcReader& reader) {
 }
 
 int RunServer(const Options& o, BmcReader reader) {
-  // Each connection's thread would get a malloc arena of its own, which glibc
-  // keeps after the thread ends: a burst of scrapes would grow the RSS for good.
+  // The server's and the reader's threads would each get a malloc arena of
+  // their own besides the main one, which glibc keeps: two are enough.
   mallopt(M_ARENA_MAX, 2);
   // Signals are taken by sigwait below, never by the server's or the reader's threads.
   sigset_t signals;
@@ -167,21 +171,17 @@ int RunServer(const Options& o, BmcReader reader) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   signal(SIGPIPE, SIG_IGN);
 
-  using Clock = Collector::Clock;
-  auto seconds = [](double s) {
-    return std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(s));
-  };
-  Collector collector(std::move(reader), seconds(o.maxAge));
-  MetricsServer server([&](double timeout) {
-    const auto start = Clock::now();
-    const double limit = timeout > 0 ? timeout : o.scrapeTimeout;
-    const double wait = std::max(limit - o.timeoutOffset, limit / 2);
-    const Snapshot snapshot = collector.Scrape(start + seconds(wait));
-    const double took = std::chrono::duration<double>(Clock::now() - start).count();
-    return Render(snapshot, {WallSeconds(), took, Redfish_GetVersion()});
-  });
+  const auto maxAge = std::chrono::duration_cast<Collector::Clock::duration>(
+      std::chrono::duration<double>(o.maxAge));
+  Collector collector(std::move(reader), maxAge);
+  MetricsServer server(collector);
+  MetricsServer::Options serving;
+  serving.address = o.listen;
+  serving.scrapeTimeout = o.scrapeTimeout;
+  serving.timeoutOffset = o.timeoutOffset;
+  serving.libraryVersion = Redfish_GetVersion();
   std::string error;
-  if (!server.Start(o.listen, error)) {
+  if (!server.Start(serving, error)) {
     std::fprintf(stderr, "bmcredfish-exporter: %s\n", error.c_str());
     std::quick_exit(1);  // the first read may be running: skip the library's finaliser
   }
@@ -190,10 +190,8 @@ int RunServer(const Options& o, BmcReader reader) {
   int received = 0;
   while (sigwait(&signals, &received) == 0 && received == SIGHUP) {
   }
-  // Waiting scrapes are answered first, so that the server need not wait out their deadlines.
-  const bool readerEnded = collector.Stop(std::chrono::seconds(2));
   server.Stop();
-  if (!readerEnded) std::quick_exit(0);
+  if (!collector.Stop(std::chrono::seconds(2))) std::quick_exit(0);
   return 0;
 }
 
@@ -214,7 +212,7 @@ int main(int argc, char** argv) {
   const std::string path = o.credentialsFile.empty() ? DefaultCredentialsPath() : o.credentialsFile;
   if (!LoadCredentials(path, credentials, error)) {
     std::fprintf(stderr, "bmcredfish-exporter: credentials: %s\n", error.c_str());
-    return 2;
+    return kExitNotConfigured;
   }
   FeatureState_Init();
   if (uint8_t* redfish = GetFeatureState_Slow("REDFISH")) *redfish = 1;

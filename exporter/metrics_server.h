@@ -1,31 +1,48 @@
 #pragma once
 
-#include <functional>
+#include <chrono>
+#include <cstdint>
+#include <memory>
 #include <string>
 
-struct MHD_Daemon;
+#include "collector.h"
 
-// The exporter's HTTP side (libmicrohttpd, a thread per connection, since a
-// scrape may wait for a BMC read): GET /metrics, a landing page at /, 404
-// elsewhere, 405 for methods other than GET and HEAD.
+// The exporter's HTTP side: GET /metrics, a landing page at /, 404 elsewhere,
+// 405 for methods other than GET and HEAD.
+//
+// One thread serves every connection (libmicrohttpd driven from its own poll
+// loop), so that no client can use up threads. A scrape that must wait for a
+// BMC read is suspended and resumed when the read completes or its deadline
+// comes. Each connection must bring a whole request within the request
+// time-out of its opening (or of its previous answer), however it trickles
+// the bytes, and each client address holds only a few connections: sockets
+// left open or fed a byte at a time cannot keep Prometheus out.
 class MetricsServer {
  public:
-  // The body of /metrics for a scraper that gave timeoutSeconds in
-  // X-Prometheus-Scrape-Timeout-Seconds (0 when it gave none).
-  using MetricsFunction = std::function<std::string(double timeoutSeconds)>;
+  struct Options {
+    std::string address = ":9742";  // "HOST:PORT", "[IPV6]:PORT" or ":PORT" (every address)
+    double scrapeTimeout = 10;      // deadline of a scrape that states none, seconds
+    double timeoutOffset = 0.5;     // answer this long before the scraper's deadline
+    std::string libraryVersion;     // for the build information
+    std::chrono::milliseconds requestTimeout{5000};
+    unsigned connectionsPerAddress = 8;
+    unsigned connections = 256;
+  };
 
-  explicit MetricsServer(MetricsFunction metrics) : metrics_(std::move(metrics)) {}
+  explicit MetricsServer(Collector& collector);
   ~MetricsServer();
   MetricsServer(const MetricsServer&) = delete;
   MetricsServer& operator=(const MetricsServer&) = delete;
 
-  // address: "HOST:PORT", "[IPV6]:PORT" or ":PORT" (every address).
-  bool Start(const std::string& address, std::string& error);
+  bool Start(const Options& options, std::string& error);
+  // The port served, once started (the one chosen when the address gave 0).
+  uint16_t Port() const;
+  // Closes every connection; waiting scrapes are not answered.
   void Stop();
 
-  const MetricsFunction& Metrics() const { return metrics_; }
+  struct Impl;
 
  private:
-  MetricsFunction metrics_;
-  MHD_Daemon* daemon_ = nullptr;
+  Collector& collector_;
+  std::unique_ptr<Impl> impl_;
 };

@@ -9,10 +9,6 @@
 // the tools.
 namespace toolkit {
 
-// The length of the valid UTF-8 sequence that starts at text[at] (no overlong
-// form, no surrogate, nothing past U+10FFFF), or 0 when none starts there.
-size_t Utf8SequenceAt(std::string_view text, size_t at);
-
 // For a terminal or a line-oriented output: valid UTF-8 is kept, each byte of
 // a control character (C0, DEL, C1) is written as \xHH, and each byte that
 // starts no valid sequence becomes U+FFFD. The result holds no line break.

@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <future>
 #include <vector>
 
 #include "collector.h"
@@ -27,21 +26,25 @@ struct FakeBmc {
   }
 };
 
-Snapshot ScrapeWithin(Collector& c, int ms) { return c.Scrape(Clock::now() + milliseconds(ms)); }
+// A scrape as the server makes it: begun, answered once Ready.
+Snapshot ScrapeWithin(Collector& c, int ms) {
+  const Collector::Ticket ticket = c.Begin(Clock::now() + milliseconds(ms));
+  while (!c.Ready(ticket)) std::this_thread::sleep_for(milliseconds(1));
+  return c.Finish(ticket);
+}
 
 }  // namespace
 
-TEST(Collector, ConcurrentScrapesShareOneRead) {
+TEST(Collector, ScrapesBegunDuringAReadShareIt) {
   FakeBmc bmc;
-  bmc.delayMs = 1000;
+  bmc.delayMs = 500;
   Collector collector(bmc.Function(), milliseconds(0));
-  std::vector<std::future<Snapshot>> scrapes;
-  for (int i = 0; i < 50; ++i) {
-    scrapes.push_back(
-        std::async(std::launch::async, [&] { return ScrapeWithin(collector, 5000); }));
-  }
-  for (auto& s : scrapes) {
-    const Snapshot snapshot = s.get();
+  std::vector<Collector::Ticket> scrapes;
+  for (int i = 0; i < 50; ++i)
+    scrapes.push_back(collector.Begin(Clock::now() + milliseconds(5000)));
+  for (const auto& ticket : scrapes) {
+    while (!collector.Ready(ticket)) std::this_thread::sleep_for(milliseconds(1));
+    const Snapshot snapshot = collector.Finish(ticket);
     EXPECT_TRUE(snapshot.LastReadOk());
     EXPECT_FALSE(snapshot.stale);
   }

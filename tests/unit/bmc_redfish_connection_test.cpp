@@ -1,5 +1,14 @@
 #include "connection/bmc_redfish_connection.h"
 
+#include <pthread.h>
+#include <sched.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+
 #include <gtest/gtest.h>
 
 #include "tests/fakes/fake_sysinfo.h"
@@ -10,6 +19,7 @@ using redfish::BmcHttpConnection;
 using redfish::BmcRedfishConnection;
 using test_support::LogCapture;
 using test_support::ScriptedBmc;
+using test_support::WaitUntilBlocked;
 using namespace std::chrono_literals;
 namespace Http = Tessel::Http;
 
@@ -160,4 +170,66 @@ TEST_F(Connection, PostAndDeleteReadOnceAndMapStatuses) {
   EXPECT_EQ(body, "no");
   EXPECT_EQ(fake_http::Requests().back().method, Http::Delete);
   EXPECT_EQ(c->MakeHttpRequestDelete("/bmc/nocontent", body, 0ms), 204);
+}
+
+// Requests wait for their turn in the order they came, whatever the method,
+// and a thread that asks again as soon as it is served goes to the back: it
+// does not pass the threads that were already waiting.
+TEST_F(Connection, RequestsAreServedInTheOrderTheyCame) {
+  // All on one CPU, the waiters at idle priority: none runs while the
+  // releasing thread can, so a lock it could take again always shows it.
+  cpu_set_t one;
+  CPU_ZERO(&one);
+  CPU_SET(sched_getcpu(), &one);
+  ASSERT_EQ(sched_setaffinity(0, sizeof one, &one), 0);
+  std::promise<void> held;
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  fake_http::SetHandler([&](const fake_http::Request& r) {
+    if (r.target == "/bmc/first") {
+      held.set_value();
+      released.wait();
+    }
+    return fake_http::Json(200, "{}");
+  });
+  auto c = Make();
+  std::thread first([&] {
+    std::string body;
+    EXPECT_EQ(c->MakeHttpRequestGet("/bmc/first", body, 0ms), 0);
+    EXPECT_EQ(c->MakeHttpRequestGet("/bmc/again", body, 0ms), 0);
+  });
+  held.get_future().wait();
+
+  // Waiting threads: GET, POST, DELETE, GET, ...
+  auto send = [&](size_t i) {
+    const std::string target = "/bmc/" + std::to_string(i);
+    std::string body;
+    switch (i % 3) {
+      case 0:
+        return c->MakeHttpRequestGet(target, body, 0ms);
+      case 1:
+        return c->MakeHttpRequestPost(target, "{}", body, false, 0ms);
+      default:
+        return c->MakeHttpRequestDelete(target, body, 0ms);
+    }
+  };
+  constexpr size_t kWaiting = 6;
+  std::atomic<pid_t> tids[kWaiting] = {};
+  std::vector<std::thread> waiting;
+  std::vector<std::string> expected = {"/bmc/first"};
+  for (size_t i = 0; i < kWaiting; ++i) {
+    expected.push_back("/bmc/" + std::to_string(i));
+    waiting.emplace_back([&, i] {
+      const sched_param idle{};
+      pthread_setschedparam(pthread_self(), SCHED_IDLE, &idle);
+      tids[i] = static_cast<pid_t>(syscall(SYS_gettid));
+      EXPECT_EQ(send(i), 0);
+    });
+    WaitUntilBlocked(tids[i]);
+  }
+  expected.push_back("/bmc/again");
+  release.set_value();
+  first.join();
+  for (auto& thread : waiting) thread.join();
+  EXPECT_EQ(ScriptedBmc::Targets(), expected);
 }

@@ -1,9 +1,14 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <algorithm>
+#include <atomic>
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -17,6 +22,17 @@
 #include "tests/fakes/fake_sysinfo.h"
 
 namespace test_support {
+
+// Returns once the thread (its id published in tid) sleeps in the kernel on a
+// futex: waiting for a lock.
+inline void WaitUntilBlocked(const std::atomic<pid_t>& tid) {
+  for (std::string where; where.rfind("futex", 0) != 0;) {
+    std::this_thread::yield();
+    if (tid == 0) continue;
+    std::ifstream wchan("/proc/self/task/" + std::to_string(tid.load()) + "/wchan");
+    wchan >> where;
+  }
+}
 
 // Collects every log line written while it lives.
 class LogCapture {
