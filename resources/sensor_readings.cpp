@@ -50,6 +50,8 @@ using Clock = std::chrono::steady_clock;
 
 constexpr char kChassis[] = "/redfish/v1/Chassis";
 constexpr char kExpand[] = "$expand=.($levels=1)";
+// A plan only knows the sensors that were there: one added later (a supply
+// plugged in) shows within the hour.
 constexpr auto kPlanLifetime = std::chrono::hours(1);
 
 bool IsCollection(Step step) {
