@@ -3,11 +3,13 @@
 // a scripted BMC (query options, the warm read, bad documents, bounds).
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <deque>
 #include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
+#include <thread>
 
 #include "resources/readings_merge.h"
 #include "tests/unit/test_support.h"
@@ -308,4 +310,31 @@ TEST_F(Api, ThermalAndPowerAloneAreReadAgainInOneExpandedRequest) {
   EXPECT_EQ(warm, cold);
   EXPECT_EQ(Targets(),
             (std::multiset<std::string>{"/bmc/redfish/v1/Chassis/1?$expand=.($levels=1)"}));
+}
+
+// Threads reading one BMC at once share what the first walk learnt, and each
+// gets the whole document.
+TEST_F(Api, ConcurrentReadsOfOneBmcEachGetEveryReading) {
+  bmc.Json(kChassis, R"({"Id":"1","Sensors":{"@odata.id":"/redfish/v1/Chassis/1/Sensors"}})")
+      .Json("/bmc/redfish/v1/Chassis/1/Sensors",
+            R"({"Members":[{"@odata.id":"/redfish/v1/Chassis/1/Sensors/T1"},
+                           {"@odata.id":"/redfish/v1/Chassis/1/Sensors/T2"}]})")
+      .Json("/bmc/redfish/v1/Chassis/1/Sensors/T1", R"({"Id":"T1","Reading":20})")
+      .Json("/bmc/redfish/v1/Chassis/1/Sensors/T2", R"({"Id":"T2","Reading":30})")
+      .Install();
+  std::string expected;
+  ASSERT_EQ(Read(expected), 0);
+  cleanup();
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong{0};
+  for (int t = 0; t < 8; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 5; ++i) {
+        std::string text;
+        if (Read(text) != 0 || text != expected) ++wrong;
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  EXPECT_EQ(wrong, 0);
 }
