@@ -10,6 +10,7 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -20,10 +21,12 @@
 #include "bmcredfish.h"
 #include "doctor.h"
 #include "doctor_probe.h"
+#include "health.h"
 #include "library_log.h"
 #include "sensors_table.h"
 #include "toolkit/bmc_text.h"
 #include "toolkit/failure_text.h"
+#include "toolkit/health.h"
 #include "toolkit/mac.h"
 #include "toolkit/readings.h"
 #include "toolkit/result_text.h"
@@ -50,6 +53,8 @@ const char kUsage[] =
     "                                      push-power-button nmi\n"
     "  mac [--mac MAC]             the BMC's MAC address (or: does the BMC have MAC?)\n"
     "  sensors                     the chassis sensors as a table\n"
+    "  health [--all] [--state F]  the hardware's health and the parts that are not OK\n"
+    "                              (exit 1 when it is not OK)\n"
     "  doctor [--fix-route]        check the chain to the BMC, link by link, and say what to\n"
     "                              check at the first broken one (sends no power command)\n"
     "\n"
@@ -62,7 +67,11 @@ const char kUsage[] =
     "                       Each request may take what remains of it.\n"
     "  --wait[=SECONDS]     power: after the BMC accepted, read the power state until\n"
     "                       it is what the action implies (default 120 s)\n"
-    "  --json               machine-readable output (sensors: the readings document)\n"
+    "  --json               machine-readable output (sensors: the readings document;\n"
+    "                       health: the health document)\n"
+    "  --all                health: every system, chassis, part and firmware version\n"
+    "  --state FILE         health: keep the health document in FILE between runs, so\n"
+    "                       that a run while nothing changed asks the BMC little\n"
     "  --fix-route          doctor: let the library rewrite a route document that does\n"
     "                       not name this BMC (otherwise doctor never writes it)\n"
     "  --log FILE           append the library's log to FILE\n"
@@ -71,7 +80,8 @@ const char kUsage[] =
     "  -h, --help           this text\n"
     "\n"
     "exit status: 0 success (power: the BMC accepted, or no action was needed; with\n"
-    "--wait: the state was reached; doctor: every link works, warnings or not),\n"
+    "--wait: the state was reached; doctor: every link works, warnings or not;\n"
+    "health: the hardware is OK),\n"
     "1 failure, time-out or broken link (the lines name the cause and what to check),\n"
     "2 usage error (nothing was sent).\n";
 
@@ -91,6 +101,8 @@ struct Options {
   bool json = false;
   bool verbose = false;
   bool fixRoute = false;
+  bool all = false;
+  std::string state;
   std::string log;
 };
 
@@ -176,6 +188,10 @@ int ParseOptions(int argc, char** argv, Options& o) {
       o.verbose = true;
     } else if (a == "--fix-route") {
       o.fixRoute = true;
+    } else if (a == "--all") {
+      o.all = true;
+    } else if (a == "--state") {
+      if (!value(o.state) || o.state.empty()) return UsageError("--state needs a value");
     } else if (a == "--log") {
       if (!value(o.log)) return UsageError("--log needs a value");
     } else if (a.size() > 1 && a[0] == '-') {
@@ -184,12 +200,13 @@ int ParseOptions(int argc, char** argv, Options& o) {
       positional.push_back(a);
     }
     if (hasInline && a != "--wait" && a != "--host" && a != "--user" && a != "--password-file" &&
-        a != "--mac" && a != "--timeout" && a != "--log")
+        a != "--mac" && a != "--timeout" && a != "--log" && a != "--state")
       return UsageError(a + " takes no value");
   }
   if (positional.empty()) return UsageError("no command");
   o.command = positional[0];
-  static const char* const kCommands[] = {"power-state", "power", "mac", "sensors", "doctor"};
+  static const char* const kCommands[] = {"power-state", "power",  "mac",
+                                          "sensors",     "health", "doctor"};
   bool known = false;
   for (const char* c : kCommands) known = known || o.command == c;
   if (!known) return UsageError("unknown command " + o.command);
@@ -205,6 +222,8 @@ int ParseOptions(int argc, char** argv, Options& o) {
   }
   if (o.wait && !isPower) return UsageError("--wait goes with power");
   if (o.fixRoute && o.command != "doctor") return UsageError("--fix-route goes with doctor");
+  if ((o.all || !o.state.empty()) && o.command != "health")
+    return UsageError("--all and --state go with health");
   if (!o.havePassword) return UsageError("no password: set $BMC_PASSWORD or use --password-file");
   return -1;
 }
@@ -392,6 +411,52 @@ int SensorsCommand(Session& s) {
   return 0;
 }
 
+// The sensors' health joins the rollup where the BMC has readings. With
+// --state, the last run's document goes back to the library, which then
+// reads only what its watch says changed.
+int HealthCommand(Session& s) {
+  std::string previous;
+  if (!s.Opt().state.empty()) {
+    std::ifstream in(s.Opt().state);
+    previous.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+  }
+  char* readings = nullptr;
+  const int sensors =
+      Redfish_GetSensorReadings(s.User(), s.Password(), s.Host(), s.RequestMs(), &readings);
+  s.Drain();
+  if (sensors != 0 && sensors != REDFISH_ERR_NO_MEMBER)
+    s.Note("health: sensors left out: their read failed with result " + std::to_string(sensors));
+  char* json = nullptr;
+  const int rc = Redfish_GetHealth(s.User(), s.Password(), s.Host(), s.RequestMs(),
+                                   previous.empty() ? nullptr : previous.c_str(), readings, &json);
+  Redfish_FreeText(readings);
+  if (rc != 0) return s.Fail(rc);
+  const std::string doc(json);
+  Redfish_FreeText(json);
+  s.Drain();
+  if (!s.Opt().state.empty()) {
+    const std::string temporary = s.Opt().state + ".new";
+    std::ofstream out(temporary, std::ios::trunc);
+    out << doc << "\n";
+    out.close();
+    if (!out || std::rename(temporary.c_str(), s.Opt().state.c_str()) != 0)
+      s.Note("health: cannot write " + s.Opt().state);
+  }
+  toolkit::Health health;
+  if (!toolkit::ParseHealth(doc, health)) {
+    s.Note("health: the health document is not of its documented shape (see --json)");
+    return 1;
+  }
+  if (s.Opt().json) {
+    std::printf("%s\n", doc.c_str());
+  } else {
+    const double now =
+        std::chrono::duration<double>(std::chrono::system_clock::now().time_since_epoch()).count();
+    std::fputs(HealthText(health, s.Opt().all, now).c_str(), stdout);
+  }
+  return health.health == "OK" ? 0 : 1;
+}
+
 // Each library call may take what is left of the deadline but a moment, so
 // that a call that times out comes back in time to name its link.
 int DoctorCommand(Session& s) {
@@ -541,6 +606,7 @@ int main(int argc, char** argv) {
   if (o.command == "power-state") return PowerStateCommand(session);
   if (o.command == "mac") return MacCommand(session);
   if (o.command == "sensors") return SensorsCommand(session);
+  if (o.command == "health") return HealthCommand(session);
   if (o.command == "doctor") return DoctorCommand(session);
   return PowerCommand(session);
 }

@@ -45,20 +45,32 @@ ReadResult BmcReader::operator()() {
   const char* password = credentials_.password.c_str();
   ReadResult read;
   std::string why;
-  char* json = nullptr;
-  const int systems =
-      Guarded([&] { return Redfish_GetSystems(user, password, nullptr, timeoutMs_, &json); });
-  read.systems = Outcome("systems", systems, why);
+  char* systems = nullptr;
+  const int power =
+      Guarded([&] { return Redfish_GetSystems(user, password, nullptr, timeoutMs_, &systems); });
+  read.systems = Outcome("systems", power, why);
   std::vector<toolkit::System> list;
-  if (systems == 0 && json != nullptr && toolkit::ParseSystems(json, list) && !list.empty()) {
+  if (power == 0 && systems != nullptr && toolkit::ParseSystems(systems, list) && !list.empty()) {
     read.powerOn = list[0].powerState == "On";
   }
-  Redfish_FreeText(json);
-  json = nullptr;
+  Redfish_FreeText(systems);
+  char* json = nullptr;
   const int sensors = Guarded(
       [&] { return Redfish_GetSensorReadings(user, password, nullptr, timeoutMs_, &json); });
   read.sensors = Outcome("sensor_readings", sensors, why);
   if (sensors == 0 && json != nullptr) read.readings = json;
+  if (readHealth_) {
+    read.healthRead = true;
+    char* health = nullptr;
+    const char* previous = lastHealth_.empty() ? nullptr : lastHealth_.c_str();
+    const int result = Guarded([&] {
+      return Redfish_GetHealth(user, password, nullptr, timeoutMs_, previous,
+                               sensors == 0 ? json : nullptr, &health);
+    });
+    read.healthCall = Outcome("health", result, why);
+    if (result == 0 && health != nullptr) read.healthDocument = lastHealth_ = health;
+    Redfish_FreeText(health);
+  }
   Redfish_FreeText(json);
   read.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 

@@ -2,31 +2,18 @@
 
 #include <charconv>
 #include <cmath>
+#include <vector>
 
 #include "bmcredfish.h"
+#include "health_metrics.h"
 #include "reading_metrics.h"
 #include "toolkit/bmc_text.h"
 
 namespace {
 
-void Header(std::string& out, const char* name, const char* help, const char* type) {
-  out.append("# HELP ").append(name).append(" ").append(help).append("\n");
-  out.append("# TYPE ").append(name).append(" ").append(type).append("\n");
-}
-
-void Sample(std::string& out, const char* name, const std::string& labels, double value) {
-  out.append(name);
-  if (!labels.empty()) out.append("{").append(labels).append("}");
-  out.append(" ").append(SampleValue(value)).append("\n");
-}
-
 void Gauge(std::string& out, const char* name, const char* help, double value) {
   Header(out, name, help, "gauge");
   Sample(out, name, "", value);
-}
-
-std::string Label(const char* name, const std::string& value) {
-  return std::string(name) + "=\"" + LabelValue(value) + "\"";
 }
 
 // The link numbers and labels, from the library's own list.
@@ -43,10 +30,12 @@ const std::string& FailureLinkHelp() {
 }
 
 void RenderCalls(std::string& out, const Snapshot& s) {
-  const struct {
+  struct Call {
     const char* call;
     const CallOutcome& outcome;
-  } calls[] = {{"systems", s.systems}, {"sensor_readings", s.sensors}};
+  };
+  std::vector<Call> calls = {{"systems", s.systems}, {"sensor_readings", s.sensors}};
+  if (s.healthRead) calls.push_back({"health", s.healthCall});
   Header(out, "bmcredfish_last_result",
          "Result code of the library call in the last completed BMC read (0 success; 10003 "
          "time-out, 10004 proxy unreachable, 40005 credentials refused; see bmcredfish(3)).",
@@ -61,6 +50,21 @@ void RenderCalls(std::string& out, const Snapshot& s) {
 }
 
 }  // namespace
+
+void Header(std::string& out, const char* name, const char* help, const char* type) {
+  out.append("# HELP ").append(name).append(" ").append(help).append("\n");
+  out.append("# TYPE ").append(name).append(" ").append(type).append("\n");
+}
+
+void Sample(std::string& out, const char* name, const std::string& labels, double value) {
+  out.append(name);
+  if (!labels.empty()) out.append("{").append(labels).append("}");
+  out.append(" ").append(SampleValue(value)).append("\n");
+}
+
+std::string Label(const char* name, const std::string& value) {
+  return std::string(name) + "=\"" + LabelValue(value) + "\"";
+}
 
 std::string LabelValue(const std::string& text) {
   const std::string printable = toolkit::Printable(text);
@@ -91,8 +95,8 @@ std::string Render(const Snapshot& s, const RenderContext& context) {
              Label("library_version", context.libraryVersion),
          1);
   Gauge(out, "bmcredfish_up",
-        "1 when the BMC answered the last completed read (its systems and its readings), "
-        "else 0.",
+        "1 when the BMC answered the last completed read (its systems, its readings and, "
+        "unless --no-health, its health), else 0.",
         s.LastReadOk() ? 1 : 0);
   if (s.haveRead) RenderCalls(out, s);
   Gauge(out, "bmcredfish_stale",
@@ -108,7 +112,8 @@ std::string Render(const Snapshot& s, const RenderContext& context) {
           std::max(0.0, context.now - s.readingsTime));
   }
   Gauge(out, "bmcredfish_read_duration_seconds",
-        "Duration of the last completed BMC read (systems and sensor readings).", s.readSeconds);
+        "Duration of the last completed BMC read (systems, sensor readings, health).",
+        s.readSeconds);
   Gauge(out, "bmcredfish_scrape_duration_seconds",
         "Time this scrape took in the exporter, waiting for a BMC read included.",
         context.scrapeSeconds);
@@ -123,5 +128,6 @@ std::string Render(const Snapshot& s, const RenderContext& context) {
           *s.powerOn ? 1 : 0);
   }
   if (s.readings) RenderReadings(out, *s.readings);
+  if (s.health) RenderHealth(out, s.health->parsed, context.now);
   return out;
 }

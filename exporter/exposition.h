@@ -23,3 +23,8 @@ std::string LabelValue(const std::string& text);
 
 // A sample value: shortest round-trip decimal, or NaN, +Inf, -Inf.
 std::string SampleValue(double value);
+
+// A metric's HELP and TYPE lines; one sample line; one label (name="value").
+void Header(std::string& out, const char* name, const char* help, const char* type);
+void Sample(std::string& out, const char* name, const std::string& labels, double value);
+std::string Label(const char* name, const std::string& value);

@@ -37,6 +37,7 @@ struct Options {
   std::string libraryLog;
   std::string textfile;
   std::string stateFile;
+  bool noHealth = false;
 };
 
 constexpr char kUsage[] =
@@ -58,6 +59,7 @@ constexpr char kUsage[] =
     "  --textfile=FILE            read once, write FILE for node_exporter's textfile collector\n"
     "                             and exit (0; 3 when the BMC read failed)\n"
     "  --state-file=FILE          with --textfile: the last good values, kept between runs\n"
+    "  --no-health                read no hardware health (parts, rollup, firmware)\n"
     "  --version                  print the version and exit\n"
     "  --help                     print this help and exit\n";
 
@@ -86,6 +88,7 @@ int Parse(int argc, char** argv, Options& o, bool& done) {
     std::string* text;
     double* seconds;
     bool zeroAllowed;
+    bool* flag = nullptr;
   } kinds[] = {
       {{"web.listen-address", required_argument, nullptr, 0}, &o.listen, nullptr, false},
       {{"credentials-file", required_argument, nullptr, 0}, &o.credentialsFile, nullptr, false},
@@ -96,6 +99,7 @@ int Parse(int argc, char** argv, Options& o, bool& done) {
       {{"library-log", required_argument, nullptr, 0}, &o.libraryLog, nullptr, false},
       {{"textfile", required_argument, nullptr, 0}, &o.textfile, nullptr, false},
       {{"state-file", required_argument, nullptr, 0}, &o.stateFile, nullptr, false},
+      {{"no-health", no_argument, nullptr, 0}, nullptr, nullptr, false, &o.noHealth},
       {{"version", no_argument, nullptr, 0}, nullptr, nullptr, false},
       {{"help", no_argument, nullptr, 0}, nullptr, nullptr, false},
   };
@@ -112,7 +116,9 @@ int Parse(int argc, char** argv, Options& o, bool& done) {
     if (i < 0 || i >= kCount) {
       return Usage(std::string("unknown option or missing value: ") + argv[optind - 1]);
     }
-    if (kinds[i].text != nullptr) {
+    if (kinds[i].flag != nullptr) {
+      *kinds[i].flag = true;
+    } else if (kinds[i].text != nullptr) {
       *kinds[i].text = optarg;
     } else if (kinds[i].seconds != nullptr) {
       if (!Seconds(optarg, kinds[i].zeroAllowed, *kinds[i].seconds)) {
@@ -145,6 +151,7 @@ int Parse(int argc, char** argv, Options& o, bool& done) {
 int RunTextfile(const Options& o, BmcReader& reader) {
   Snapshot snapshot;
   if (!o.stateFile.empty()) LoadState(o.stateFile, snapshot);
+  if (snapshot.health) reader.RememberHealth(snapshot.health->document);
   const ReadResult read = reader();
   const double now = WallSeconds();
   ApplyRead(snapshot, read, now);
@@ -217,6 +224,6 @@ int main(int argc, char** argv) {
   FeatureState_Init();
   if (uint8_t* redfish = GetFeatureState_Slow("REDFISH")) *redfish = 1;
 
-  BmcReader reader(std::move(credentials), static_cast<unsigned>(o.bmcTimeout * 1000));
+  BmcReader reader(std::move(credentials), static_cast<unsigned>(o.bmcTimeout * 1000), !o.noHealth);
   return o.textfile.empty() ? RunServer(o, std::move(reader)) : RunTextfile(o, reader);
 }

@@ -61,11 +61,7 @@ struct Metric {
   std::set<std::string> seen;
 };
 
-std::string Label(const char* name, const std::string& value) {
-  return std::string(name) + "=\"" + LabelValue(value) + "\"";
-}
-
-void Sample(Metric& m, const std::string& labels, double value) {
+void Add(Metric& m, const std::string& labels, double value) {
   // Each series once: a BMC that repeats a sensor has its first reading
   // shown, since Prometheus would refuse the scrape's duplicates.
   if (!m.seen.insert(labels).second) return;
@@ -125,17 +121,17 @@ void RenderReadings(std::string& out, const SensorReadings& readings) {
     const std::string labels =
         Label("chassis", s.chassis) + "," + Label("id", s.id) + "," + Label("name", s.name);
     const toolkit::Meaning meaning = toolkit::MeaningOf(s);
-    Sample(health, labels, HealthValue(s.health));
+    Add(health, labels, HealthValue(s.health));
     if (meaning.quantity == Quantity::Other) {
-      Sample(other, labels + "," + Label("units", s.units) + "," + Label("type", s.type),
+      Add(other, labels + "," + Label("units", s.units) + "," + Label("type", s.type),
              ValueOf(s.reading, 1));
       continue;
     }
     const int f = static_cast<int>(meaning.quantity);
-    Sample(values[f], labels, ValueOf(s.reading, meaning.scale));
+    Add(values[f], labels, ValueOf(s.reading, meaning.scale));
     if (kFamilies[f].counter) continue;
     for (int t = 0; t < toolkit::kThresholdCount; ++t) {
-      if (s.thresholds[t]) Sample(thresholds[f][t], labels, *s.thresholds[t] * meaning.scale);
+      if (s.thresholds[t]) Add(thresholds[f][t], labels, *s.thresholds[t] * meaning.scale);
     }
   }
   for (int f = 0; f < kFamilyCount; ++f) {
@@ -157,8 +153,8 @@ void RenderReadings(std::string& out, const SensorReadings& readings) {
                 "",
                 {}};
   for (const toolkit::Chassis& c : readings.chassis) {
-    if (c.hasPower) Sample(power, Label("chassis", c.id), ValueOf(c.powerWatts, 1));
-    if (c.hasEnergy) Sample(energy, Label("chassis", c.id), ValueOf(c.energyJoules, 1));
+    if (c.hasPower) Add(power, Label("chassis", c.id), ValueOf(c.powerWatts, 1));
+    if (c.hasEnergy) Add(energy, Label("chassis", c.id), ValueOf(c.energyJoules, 1));
   }
   Write(out, power);
   Write(out, energy);

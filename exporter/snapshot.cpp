@@ -12,6 +12,13 @@ std::shared_ptr<const SensorReadings> MakeReadings(std::string document) {
   return readings;
 }
 
+std::shared_ptr<const HealthState> MakeHealth(std::string document) {
+  auto health = std::make_shared<HealthState>();
+  if (!toolkit::ParseHealth(document, health->parsed)) return nullptr;
+  health->document = std::move(document);
+  return health;
+}
+
 void ApplyRead(Snapshot& snapshot, const ReadResult& read, double now) {
   snapshot.haveRead = true;
   snapshot.systems = read.systems;
@@ -24,6 +31,15 @@ void ApplyRead(Snapshot& snapshot, const ReadResult& read, double now) {
       snapshot.readingsTime = now;
     } else {
       snapshot.sensors = {REDFISH_ERR_UNEXPECTED_JSON, REDFISH_LINK_DOCUMENT};
+    }
+  }
+  snapshot.healthRead = read.healthRead;
+  snapshot.healthCall = read.healthCall;
+  if (read.healthRead && read.healthCall.result == 0) {
+    if (auto health = MakeHealth(read.healthDocument)) {
+      snapshot.health = std::move(health);
+    } else {
+      snapshot.healthCall = {REDFISH_ERR_UNEXPECTED_JSON, REDFISH_LINK_DOCUMENT};
     }
   }
   ++snapshot.reads;

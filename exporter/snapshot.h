@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "toolkit/health.h"
 #include "toolkit/readings.h"
 
 // The result and failing link (RedfishLink) of one library call.
@@ -19,14 +20,27 @@ struct CallOutcome {
   int link = 0;
 };
 
-// One read of the BMC: its systems, then every chassis' readings.
+// One read of the BMC: its systems (the power state, whatever the BMC's
+// maker), every chassis' readings, then the hardware's health (unless the
+// exporter was told not to read it).
 struct ReadResult {
   CallOutcome systems;
   CallOutcome sensors;
   std::optional<bool> powerOn;  // the first system's; none for a BMC without systems
   std::string readings;         // the library's readings document, when sensors.result is 0
-  double seconds = 0;           // how long the read took
-  bool Ok() const { return systems.result == 0 && sensors.result == 0; }
+  bool healthRead = false;
+  CallOutcome healthCall;
+  std::string healthDocument;  // the library's health document, when health.result is 0
+  double seconds = 0;          // how long the read took
+  bool Ok() const {
+    return systems.result == 0 && sensors.result == 0 && (!healthRead || healthCall.result == 0);
+  }
+};
+
+// The health document as the library sent it and as parsed.
+struct HealthState {
+  std::string document;
+  toolkit::Health parsed;
 };
 
 // Sensor readings as the library sent them and as parsed.
@@ -40,8 +54,11 @@ struct Snapshot {
   bool haveRead = false;  // a read has completed
   CallOutcome systems;    // outcomes of the last completed read
   CallOutcome sensors;
+  bool healthRead = false;
+  CallOutcome healthCall;
   std::optional<bool> powerOn;                     // last good power state
   std::shared_ptr<const SensorReadings> readings;  // last good readings (null: none yet)
+  std::shared_ptr<const HealthState> health;       // last good health document (null: none yet)
   double readingsTime = 0;                         // wall-clock seconds of the read that gave them
   double lastSuccess = 0;  // wall-clock seconds of the last read with both calls good
   double readSeconds = 0;  // duration of the last completed read
@@ -49,7 +66,10 @@ struct Snapshot {
   uint64_t failures = 0;
   bool stale = false;  // this answer's values are not from a current, good read
 
-  bool LastReadOk() const { return haveRead && systems.result == 0 && sensors.result == 0; }
+  bool LastReadOk() const {
+    return haveRead && systems.result == 0 && sensors.result == 0 &&
+           (!healthRead || healthCall.result == 0);
+  }
 };
 
 inline double WallSeconds() {
@@ -62,3 +82,5 @@ void ApplyRead(Snapshot& snapshot, const ReadResult& read, double now);
 // The library's readings document with its sensors; null when it is not of
 // that shape.
 std::shared_ptr<const SensorReadings> MakeReadings(std::string document);
+// The library's health document, parsed; null when it is not of that shape.
+std::shared_ptr<const HealthState> MakeHealth(std::string document);

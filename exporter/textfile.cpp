@@ -59,6 +59,11 @@ bool LoadState(const std::string& path, Snapshot& snapshot) {
         MakeReadings(std::string(readings->value.GetString(), readings->value.GetStringLength()));
   }
   if (power != doc.MemberEnd() && power->value.IsBool()) snapshot.powerOn = power->value.GetBool();
+  auto health = doc.FindMember("health");
+  if (health != doc.MemberEnd() && health->value.IsString()) {
+    snapshot.health =
+        MakeHealth(std::string(health->value.GetString(), health->value.GetStringLength()));
+  }
   snapshot.readingsTime = number("readingsTime");
   snapshot.lastSuccess = number("lastSuccess");
   snapshot.reads = static_cast<uint64_t>(number("reads"));
@@ -74,6 +79,11 @@ bool SaveState(const std::string& path, const Snapshot& snapshot, std::string& e
     w.Key("readings");
     w.String(snapshot.readings->document.c_str(),
              static_cast<rapidjson::SizeType>(snapshot.readings->document.size()));
+  }
+  if (snapshot.health) {
+    w.Key("health");
+    w.String(snapshot.health->document.c_str(),
+             static_cast<rapidjson::SizeType>(snapshot.health->document.size()));
   }
   if (snapshot.powerOn) {
     w.Key("powerOn");

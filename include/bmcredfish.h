@@ -315,14 +315,55 @@ BMCREDFISH_API int Redfish_GetSystems(const char* user, const char* password, co
                                       unsigned int timeoutMs, char** json);
 
 /*
- * The hardware's health with the failed parts named: the systems' and
- * chassis' Status, each component (power supplies, fans, memory, processors,
- * storage controllers, drives, volumes, network adapters, the BMC) with its
- * id, name, State and Health, firmware versions, and the library's own rollup
- * (the worst of all of them and of the sensors' health in readings).
- * previous: a document an earlier call returned, or null; the parts it holds
- * are reused while nothing says they changed (see bmcredfish(3)).
- * readings: a document of Redfish_GetSensorReadings, or null.
+ * The hardware's health with the failed parts named, as one JSON document:
+ *   {"Health":"Critical",
+ *    "Causes":[{"Kind":"Drive","Id":"Disk.0","Name":"Disk 0","Parent":"RAID.1",
+ *               "@odata.id":"/redfish/v1/Systems/1/Storage/RAID.1/Drives/Disk.0",
+ *               "Health":"Critical"}],
+ *    "CausesLeftOut":0,
+ *    "Systems":[{"Id":"1","@odata.id":"/redfish/v1/Systems/1","PowerState":"On",
+ *                "Status":{"State":"Enabled","Health":"OK","HealthRollup":"OK"}}],
+ *    "Chassis":[{"Id":"1","Name":"Chassis","@odata.id":"/redfish/v1/Chassis/1",
+ *                "Status":{"State":"Enabled","Health":"OK","HealthRollup":""}}],
+ *    "Parts":[{"Kind":"PowerSupply","Id":"PSU1","Name":"PS1","Parent":"1",
+ *              "@odata.id":"...","State":"Enabled","Health":"OK"}],
+ *    "Firmware":[{"Kind":"BMC","Id":"1","Name":"Manager","Version":"2.72",
+ *                 "@odata.id":"/redfish/v1/Managers/1"}],
+ *    "Read":{"At":1700000000,"PartsAt":1699999700,"FirmwareAt":1699998000,
+ *            "Requests":2,"PartsLeftOut":0,"Gaps":[],"Watched":{...}}}
+ * "Health" is the library's own rollup: the worst of the systems' and
+ * chassis' Health and HealthRollup, every present part's Health and every
+ * sensor's health in readings (OK < Warning < Critical; a Health Redfish
+ * does not define counts as Warning; "" when nothing gives one). "Causes"
+ * names what made it, worst first, at most 64: the parts and sensors that are
+ * not OK ("Kind":"Sensor", "Parent" its chassis), and a system, chassis or
+ * manager only where nothing read explains its health. Kinds: System,
+ * Chassis, Manager (the BMC), PowerSupply, Fan, Memory, Processor,
+ * StorageController, Drive, Volume, NetworkAdapter. "Parent" is the Id of the
+ * system, chassis or storage holding the part (Ids repeat across storages). A
+ * part whose State is "Absent" is listed, and is no failure. "Firmware": each
+ * manager's ("BMC") and system's ("BIOS") version, then the update service's
+ * inventory ("Inventory"). Texts are the BMC's, cut to 256 bytes.
+ * Cost: each call reads each system (the request Redfish_GetSystems makes;
+ * none when that call was made less than 5 s before: its read is used, once)
+ * and the managers (one request where the BMC expands collections, else one
+ * each). The parts are read again only when something watched changed since
+ * previous: a Health or HealthRollup anywhere in a system (its Status, its
+ * processor and memory summaries, a maker's aggregate under Oem), a manager's
+ * Status, a sensor's health in readings; or when previous' parts are 10
+ * minutes old. Otherwise previous' parts and chassis are kept ("PartsAt"
+ * says when they were read). The inventory is read when a BMC or BIOS version
+ * changed, or hourly. Each of the three reads sends at most 512 requests;
+ * members left out are counted in "PartsLeftOut", reads the BMC failed (404
+ * for a member, other statuses, bodies that are not JSON objects) listed in
+ * "Gaps" (16 at most), each with a level-3 log line, and neither fails the
+ * call.
+ * previous: the document an earlier call returned for this host, or null; one
+ *   this library did not write is ignored (level-3 log line).
+ * readings: a document of Redfish_GetSensorReadings, or null: the sensors
+ *   are then left out of the rollup and not watched.
+ * Times are Unix seconds of the host's clock. Returns 0, or a result code
+ * (10003 when the whole read ran out).
  */
 BMCREDFISH_API int Redfish_GetHealth(const char* user, const char* password, const char* host,
                                      unsigned int timeoutMs, const char* previous,

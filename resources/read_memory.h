@@ -4,10 +4,13 @@
 // its own (the reads may run beside the 1.0 discovery walks): the query
 // options the BMC takes, and what each read has learnt of where things are.
 
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include "resources/health_document.h"
 
 namespace redfish {
 
@@ -34,6 +37,13 @@ struct ReadMemory {
   std::vector<std::string> systems;
   // Where the readings are, once found (Redfish_GetSensorReadings).
   std::shared_ptr<const ReadingsPlan> readings;
+  // What Redfish_GetSystems last saw, and when: the health read that follows
+  // it closely (the exporter makes both) uses it, once.
+  bool systemsSeenKnown = false;
+  std::chrono::steady_clock::time_point systemsSeenAt;
+  std::vector<SystemHealth> systemsSeen;
+  // The managers' paths, for BMCs that cannot expand their collection.
+  std::vector<std::string> managers;
 };
 
 }  // namespace redfish

@@ -5,6 +5,7 @@
 
 #include "platform/tessel/http.h"
 #include "resources/documents.h"
+#include "resources/health_parts.h"
 #include "resources/inventory.h"
 #include "resources/read_context.h"
 #include "utils/failure_record.h"
@@ -17,6 +18,10 @@ namespace redfish {
 namespace {
 
 constexpr char kSystems[] = "/redfish/v1/Systems";
+// What a health read needs of a system comes with its power state: the
+// summaries and the maker's aggregate under Oem change when a part fails.
+constexpr char kSelect[] =
+    "$select=Id,PowerState,Status,ProcessorSummary,MemorySummary,Oem,BiosVersion";
 
 // The systems' ids, read once per connection. A BMC without a Systems
 // collection (a chassis manager) has none.
@@ -65,34 +70,78 @@ std::string Text(const rapidjson::Value& object, const char* name) {
 
 }  // namespace
 
-int ReadSystemStates(ReadContext& read, std::string& document) {
+int ReadSystemHealth(ReadContext& read, std::vector<SystemHealth>& systems, bool share) {
   std::vector<std::string> ids;
   int result = SystemIds(read, ids);
+  if (result != RedfishStatusOk) return result;
+  std::vector<SystemHealth> seen;
+  for (const std::string& id : ids) {
+    Fetched system;
+    bool selected = false;
+    result = read.GetWithQuery(id, QueryOption::Select, kSelect, system, selected);
+    if (result != RedfishStatusOk) return result;
+    const rapidjson::Document& d = system.document;
+    if (d.HasParseError()) return RedfishStatusBadJson;
+    if (!d.IsObject()) return RedfishStatusUnexpectedJson;
+    SystemHealth s;
+    s.id = Text(d, "Id");
+    s.odataId = id;
+    s.powerState = Text(d, "PowerState");
+    s.biosVersion = Text(d, "BiosVersion");
+    if (const rapidjson::Value* status = JsonMember(d, "Status")) {
+      s.state = Text(*status, "State");
+      s.health = Text(*status, "Health");
+      s.healthRollup = Text(*status, "HealthRollup");
+    }
+    s.digest = HealthDigest(d);
+    seen.push_back(std::move(s));
+  }
+  if (share) {
+    ReadMemory& memory = read.Of().memory;
+    std::lock_guard<std::mutex> lock(memory.mutex);
+    memory.systemsSeen = seen;
+    memory.systemsSeenAt = std::chrono::steady_clock::now();
+    memory.systemsSeenKnown = true;
+  }
+  systems = std::move(seen);
+  return RedfishStatusOk;
+}
+
+int RecentSystemHealth(ReadContext& read, std::chrono::steady_clock::duration maxAge,
+                       std::vector<SystemHealth>& systems) {
+  {
+    ReadMemory& memory = read.Of().memory;
+    std::lock_guard<std::mutex> lock(memory.mutex);
+    const bool recent =
+        memory.systemsSeenKnown && std::chrono::steady_clock::now() - memory.systemsSeenAt < maxAge;
+    memory.systemsSeenKnown = false;
+    if (recent) {
+      systems = std::move(memory.systemsSeen);
+      return RedfishStatusOk;
+    }
+  }
+  return ReadSystemHealth(read, systems, false);
+}
+
+int ReadSystemStates(ReadContext& read, std::string& document) {
+  std::vector<SystemHealth> systems;
+  const int result = ReadSystemHealth(read, systems, true);
   if (result != RedfishStatusOk) return result;
   rapidjson::StringBuffer buffer;
   rapidjson::Writer<rapidjson::StringBuffer> w(buffer);
   w.StartObject();
   w.Key("Systems");
   w.StartArray();
-  for (const std::string& id : ids) {
-    Fetched system;
-    bool selected = false;
-    result = read.GetWithQuery(id, QueryOption::Select, "$select=Id,PowerState,Status", system,
-                               selected);
-    if (result != RedfishStatusOk) return result;
-    const rapidjson::Document& d = system.document;
-    if (d.HasParseError()) return RedfishStatusBadJson;
-    if (!d.IsObject()) return RedfishStatusUnexpectedJson;
+  for (const SystemHealth& s : systems) {
     w.StartObject();
-    WriteText(w, "Id", Text(d, "Id"));
-    WriteText(w, "@odata.id", id);
-    WriteText(w, "PowerState", Text(d, "PowerState"));
+    WriteText(w, "Id", s.id);
+    WriteText(w, "@odata.id", s.odataId);
+    WriteText(w, "PowerState", s.powerState);
     w.Key("Status");
     w.StartObject();
-    const rapidjson::Value* status = JsonMember(d, "Status");
-    for (const char* name : {"State", "Health", "HealthRollup"}) {
-      WriteText(w, name, status != nullptr ? Text(*status, name) : std::string());
-    }
+    WriteText(w, "State", s.state);
+    WriteText(w, "Health", s.health);
+    WriteText(w, "HealthRollup", s.healthRollup);
     w.EndObject();
     w.EndObject();
   }

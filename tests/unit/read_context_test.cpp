@@ -10,7 +10,9 @@ using Api = test_support::ApiTest;
 
 namespace {
 
-constexpr char kSelected[] = "/bmc/redfish/v1/Systems/1?$select=Id,PowerState,Status";
+constexpr char kSelected[] =
+    "/bmc/redfish/v1/Systems/1?$select=Id,PowerState,Status,ProcessorSummary,MemorySummary,Oem,"
+    "BiosVersion";
 constexpr char kPlain[] = "/bmc/redfish/v1/Systems/1";
 constexpr char kSystem[] = R"({"Id":"1","PowerState":"Off","Status":{"Health":"Warning"}})";
 

@@ -11,6 +11,7 @@ import tempfile
 import threading
 
 from . import faults as faultlib
+from . import health as healthlib
 from . import model as modellib
 from . import query as querylib
 from . import tree as treelib
@@ -44,6 +45,11 @@ def parse_args(argv):
                     "so $expand answers collections with bare links (tree profiles)")
     ap.add_argument("--latency", metavar="SECONDS", type=float,
                     help="wait this long before answering each request (default: the profile's, mostly 0)")
+    ap.add_argument("--health-fault", metavar="KIND", action="append", default=[], choices=healthlib.FAULTS,
+                    help="fail one part of this kind from the start: %s; may be repeated"
+                    % ", ".join(healthlib.FAULTS))
+    ap.add_argument("--empty-rollup", action="store_true",
+                    help="leave HealthRollup out of every Status and raise nothing above a failed part")
     ap.add_argument("--ready-file", metavar="PATH", help="created once the emulator accepts connections")
     ap.add_argument("--cert-dir", metavar="DIR", help="where cert.pem and key.pem are written (default: temp dir)")
     args = ap.parse_args(argv)
@@ -120,6 +126,10 @@ def main(argv=None):
         else:
             model = treelib.TreeModel(args.profile, args.spec, args.scale)
         model.power_settle = max(0.0, min(args.power_settle, 3600.0))
+        model.health = healthlib.Health(model, model.profile.get("health"))
+        if args.health_fault or args.empty_rollup:
+            model.health.configure({"faults": args.health_fault,
+                                    "empty_rollup": args.empty_rollup or model.health.empty_rollup})
     except (OSError, ValueError, KeyError) as e:
         print("bmc-emulator: cannot load profile %s: %s" % (args.profile, e), file=sys.stderr)
         return 1

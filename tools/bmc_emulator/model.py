@@ -126,6 +126,12 @@ class ServiceState:
         self._sessions = {}         # token -> session body
         self._session_seq = 0
         self.transitions = transitions
+        self.health = None          # health.Health, once the parts are known
+
+    def render(self, path, **options):
+        """The body served for `path`: the resource with any health fault in force."""
+        body = self._render(path, **options)
+        return body if self.health is None else self.health.apply(path, body)
 
     # -- power ------------------------------------------------------------
 
@@ -497,7 +503,7 @@ class Model(ServiceState):
                 out[key] = self.render(value["@odata.id"])
         return out
 
-    def render(self, path, expand=False):
+    def _render(self, path, expand=False):
         """Body of the resource at `path` (None if absent).  The result may share
         structure with the model: callers must not modify it."""
         res = self.resources.get(path)

@@ -14,7 +14,7 @@ from email.utils import formatdate
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from urllib.parse import parse_qsl, unquote, urlsplit
 
-from . import errors, faults as faultlib, model as modellib, query as querylib
+from . import errors, faults as faultlib, health as healthlib, model as modellib, query as querylib
 from .query import select_properties as _select
 
 CONTROL_PREFIX = "/__emulator"
@@ -539,12 +539,31 @@ class Handler(BaseHTTPRequestHandler):
                 return self.control_reply(404, {"error": "no such system"})
             app.model.set_power(index, request["PowerState"])
             return self.control_reply(200, {"systems": app.model.power_summary()})
+        if sub == "/health":
+            return self.control_health(method, request)
         if sub == "/reset-log":
             if method != "POST":
                 return self.control_reply(405, {"error": "use POST"}, [("Allow", "POST")])
             app.reset_log()
             return self.control_reply(200, {"requests_logged": 0})
         return self.control_reply(404, {"error": "unknown control path"})
+
+    def control_health(self, method, request):
+        health = self.app.model.health
+        if health is None:
+            return self.control_reply(404, {"error": "this emulator models no health"})
+        if method == "GET":
+            return self.control_reply(200, health.state())
+        if method == "DELETE":
+            health.reset()
+            return self.control_reply(200, health.state())
+        if method == "POST":
+            try:
+                health.configure(request)
+            except healthlib.HealthError as e:
+                return self.control_reply(400, {"error": str(e)})
+            return self.control_reply(200, health.state())
+        return self.control_reply(405, {"error": "use GET, POST or DELETE"}, [("Allow", "GET, POST, DELETE")])
 
     def control_reply(self, status, body, headers=()):
         self.respond(status, body, headers=headers, content_type="application/json", log=False)

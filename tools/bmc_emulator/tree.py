@@ -199,7 +199,7 @@ class TreeModel(ServiceState):
     def error_status(self, path):
         return self.errors.get(path)
 
-    def render(self, path):
+    def _render(self, path):
         """Body of the resource at `path`; may share structure with the model."""
         res = self.resources.get(path)
         if res is None:
