@@ -17,6 +17,7 @@
 #include "resources/inventory.h"
 #include "resources/mac_guard.h"
 #include "resources/read_context.h"
+#include "resources/sensor_readings.h"
 #include "resources/system_states.h"
 #include "resources/systems.h"
 #include "utils/failure_record.h"
@@ -184,7 +185,8 @@ extern "C" BMCREDFISH_API int Redfish_GetSensorReadings(const char* user, const 
                                                         const char* host, unsigned int timeoutMs,
                                                         char** json) {
   return TextCall(user, password, host, json, [&](Inventory& inventory, std::string& text) {
-    return redfish::ReadSensorReadings(inventory, milliseconds(timeoutMs), text);
+    redfish::ReadContext read(inventory, WholeRead(timeoutMs));
+    return redfish::ReadSensorReadings(read, text);
   });
 }
 

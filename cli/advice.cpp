@@ -62,8 +62,8 @@ std::string DiscoveryCheck(const RedfishFailure& f, const std::string& command) 
   if (f.result == REDFISH_ERR_NO_MEMBER && (command == "mac" || command == "power"))
     return "redfishctl mac (the BMC's MAC address)";
   if (command == "sensors")
-    return "the chassis under /redfish/v1/Chassis: none links a Sensors collection, Thermal or "
-           "Power";
+    return "the chassis under /redfish/v1/Chassis: none links Sensors, ThermalSubsystem, "
+           "PowerSubsystem, EnvironmentMetrics, Thermal or Power that hold a reading";
   return "what the BMC lists under /redfish/v1: Systems, Managers, Chassis";
 }
 

@@ -360,9 +360,9 @@ Outcome CheckSensors(DoctorProbe& probe) {
                        : "the readings document is not of its documented shape",
                 "the chassis' Sensors, Thermal and Power: redfishctl --json sensors");
   const std::string detail = Count(readings.sensors.size(), "reading") + " from " +
-                             std::to_string(readings.chassis) + " chassis";
+                             std::to_string(readings.chassis.size()) + " chassis";
   if (readings.fromSensors > 0) return Ok(detail);
-  return Warn(detail + ", from Thermal and Power: no Sensors collection",
+  return Warn(detail + ", no Sensors collection",
               "Redfish_GetSensorReadings reads these; the 1.0 call Redfish_GetSensorsInfo reads "
               "Sensors only and answers 40001 on this BMC");
 }

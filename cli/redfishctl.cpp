@@ -429,8 +429,13 @@ int SensorsCommand(Session& s) {
     s.Note("sensors: the readings document is not of its documented shape (see --json)");
     return 1;
   }
-  if (readings.fromSensors == 0)
-    s.Note("this BMC has no Sensors collection; these are its Thermal and Power readings");
+  if (readings.fromSensors == 0 && !readings.chassis.empty()) {
+    std::string sources;
+    for (const toolkit::Chassis& c : readings.chassis)
+      for (const std::string& r : c.sources)
+        if (sources.find(r) == std::string::npos) sources += (sources.empty() ? "" : ", ") + r;
+    s.Note("this BMC has no Sensors collection; these readings are from " + Printable(sources));
+  }
   std::fputs(ReadingsTable(readings).c_str(), stdout);
   return 0;
 }

@@ -6,13 +6,12 @@
 #include <fstream>
 #include <sstream>
 
-#include <rapidjson/document.h>
-
 #include "bmcredfish.h"
 #include "textfile.h"
 #include "toolkit/bmc_text.h"
 #include "toolkit/failure_text.h"
 #include "toolkit/result_text.h"
+#include "toolkit/systems.h"
 
 namespace {
 
@@ -26,21 +25,6 @@ CallOutcome Outcome(const char* call, int result, std::string& why) {
   const std::string cause = toolkit::FailureCause(failure);
   if (!cause.empty()) why += ": " + toolkit::Printable(cause);
   return {result, failure.link};
-}
-
-// The first system's power state from the systems document; false when the
-// BMC has no system (a chassis manager) or the document is not that one.
-bool FirstPowerState(const char* systems, bool& on) {
-  rapidjson::Document doc;
-  doc.Parse(systems);
-  if (doc.HasParseError() || !doc.IsObject()) return false;
-  auto list = doc.FindMember("Systems");
-  if (list == doc.MemberEnd() || !list->value.IsArray() || list->value.Empty()) return false;
-  const rapidjson::Value& first = list->value[0];
-  auto state = first.IsObject() ? first.FindMember("PowerState") : first.MemberEnd();
-  if (!first.IsObject() || state == first.MemberEnd() || !state->value.IsString()) return false;
-  on = std::string(state->value.GetString()) == "On";
-  return true;
 }
 
 // The library's calls leave only caller-made failures as exceptions: the one
@@ -113,8 +97,11 @@ ReadResult BmcReader::operator()() {
   char* systems = nullptr;
   const int power =
       Guarded([&] { return Redfish_GetSystems(user, password, nullptr, timeoutMs_, &systems); });
-  read.power = Outcome("power_state", power, why);
-  if (power == 0 && systems != nullptr) read.havePower = FirstPowerState(systems, read.powerOn);
+  read.systems = Outcome("systems", power, why);
+  std::vector<toolkit::System> list;
+  if (power == 0 && systems != nullptr && toolkit::ParseSystems(systems, list) && !list.empty()) {
+    read.powerOn = list[0].powerState == "On";
+  }
   Redfish_FreeText(systems);
   char* json = nullptr;
   const int sensors = Guarded(

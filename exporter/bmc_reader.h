@@ -10,12 +10,13 @@ struct Credentials {
   std::string password;
 };
 
-// One read of this host's BMC through the library: the systems' power state,
-// the sensor readings, the hardware's health, given the last health document
-// so that the library reads only what changed (the systems' health comes with
-// the power state's request), then what is new in the event log. Says on
-// standard error when a read fails differently from the one before, and when
-// reads succeed again, so that a failing BMC does not flood the log.
+// One read of this host's BMC through the library: the systems' power state
+// (whatever the BMC's maker), the sensor readings, the hardware's health,
+// given the last health document so that the library reads only what changed
+// (the systems' health comes with the power state's request), then what is
+// new in the event log. Says on standard error when a read fails differently
+// from the one before, and when reads succeed again, so that a failing BMC
+// does not flood the log.
 class BmcReader {
  public:
   BmcReader(Credentials credentials, unsigned timeoutMs, bool readHealth,

@@ -7,6 +7,7 @@ std::shared_ptr<const SensorReadings> MakeReadings(std::string document) {
   if (!toolkit::ParseReadings(document, parsed)) return nullptr;
   auto readings = std::make_shared<SensorReadings>();
   readings->document = std::move(document);
+  readings->chassis = std::move(parsed.chassis);
   readings->sensors = std::move(parsed.sensors);
   return readings;
 }
@@ -20,12 +21,12 @@ std::shared_ptr<const HealthState> MakeHealth(std::string document) {
 
 void ApplyRead(Snapshot& snapshot, const ReadResult& read, double now) {
   snapshot.haveRead = true;
-  snapshot.power = read.power;
+  snapshot.systems = read.systems;
   snapshot.sensors = read.sensors;
   snapshot.readSeconds = read.seconds;
   snapshot.log = read.log;
   snapshot.logState = read.logState;
-  if (read.power.result == 0 && read.havePower) snapshot.powerOn = read.powerOn;
+  if (read.systems.result == 0) snapshot.powerOn = read.powerOn;
   if (read.sensors.result == 0) {
     if (auto readings = MakeReadings(read.readings)) {
       snapshot.readings = std::move(readings);

@@ -21,14 +21,14 @@ struct CallOutcome {
   int link = 0;
 };
 
-// One read of the BMC: the power state, every chassis' readings, then the
-// hardware's health (unless the exporter was told not to read it).
+// One read of the BMC: its systems (the power state, whatever the BMC's
+// maker), every chassis' readings, then the hardware's health (unless the
+// exporter was told not to read it).
 struct ReadResult {
-  CallOutcome power;
+  CallOutcome systems;
   CallOutcome sensors;
-  bool powerOn = false;
-  bool havePower = true;  // false for a BMC without systems: it has no power state
-  std::string readings;   // the library's readings document, when sensors.result is 0
+  std::optional<bool> powerOn;  // the first system's; none for a BMC without systems
+  std::string readings;         // the library's readings document, when sensors.result is 0
   bool healthRead = false;
   CallOutcome healthCall;
   std::string healthDocument;  // the library's health document, when health.result is 0
@@ -36,7 +36,7 @@ struct ReadResult {
   std::string logState;        // the tally behind them, to keep (LogTally::Save)
   double seconds = 0;          // how long the read took
   bool Ok() const {
-    return power.result == 0 && sensors.result == 0 && (!healthRead || healthCall.result == 0);
+    return systems.result == 0 && sensors.result == 0 && (!healthRead || healthCall.result == 0);
   }
 };
 
@@ -49,12 +49,13 @@ struct HealthState {
 // Sensor readings as the library sent them and as parsed.
 struct SensorReadings {
   std::string document;
+  std::vector<toolkit::Chassis> chassis;
   std::vector<toolkit::Sensor> sensors;
 };
 
 struct Snapshot {
   bool haveRead = false;  // a read has completed
-  CallOutcome power;      // outcomes of the last completed read
+  CallOutcome systems;    // outcomes of the last completed read
   CallOutcome sensors;
   bool healthRead = false;
   CallOutcome healthCall;
@@ -71,7 +72,7 @@ struct Snapshot {
   std::string logState;
 
   bool LastReadOk() const {
-    return haveRead && power.result == 0 && sensors.result == 0 &&
+    return haveRead && systems.result == 0 && sensors.result == 0 &&
            (!healthRead || healthCall.result == 0);
   }
 };

@@ -216,21 +216,48 @@ BMCREDFISH_API int Redfish_GetLastFailure(RedfishFailure* failure);
 BMCREDFISH_API void Redfish_FreeText(char* text);
 
 /*
- * Every chassis' sensor readings as one JSON document, in one request per
- * chassis once the BMC's chassis are known (the first call discovers them):
- * a chassis' Sensors collection, expanded, or for a chassis without one its
- * Thermal and Power readings. Chassis with neither are left out.
+ * Every chassis' sensor readings as one JSON document, whichever models the
+ * BMC serves them in: its Sensors collections, ThermalSubsystem (ThermalMetrics,
+ * Fans), PowerSubsystem (the power supplies' Metrics), EnvironmentMetrics and
+ * the deprecated Thermal and Power. Each physical reading appears once, under
+ * the chassis whose sensor it is: an excerpt naming a sensor by DataSourceUri
+ * is that sensor, as is a Thermal or Power entry or a Fan bearing the Name or
+ * Id of a sensor of its chassis; Thermal's temperatures and fans and Power's
+ * supplies and PowerControl give way to the newer models where the chassis
+ * has them. Chassis without readings are left out.
  *   {"Chassis":[{"Id":"1","@odata.id":"/redfish/v1/Chassis/1",
- *                "Source":"Sensors"|"ThermalPower",
+ *                "Sources":["Sensors","Power"],
+ *                "PowerWatts":614,"PowerSource":"/redfish/v1/Chassis/1/Power#/PowerControl/0",
+ *                "EnergyJoules":null,"EnergySource":"",
  *                "Sensors":[{"Id":"CPU1Temp","Name":"CPU1 Temp","Reading":41,
  *                            "ReadingUnits":"Cel","ReadingType":"Temperature",
- *                            "Health":"OK"}]}]}
- * "Reading" is a number or null; "ReadingUnits", "ReadingType" and "Health"
- * are the BMC's texts, or "" where it gave none (Thermal and Power readings get
- * the units their property names imply). The document is valid UTF-8: each
- * byte of the BMC's texts that is not becomes U+FFFD. On 0, *json receives the document,
- * to be freed with Redfish_FreeText; on failure *json is set to null.
- * Returns 0, 40001 when no chassis has readings, or another result code.
+ *                            "PhysicalContext":"CPU","Health":"OK","State":"Enabled",
+ *                            "Thresholds":{"UpperCaution":null,"UpperCritical":99,
+ *                                          "UpperFatal":null,"LowerCaution":null,
+ *                                          "LowerCritical":3,"LowerFatal":null},
+ *                            "DataSourceUri":"/redfish/v1/Chassis/1/Sensors/CPU1Temp"}]}]}
+ * "Reading" and each threshold are a number or null; texts are the BMC's, or
+ * "" where it gave none. A reading found in a property of Thermal, Power or an
+ * excerpt has the units and ReadingType the property implies (LineInputVoltage:
+ * "V", "Voltage"). "DataSourceUri" says where the BMC holds the reading: the
+ * sensor's URI, else the document and JSON pointer it stands at; no two
+ * readings share one. "PowerWatts" is the chassis' power figure in watts
+ * (EnvironmentMetrics PowerWatts, else the first PowerControl's
+ * PowerConsumedWatts), "EnergyJoules" its energy counter in joules
+ * (EnvironmentMetrics EnergyJoules, else EnergykWh); "PowerSource" and
+ * "EnergySource" name the reading each is ("" and null when there is none).
+ * "Sources" lists the resources the chassis' readings came from.
+ * A 1.1 read (see the block before Redfish_GetSystems): the first call walks
+ * the chassis; later calls GET only the documents that gave the readings, one
+ * per chassis where the BMC takes $expand, until one of them fails (the walk
+ * is then made again at once) or an hour has passed. A document that cannot
+ * be read or is not of the Redfish shape, a value of the wrong type and a
+ * threshold without a reading are left out with a level-3 log line. The
+ * document is valid UTF-8: each byte of the BMC's texts that is not becomes
+ * U+FFFD. On 0, *json receives the document, to be freed with
+ * Redfish_FreeText; on failure *json is set to null. Returns 0; 40001 when no
+ * chassis has readings; when none could be read because a document failed,
+ * that failure (its HTTP status, or 20004); or another result code.
  */
 BMCREDFISH_API int Redfish_GetSensorReadings(const char* user, const char* password,
                                              const char* host, unsigned int timeoutMs, char** json);

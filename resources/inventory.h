@@ -38,7 +38,6 @@ class Inventory {
   int PopulateSystems(std::chrono::milliseconds timeout);
   int PopulateManagers(std::chrono::milliseconds timeout);
   int PopulateChassis(std::chrono::milliseconds timeout);
-  int PopulateReadings(std::chrono::milliseconds timeout);
 
   // GETs a collection and hands each member's "@odata.id" to visit, in order;
   // stops at the first failure, visit's included.
@@ -65,8 +64,6 @@ class Inventory {
   bool systemsPopulated = false;
   std::vector<RedfishChassisRecord> chassis;
   bool chassisPopulated = false;
-  std::vector<ReadingsSourceRecord> readings;
-  bool readingsPopulated = false;
   // The 1.1 reads' own, apart from the walks above.
   ReadMemory memory;
 

@@ -5,6 +5,7 @@
 // options the BMC takes, and what each read has learnt of where things are.
 
 #include <chrono>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -25,6 +26,8 @@ struct QueryFeatures {
   bool excerpt = false;          // excerpt
 };
 
+struct ReadingsPlan;  // resources/sensor_readings.cpp
+
 struct ReadMemory {
   std::mutex mutex;
   bool featuresKnown = false;
@@ -32,6 +35,8 @@ struct ReadMemory {
   // The systems' "@odata.id", once read (Redfish_GetSystems).
   bool systemsKnown = false;
   std::vector<std::string> systems;
+  // Where the readings are, once found (Redfish_GetSensorReadings).
+  std::shared_ptr<const ReadingsPlan> readings;
   // What Redfish_GetSystems last saw, and when: the health read that follows
   // it closely (the exporter makes both) uses it, once.
   bool systemsSeenKnown = false;

@@ -31,16 +31,6 @@ struct RedfishChassisRecord {
   std::string sensorsUri;
 };
 
-// Where a chassis' readings are read, one request each: its expanded Sensors
-// collection, or the chassis expanded with Thermal and Power inline, or (for
-// a BMC that does not expand them) the Thermal and Power resources.
-struct ReadingsSourceRecord {
-  std::string uri;  // the chassis' "@odata.id"
-  std::string id;
-  bool sensors = false;
-  std::vector<std::string> readUris;
-};
-
 // The Redfish ResetType string of each command, in command order.
 constexpr const char* kResetTypes[] = {"On",
                                        "ForceOff",

@@ -71,7 +71,7 @@ class FakeProbe : public DoctorProbe {
       {"commands", {}},
       {"power", {0, "on"}},
       {"mac", {0, "b0:7b:25:e4:1f:6a"}},
-      {"sensors", {0, R"({"Chassis":[{"Source":"Sensors","Sensors":[{"Name":"a"}]}]})"}},
+      {"sensors", {0, R"({"Chassis":[{"Sources":["Sensors"],"Sensors":[{"Name":"a"}]}]})"}},
   };
   std::vector<std::string> calls;  // the library calls made, in order
 

@@ -14,19 +14,22 @@ namespace {
 // Readings documents shaped as the library builds them from each vendor's
 // payloads (units and types as those BMCs write them).
 const char kReadings[] = R"({"Chassis":[
- {"Id":"System.Embedded.1","Source":"Sensors","Sensors":[
-  {"Id":"CPU1Temp","Name":"CPU1 Temp","Reading":41,"ReadingUnits":"Cel","ReadingType":"Temperature","Health":"OK"},
-  {"Id":"Fan1A","Name":"Fan 1A","Reading":6431,"ReadingUnits":"RPM","ReadingType":"AirFlow","Health":"Warning"},
+ {"Id":"System.Embedded.1","Sources":["Sensors","Power"],"PowerWatts":614,
+  "PowerSource":"/redfish/v1/Chassis/System.Embedded.1/Power#/PowerControl/0","Sensors":[
+  {"Id":"CPU1Temp","Name":"CPU1 Temp","Reading":41,"ReadingUnits":"Cel","ReadingType":"Temperature","Health":"OK",
+   "Thresholds":{"UpperCaution":null,"UpperCritical":99,"LowerCritical":3}},
+  {"Id":"Fan1A","Name":"Fan 1A","Reading":6431,"ReadingUnits":"RPM","ReadingType":"AirFlow","Health":"Warning",
+   "Thresholds":{"LowerCritical":480}},
   {"Id":"67L0","Name":"PSU2 AC In Pwr","Reading":170,"ReadingUnits":"Watts","ReadingType":"Current","Health":"OK"},
-  {"Id":"242L0","Name":"SysBrd 12V","Reading":11.935,"ReadingUnits":"V","ReadingType":"Voltage","Health":""},
+  {"Id":"PowerSupplies/0/InputVoltage","Name":"PS1 input voltage","Reading":240,"ReadingUnits":"V","ReadingType":"Voltage"},
   {"Id":"PS1Current","Name":"PS1 Current","Reading":1250,"ReadingUnits":"mA","ReadingType":"Current","Health":"Critical"},
-  {"Id":"CPUFan1","Name":"CPU #1 Fan Speed","Reading":80,"ReadingUnits":"%","ReadingType":"Percent","Health":"OK"},
-  {"Id":"150L0","Name":"Drive 0","Reading":null,"ReadingUnits":"","ReadingType":"","Health":""},
+  {"Id":"CPUUsage","Name":"CPU Usage","Reading":80,"ReadingUnits":"%","ReadingType":"Percent","Health":"OK",
+   "Thresholds":{"UpperCaution":101}},
+  {"Id":"150L0","Name":"Drive 0","Reading":0,"ReadingUnits":"","ReadingType":"Temperature","Health":""},
   {"Id":"CPU1Temp","Name":"CPU1 Temp","Reading":99,"ReadingUnits":"Cel","ReadingType":"Temperature","Health":"OK"}]},
- {"Id":"1","Source":"ThermalPower","Sensors":[
-  {"Id":"Fans/0","Name":"Fan 1","Reading":51,"ReadingUnits":"Percent","ReadingType":"Rotational","Health":"OK"},
-  {"Id":"PowerSupplies/0","Name":"HpeServerPowerSupply","Reading":277,"ReadingUnits":"W","ReadingType":"Power","Health":"OK"},
-  {"Id":"PowerSupplies/1","Name":"HpeServerPowerSupply","Reading":254,"ReadingUnits":"W","ReadingType":"Power","Health":"OK"}]}]})";
+ {"Id":"1","Sources":["EnvironmentMetrics"],"EnergyJoules":789558.5,"EnergySource":"/e","Sensors":[
+  {"Id":"Fans/0","Name":"Fan 1","Reading":51,"ReadingUnits":"Percent","ReadingType":"Percent","PhysicalContext":"Fan"},
+  {"Id":"Energy","Name":"GPU energy","Reading":0.25,"ReadingUnits":"kW.h","ReadingType":"EnergykWh"}]}]})";
 
 ReadResult Good(const std::string& readings = kReadings) {
   ReadResult r;
@@ -74,19 +77,31 @@ TEST(Exposition, EachReadingGoesToTheMetricOfItsUnitInBaseUnits) {
   const std::string dell = R"(chassis="System.Embedded.1",id=")";
   const std::map<std::string, std::string> expected = {
       {"bmcredfish_sensor_temperature_celsius{" + dell + R"(CPU1Temp",name="CPU1 Temp"})", "41"},
-      // Units win over a firmware's wrong ReadingType.
+      {"bmcredfish_sensor_temperature_crit_celsius{" + dell + R"(CPU1Temp",name="CPU1 Temp"})",
+       "99"},
+      {"bmcredfish_sensor_temperature_lcrit_celsius{" + dell + R"(CPU1Temp",name="CPU1 Temp"})",
+       "3"},
+      // Units win over a firmware's wrong ReadingType; voltage is never watts.
       {"bmcredfish_sensor_fan_speed_rpm{" + dell + R"(Fan1A",name="Fan 1A"})", "6431"},
+      {"bmcredfish_sensor_fan_speed_lcrit_rpm{" + dell + R"(Fan1A",name="Fan 1A"})", "480"},
       {"bmcredfish_sensor_power_watts{" + dell + R"(67L0",name="PSU2 AC In Pwr"})", "170"},
-      {"bmcredfish_sensor_voltage_volts{" + dell + R"(242L0",name="SysBrd 12V"})", "11.935"},
+      {"bmcredfish_sensor_voltage_volts{" + dell +
+           R"(PowerSupplies/0/InputVoltage",name="PS1 input voltage"})",
+       "240"},
       {"bmcredfish_sensor_current_amperes{" + dell + R"(PS1Current",name="PS1 Current"})", "1.25"},
-      {"bmcredfish_sensor_percent{" + dell + R"(CPUFan1",name="CPU #1 Fan Speed"})", "80"},
-      {"bmcredfish_sensor_reading{" + dell + R"(150L0",name="Drive 0",units=""})", "NaN"},
-      {R"(bmcredfish_sensor_fan_speed_percent{chassis="1",id="Fans/0",name="Fan 1"})", "51"},
-      {R"(bmcredfish_sensor_power_watts{chassis="1",id="PowerSupplies/1",name="HpeServerPowerSupply"})",
-       "254"},
+      {"bmcredfish_sensor_ratio{" + dell + R"(CPUUsage",name="CPU Usage"})", "0.8"},
+      {"bmcredfish_sensor_max_ratio{" + dell + R"(CPUUsage",name="CPU Usage"})", "1.01"},
+      {"bmcredfish_sensor_reading{" + dell +
+           R"(150L0",name="Drive 0",units="",type="Temperature"})",
+       "0"},
+      {R"(bmcredfish_sensor_fan_duty_ratio{chassis="1",id="Fans/0",name="Fan 1"})", "0.51"},
+      {R"(bmcredfish_sensor_energy_joules_total{chassis="1",id="Energy",name="GPU energy"})",
+       "9e+05"},
+      {R"(bmcredfish_chassis_power_watts{chassis="System.Embedded.1"})", "614"},
+      {R"(bmcredfish_chassis_energy_joules_total{chassis="1"})", "789558.5"},
       {"bmcredfish_sensor_health{" + dell + R"(Fan1A",name="Fan 1A"})", "1"},
       {"bmcredfish_sensor_health{" + dell + R"(PS1Current",name="PS1 Current"})", "2"},
-      {"bmcredfish_sensor_health{" + dell + R"(242L0",name="SysBrd 12V"})", "NaN"},
+      {"bmcredfish_sensor_health{" + dell + R"(150L0",name="Drive 0"})", "NaN"},
       {"bmcredfish_up", "1"},
       {"bmcredfish_stale", "0"},
       {"bmcredfish_power_on", "1"},
@@ -103,6 +118,21 @@ TEST(Exposition, EachReadingGoesToTheMetricOfItsUnitInBaseUnits) {
     ASSERT_NE(found, samples.end()) << e.first;
     EXPECT_EQ(found->second, e.second) << e.first;
   }
+  EXPECT_EQ(samples.count(R"(bmcredfish_chassis_power_watts{chassis="1"})"), 0u)
+      << "a chassis without a power figure has no such series";
+  EXPECT_EQ(samples.count("bmcredfish_sensor_temperature_max_celsius{" + dell +
+                          R"(CPU1Temp",name="CPU1 Temp"})"),
+            0u)
+      << "a threshold the BMC leaves null has no series";
+
+  // A BMC without systems: its readings and up 1, no power series.
+  Snapshot chassisManager;
+  ReadResult noSystems = Good();
+  noSystems.powerOn.reset();
+  ApplyRead(chassisManager, noSystems, 1000);
+  const auto managed = Samples(Render(chassisManager, {1000, 0, "1.1.0"}));
+  EXPECT_EQ(managed.at("bmcredfish_up"), "1");
+  EXPECT_EQ(managed.count("bmcredfish_power_on"), 0u);
 }
 
 TEST(Exposition, LabelValuesAreTheBmcsTextsAsRedfishctlPrintsThemEscaped) {
@@ -116,17 +146,17 @@ TEST(Exposition, FailedAndMalformedReadsKeepEverySeriesMarkedStale) {
   Snapshot s;
   const auto before = Series(Samples(Render(s, {1000, 0, "1.1.0"})));
   EXPECT_EQ(before.count("bmcredfish_up"), 1u);
-  EXPECT_EQ(before.count(R"(bmcredfish_last_result{call="power_state"})"), 0u) << "no read yet";
+  EXPECT_EQ(before.count(R"(bmcredfish_last_result{call="systems"})"), 0u) << "no read yet";
 
   ApplyRead(s, Good(), 1000);
   const auto good = Samples(Render(s, {1000, 0, "1.1.0"}));
 
   ReadResult refused;
-  refused.power = refused.sensors = {40005, 7};
+  refused.systems = refused.sensors = {40005, 7};
   ApplyRead(s, refused, 1060);
   auto failed = Samples(Render(s, {1060, 0, "1.1.0"}));
   EXPECT_EQ(Series(failed), Series(good));
-  EXPECT_EQ(failed[R"(bmcredfish_last_result{call="power_state"})"], "40005");
+  EXPECT_EQ(failed[R"(bmcredfish_last_result{call="systems"})"], "40005");
   EXPECT_EQ(failed[R"(bmcredfish_last_failure_link{call="sensor_readings"})"], "7");
   EXPECT_EQ(failed["bmcredfish_readings_age_seconds"], "60");
   EXPECT_EQ(failed["bmcredfish_read_failures_total"], "1");
@@ -136,5 +166,5 @@ TEST(Exposition, FailedAndMalformedReadsKeepEverySeriesMarkedStale) {
   failed = Samples(Render(s, {1070, 0, "1.1.0"}));
   EXPECT_EQ(Series(failed), Series(good));
   EXPECT_EQ(failed[R"(bmcredfish_last_result{call="sensor_readings"})"], "20004");
-  EXPECT_EQ(failed[R"(bmcredfish_last_result{call="power_state"})"], "0");
+  EXPECT_EQ(failed[R"(bmcredfish_last_result{call="systems"})"], "0");
 }

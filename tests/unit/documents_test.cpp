@@ -5,7 +5,6 @@
 #include <sstream>
 
 #include "resources/documents.h"
-#include "resources/readings.h"
 #include "utils/json_access.h"
 
 using namespace redfish;
@@ -24,13 +23,6 @@ rapidjson::Document Parsed(const std::string& text) {
   rapidjson::Document document;
   ParseJson(document, text);
   return document;
-}
-
-// An expanded Sensors collection made of sensor payloads.
-std::string Expanded(std::initializer_list<const char*> sensors) {
-  std::string members;
-  for (const char* name : sensors) members += (members.empty() ? "" : ",") + Sample(name);
-  return R"({"Members":[)" + members + "]}";
 }
 
 }  // namespace
@@ -143,93 +135,4 @@ TEST(Documents, MacAddressesAsTheBmcWritesThem) {
             0);
   EXPECT_EQ(ids, std::vector<std::string>{
                      "/redfish/v1/Managers/iDRAC.Embedded.1/EthernetInterfaces/NIC.1"});
-}
-
-TEST(Readings, SensorsOfRealBmcs) {
-  const struct {
-    std::string collection;
-    size_t count;
-    const char* id;
-    double reading;
-    const char* units;
-  } cases[] = {
-      {Expanded({"dell/libredfish-dell-Sensor-CPU1Temp.json",
-                 "dell/libredfish-dell-Sensor-Fan.Embedded.1A.json",
-                 "dell/libredfish-dell-Sensor-SystemBoardPwrConsumption.json"}),
-       3, "CPU1Temp", 37, "Cel"},
-      {Expanded({"lenovo/libredfish-lenovo-Sensor-67L0.json",
-                 "lenovo/libredfish-lenovo-Sensor-150L0.json"}),
-       2, "67L0", 170, "Watts"},
-      {Expanded({"dmtf/rackmount1-Sensor-CPUFan1.json"}), 1, "CPUFan1", 80, "%"},
-      // The absent sensor is left out.
-      {Expanded({"openbmc/libredfish-nvidia_dpu-Sensor-12V_ATX.json",
-                 "openbmc/libredfish-nvidia_dpu-Sensor-p0_temp.json"}),
-       1, "12V_ATX", 12.16, "V"},
-  };
-  for (const auto& c : cases) {
-    std::vector<SensorReading> readings;
-    ASSERT_EQ(ReadingsOfSensors(Parsed(c.collection), readings), 0);
-    ASSERT_EQ(readings.size(), c.count);
-    EXPECT_EQ(readings[0].id, c.id);
-    EXPECT_DOUBLE_EQ(*readings[0].reading, c.reading);
-    EXPECT_EQ(readings[0].units, c.units);
-  }
-  std::vector<SensorReading> readings;
-  EXPECT_EQ(ReadingsOfSensors(Parsed("[]"), readings), 20004);
-}
-
-TEST(Readings, ThermalAndPowerOfARealBmc) {
-  std::vector<SensorReading> readings;
-  ReadingsOfThermal(Parsed(Sample("hpe/libredfish-hpe-Chassis-1-Thermal.json")), readings);
-  ASSERT_EQ(readings.size(), 53u - 6u + 6u) << "absent temperature sensors are left out";
-  EXPECT_EQ(readings[0].name, "01-Inlet Ambient");
-  EXPECT_EQ(readings[0].units, "Cel");
-  EXPECT_EQ(readings.back().units, "Percent") << "a fan's own units win";
-
-  readings.clear();
-  ReadingsOfPower(Parsed(Sample("hpe/libredfish-hpe-Chassis-1-Power.json")), readings);
-  ASSERT_EQ(readings.size(), 3u);
-  EXPECT_EQ(readings[0].id, "PowerControl/0");
-  EXPECT_EQ(readings[1].id, "PowerSupplies/0");
-  EXPECT_EQ(readings[2].id, "PowerSupplies/1") << "ids are unique per chassis";
-  EXPECT_DOUBLE_EQ(*readings[0].reading, 531);
-
-  // iLO 4 names a fan's reading and units before the standard did.
-  readings.clear();
-  ReadingsOfThermal(Parsed(Sample("hpe/libredfish-testdata-thermal-hpe.json")), readings);
-  ASSERT_FALSE(readings.empty());
-  EXPECT_EQ(readings.back().name, "Fan 10");
-  ASSERT_TRUE(readings.back().reading.has_value());
-  EXPECT_DOUBLE_EQ(*readings.back().reading, 60);
-  EXPECT_EQ(readings.back().units, "Percent");
-
-  const rapidjson::Document chassis = Parsed(Sample("hpe/libredfish-hpe-Chassis-1.json"));
-  EXPECT_FALSE(HasInlineThermalOrPower(chassis)) << "a plain chassis only links them";
-  std::string thermal, power;
-  ThermalAndPowerLinks(chassis, thermal, power);
-  EXPECT_EQ(thermal, "/redfish/v1/Chassis/1/Thermal");
-  EXPECT_EQ(power, "/redfish/v1/Chassis/1/Power");
-  EXPECT_TRUE(HasInlineThermalOrPower(
-      Parsed(R"({"Thermal":)" + Sample("hpe/libredfish-hpe-Chassis-1-Thermal.json") + "}")));
-}
-
-TEST(Readings, DocumentIsValidJsonForAnyText) {
-  ChassisReadings c{"1", "/redfish/v1/Chassis/1", "Sensors", {}};
-  c.sensors.push_back({"a\"b", "name\n", std::nullopt, "Cel", "Temperature", "OK"});
-  c.sensors.push_back({"x", "y", 1.5,
-                       "\xB0"
-                       "C\xC2\xB0",
-                       "", "\xED\xA0\x80"});
-  rapidjson::Document document;
-  document.Parse<rapidjson::kParseValidateEncodingFlag>(ReadingsDocument({c}).c_str());
-  ASSERT_FALSE(document.HasParseError());
-  const rapidjson::Value& sensors = document["Chassis"][0]["Sensors"];
-  EXPECT_STREQ(sensors[0]["Id"].GetString(), "a\"b");
-  EXPECT_TRUE(sensors[0]["Reading"].IsNull());
-  EXPECT_DOUBLE_EQ(sensors[1]["Reading"].GetDouble(), 1.5);
-  // A BMC's bytes that are not UTF-8 become U+FFFD; valid ones stay.
-  EXPECT_STREQ(sensors[1]["ReadingUnits"].GetString(),
-               "\xEF\xBF\xBD"
-               "C\xC2\xB0");
-  EXPECT_STREQ(sensors[1]["Health"].GetString(), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");
 }

@@ -107,31 +107,8 @@ TEST_F(Api, LastFailureNamesTheLinkThatBroke) {
   EXPECT_EQ(Redfish_GetLastFailure(nullptr), 10002);
 }
 
-TEST_F(Api, ReadingsCommandsAndResourcesAreReadWithoutSendingCommands) {
-  bmc.Json(
-         "/bmc/redfish/v1/Chassis",
-         R"({"Members":[{"@odata.id":"/redfish/v1/Chassis/1"},{"@odata.id":"/redfish/v1/Chassis/2"},
-               {"@odata.id":"/redfish/v1/Chassis/3"}]})")
-      .Json("/bmc/redfish/v1/Chassis/1/Sensors?$expand=.($levels=1)",
-            R"({"Members":[{"Id":"T","Name":"Temp","Reading":20,"ReadingUnits":"Cel"}]})")
-      .Json("/bmc/redfish/v1/Chassis/2?$expand=.($levels=1)",
-            R"({"Thermal":{"Fans":[{"Name":"Fan","Reading":50,"ReadingUnits":"Percent"}]}})")
-      .Json("/bmc/redfish/v1/Chassis/3?$expand=.($levels=1)", R"({"Id":"3"})");
-  bmc.Install();
+TEST_F(Api, CommandsAndResourcesAreReadWithoutSendingCommands) {
   char* json = nullptr;
-  ASSERT_EQ(Redfish_GetSensorReadings("u", "p", nullptr, 100, &json), 0);
-  const std::string first(json);
-  Redfish_FreeText(json);
-  EXPECT_NE(first.find(R"("Source":"ThermalPower","Sensors":[{"Id":"Fans/0","Name":"Fan")"),
-            std::string::npos)
-      << first;
-  EXPECT_EQ(first.find(R"("Id":"3")"), std::string::npos) << "a chassis without readings";
-  fake_http::SetHandler(nullptr);
-  bmc.Install();
-  ASSERT_EQ(Redfish_GetSensorReadings("u", "p", nullptr, 100, &json), 0);
-  Redfish_FreeText(json);
-  EXPECT_EQ(fake_http::Requests().size(), 2u) << "warm: one request per chassis with readings";
-
   unsigned int commands = 0;
   EXPECT_EQ(Redfish_GetAllowedCommands("u", "p", nullptr, 100, &commands), 0);
   EXPECT_EQ(commands, 1u << REDFISHCMD_ON);

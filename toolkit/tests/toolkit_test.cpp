@@ -47,18 +47,24 @@ TEST(BmcText, JsonStringsAreValidUtf8JsonWhateverTheBmcSent) {
 TEST(Readings, OneAcceptanceRuleForEveryTool) {
   Readings r;
   ASSERT_TRUE(ParseReadings(
-      R"({"Chassis":[{"Id":"1","Source":"ThermalPower","Sensors":[
-           {"Id":"Fans/0","Name":"Fan 1","Reading":51.5,"ReadingUnits":"%","ReadingType":"Rotational","Health":"OK"}]},
-         {"Id":"Blade.2","Source":"Sensors","Sensors":[
+      R"({"Chassis":[{"Id":"1","Sources":["Thermal","Power"],"PowerSource":"/p","PowerWatts":531,
+           "Sensors":[{"Id":"Fans/0","Name":"Fan 1","Reading":51.5,"ReadingUnits":"%",
+                       "ReadingType":"Rotational","Health":"OK",
+                       "Thresholds":{"UpperCritical":90,"LowerFatal":"x"}}]},
+         {"Id":"Blade.2","Sources":["Sensors"],"Sensors":[
            {"Id":"V","Name":7,"Reading":"12","Health":null},{}]}]})",
       r));
-  EXPECT_EQ(r.chassis, 2u);
+  ASSERT_EQ(r.chassis.size(), 2u);
   EXPECT_EQ(r.fromSensors, 1u);
+  EXPECT_TRUE(r.chassis[0].hasPower);
+  EXPECT_EQ(r.chassis[0].powerWatts, 531);
+  EXPECT_FALSE(r.chassis[1].hasPower);
   ASSERT_EQ(r.sensors.size(), 3u);
   EXPECT_EQ(r.sensors[0].chassis, "1");
   EXPECT_EQ(r.sensors[0].reading, 51.5);
-  EXPECT_EQ(r.sensors[0].type, "Rotational");
+  EXPECT_EQ(r.sensors[0].thresholds[1], 90) << "UpperCritical";
   // Members of the wrong type read as absent, never as a refusal.
+  EXPECT_FALSE(r.sensors[0].thresholds[5]);
   EXPECT_EQ(r.sensors[1].chassis, "Blade.2");
   EXPECT_EQ(r.sensors[1].name, "");
   EXPECT_FALSE(r.sensors[1].reading);
@@ -70,6 +76,46 @@ TEST(Readings, OneAcceptanceRuleForEveryTool) {
     EXPECT_FALSE(ParseReadings(bad, untouched)) << bad;
     EXPECT_EQ(untouched.sensors.size(), 3u)
         << "a refused document leaves the readings as they were";
+  }
+}
+
+// The units decide, the type and place only say what a percentage is of:
+// firmware calls fans "AirFlow", powers "Current", and writes "" for the
+// states of discrete sensors whose 0 is no temperature.
+TEST(Readings, UnitsSayWhatAReadingMeasures) {
+  const struct {
+    const char* units;
+    const char* type;
+    const char* context;
+    Quantity quantity;
+    double scale;
+  } cases[] = {
+      {"Cel", "", "", Quantity::Temperature, 1},
+      {"C", "Temperature", "", Quantity::Temperature, 1},
+      {"", "Temperature", "", Quantity::Other, 1},
+      {"Watts", "Current", "", Quantity::Power, 1},
+      {"kW", "Power", "", Quantity::Power, 1e3},
+      {"V", "Power", "", Quantity::Voltage, 1},
+      {"mV", "Voltage", "", Quantity::Voltage, 1e-3},
+      {"RPM", "AirFlow", "", Quantity::FanSpeed, 1},
+      {"%", "Rotational", "", Quantity::FanDuty, 1e-2},
+      {"%", "Percent", "Fan", Quantity::FanDuty, 1e-2},
+      {"%", "Humidity", "", Quantity::Humidity, 1e-2},
+      {"Percent", "", "SystemBoard", Quantity::Ratio, 1e-2},
+      {"kW.h", "EnergykWh", "", Quantity::Energy, 3.6e6},
+      {"J", "EnergyJoules", "", Quantity::Energy, 1},
+      {"Pa", "Altitude", "", Quantity::Pressure, 1},
+      {"CFM", "", "", Quantity::Airflow, 0.028316846592 / 60},
+      {"furlongs", "Length", "", Quantity::Other, 1},
+  };
+  for (const auto& c : cases) {
+    Sensor s;
+    s.units = c.units;
+    s.type = c.type;
+    s.physicalContext = c.context;
+    const Meaning m = MeaningOf(s);
+    EXPECT_EQ(m.quantity, c.quantity) << c.units << " " << c.type;
+    EXPECT_NEAR(m.scale, c.scale, c.scale * 1e-12) << c.units;
   }
 }
 
