@@ -1,22 +1,16 @@
 #include "toolkit/health.h"
 
-#include <rapidjson/document.h>
+#include "toolkit/json_members.h"
 
 namespace toolkit {
 
 namespace {
 
-using Value = rapidjson::Value;
-
-std::string Text(const Value& object, const char* name) {
-  auto it = object.FindMember(name);
-  if (it == object.MemberEnd() || !it->value.IsString()) return "";
-  return std::string(it->value.GetString(), it->value.GetStringLength());
-}
+using json::Text;
+using json::Value;
 
 double Number(const Value& object, const char* name) {
-  auto it = object.FindMember(name);
-  return it != object.MemberEnd() && it->value.IsNumber() ? it->value.GetDouble() : 0;
+  return json::Number(object, name).value_or(0);
 }
 
 size_t Count(const Value& object, const char* name) {
@@ -24,13 +18,14 @@ size_t Count(const Value& object, const char* name) {
   return n >= 0 && n < 1e15 ? static_cast<size_t>(n) : 0;
 }
 
-const Value* Array(const Value& object, const char* name) {
-  auto it = object.FindMember(name);
-  if (it == object.MemberEnd() || !it->value.IsArray()) return nullptr;
-  for (const Value& entry : it->value.GetArray()) {
+// An array of objects, else null.
+const Value* Objects(const Value& object, const char* name) {
+  const Value* array = json::Member(object, name, rapidjson::kArrayType);
+  if (array == nullptr) return nullptr;
+  for (const Value& entry : array->GetArray()) {
     if (!entry.IsObject()) return nullptr;
   }
-  return &it->value;
+  return array;
 }
 
 HealthPart PartOf(const Value& entry, const char* kind) {
@@ -41,11 +36,10 @@ HealthPart PartOf(const Value& entry, const char* kind) {
                Text(entry, "State"),
                Text(entry, "Health"),
                ""};
-  auto status = entry.FindMember("Status");
-  if (status != entry.MemberEnd() && status->value.IsObject()) {
-    p.state = Text(status->value, "State");
-    p.health = Text(status->value, "Health");
-    p.healthRollup = Text(status->value, "HealthRollup");
+  if (const Value* status = json::Member(entry, "Status", rapidjson::kObjectType)) {
+    p.state = Text(*status, "State");
+    p.health = Text(*status, "Health");
+    p.healthRollup = Text(*status, "HealthRollup");
   }
   if (p.name.empty()) p.name = p.id;
   return p;
@@ -55,22 +49,20 @@ HealthPart PartOf(const Value& entry, const char* kind) {
 
 bool ParseHealth(std::string_view json, Health& health) {
   rapidjson::Document doc;
-  doc.Parse<rapidjson::kParseIterativeFlag>(json.data(), json.size());
-  if (doc.HasParseError() || !doc.IsObject()) return false;
-  auto rollup = doc.FindMember("Health");
-  auto read = doc.FindMember("Read");
-  const Value* causes = Array(doc, "Causes");
-  const Value* systems = Array(doc, "Systems");
-  const Value* chassis = Array(doc, "Chassis");
-  const Value* parts = Array(doc, "Parts");
-  const Value* firmware = Array(doc, "Firmware");
-  if (rollup == doc.MemberEnd() || !rollup->value.IsString() || read == doc.MemberEnd() ||
-      !read->value.IsObject() || causes == nullptr || systems == nullptr || chassis == nullptr ||
-      parts == nullptr || firmware == nullptr) {
+  if (!json::ParseObject(json, doc)) return false;
+  const Value* rollup = json::Member(doc, "Health", rapidjson::kStringType);
+  const Value* read = json::Member(doc, "Read", rapidjson::kObjectType);
+  const Value* causes = Objects(doc, "Causes");
+  const Value* systems = Objects(doc, "Systems");
+  const Value* chassis = Objects(doc, "Chassis");
+  const Value* parts = Objects(doc, "Parts");
+  const Value* firmware = Objects(doc, "Firmware");
+  if (rollup == nullptr || read == nullptr || causes == nullptr || systems == nullptr ||
+      chassis == nullptr || parts == nullptr || firmware == nullptr) {
     return false;
   }
   Health parsed;
-  parsed.health = rollup->value.GetString();
+  parsed.health = rollup->GetString();
   for (const Value& e : causes->GetArray()) parsed.causes.push_back(PartOf(e, nullptr));
   for (const Value& e : systems->GetArray()) parsed.systems.push_back(PartOf(e, "System"));
   for (const Value& e : chassis->GetArray()) parsed.chassis.push_back(PartOf(e, "Chassis"));
@@ -80,12 +72,12 @@ bool ParseHealth(std::string_view json, Health& health) {
         {Text(e, "Kind"), Text(e, "Id"), Text(e, "Name"), Text(e, "Version")});
   }
   parsed.causesLeftOut = Count(doc, "CausesLeftOut");
-  parsed.readAt = Number(read->value, "At");
-  parsed.partsAt = Number(read->value, "PartsAt");
-  parsed.firmwareAt = Number(read->value, "FirmwareAt");
-  parsed.partsLeftOut = Count(read->value, "PartsLeftOut");
-  auto gaps = read->value.FindMember("Gaps");
-  if (gaps != read->value.MemberEnd() && gaps->value.IsArray()) parsed.gaps = gaps->value.Size();
+  parsed.readAt = Number(*read, "At");
+  parsed.partsAt = Number(*read, "PartsAt");
+  parsed.firmwareAt = Number(*read, "FirmwareAt");
+  parsed.partsLeftOut = Count(*read, "PartsLeftOut");
+  if (const Value* gaps = json::Member(*read, "Gaps", rapidjson::kArrayType))
+    parsed.gaps = gaps->Size();
   health = std::move(parsed);
   return true;
 }

@@ -1,32 +1,17 @@
 #include "toolkit/log_document.h"
 
-#include <rapidjson/document.h>
 #include <strings.h>
 
 #include <algorithm>
 
+#include "toolkit/json_members.h"
+
 namespace toolkit {
 
-namespace {
-
-std::string Text(const rapidjson::Value& object, const char* name) {
-  auto it = object.FindMember(name);
-  if (it == object.MemberEnd() || !it->value.IsString()) return "";
-  return std::string(it->value.GetString(), it->value.GetStringLength());
-}
-
-std::optional<double> Number(const rapidjson::Value& object, const char* name) {
-  auto it = object.FindMember(name);
-  if (it == object.MemberEnd() || !it->value.IsNumber()) return std::nullopt;
-  return it->value.GetDouble();
-}
-
-bool Flag(const rapidjson::Value& object, const char* name) {
-  auto it = object.FindMember(name);
-  return it != object.MemberEnd() && it->value.IsBool() && it->value.GetBool();
-}
-
-}  // namespace
+using json::Flag;
+using json::Number;
+using json::Text;
+using json::Value;
 
 int SeverityRank(std::string_view name) {
   static const char* const kNames[] = {"OK", "Warning", "Critical"};
@@ -45,19 +30,17 @@ const char* SeverityLabel(int rank) {
 
 bool ParseLogDocument(std::string_view json, LogDocument& document) {
   rapidjson::Document doc;
-  doc.Parse<rapidjson::kParseIterativeFlag>(json.data(), json.size());
-  if (doc.HasParseError() || !doc.IsObject()) return false;
+  if (!json::ParseObject(json, doc)) return false;
   auto log = doc.FindMember("Log");
-  auto entries = doc.FindMember("Entries");
-  auto cursor = doc.FindMember("Cursor");
+  const Value* entries = json::Member(doc, "Entries", rapidjson::kArrayType);
+  const Value* cursor = json::Member(doc, "Cursor", rapidjson::kStringType);
   if (log == doc.MemberEnd() || !(log->value.IsObject() || log->value.IsNull()) ||
-      entries == doc.MemberEnd() || !entries->value.IsArray() || cursor == doc.MemberEnd() ||
-      !cursor->value.IsString()) {
+      entries == nullptr || cursor == nullptr) {
     return false;
   }
   LogDocument d;
   if (log->value.IsObject()) {
-    const rapidjson::Value& l = log->value;
+    const Value& l = log->value;
     d.haveLog = true;
     d.path = Text(l, "@odata.id");
     d.id = Text(l, "Id");
@@ -67,32 +50,31 @@ bool ParseLogDocument(std::string_view json, LogDocument& document) {
     d.maxRecords = Number(l, "MaxNumberOfRecords");
     d.count = Number(l, "Count");
   }
-  for (const auto& e : entries->value.GetArray()) {
+  for (const auto& e : entries->GetArray()) {
     if (!e.IsObject()) return false;
-    LogEntry entry;
-    entry.severity = SeverityRank(Text(e, "Severity"));
+    LogEntry entry{Text(e, "Id"),
+                   Text(e, "Created"),
+                   Number(e, "Time"),
+                   SeverityRank(Text(e, "Severity")),
+                   Text(e, "Message"),
+                   Text(e, "MessageId"),
+                   Text(e, "OriginOfCondition"),
+                   std::nullopt,
+                   Text(e, "Kind"),
+                   Flag(e, "Resolved")};
     if (entry.severity < 0) return false;
-    entry.id = Text(e, "Id");
-    entry.created = Text(e, "Created");
-    entry.time = Number(e, "Time");
-    entry.message = Text(e, "Message");
-    entry.messageId = Text(e, "MessageId");
-    entry.origin = Text(e, "OriginOfCondition");
     if (auto n = Number(e, "SensorNumber")) entry.sensorNumber = static_cast<long long>(*n);
-    entry.kind = Text(e, "Kind");
-    entry.resolved = Flag(e, "Resolved");
-    auto earlier = e.FindMember("Resolves");
-    if (earlier != e.MemberEnd() && earlier->value.IsObject()) {
+    if (const Value* earlier = json::Member(e, "Resolves", rapidjson::kObjectType)) {
       entry.resolves = true;
-      entry.resolvesTime = Number(earlier->value, "Time");
-      entry.resolvesSeverity = std::max(0, SeverityRank(Text(earlier->value, "Severity")));
+      entry.resolvesTime = Number(*earlier, "Time");
+      entry.resolvesSeverity = std::max(0, SeverityRank(Text(*earlier, "Severity")));
     }
     d.entries.push_back(std::move(entry));
   }
   d.restarted = Flag(doc, "Restarted");
   d.more = Flag(doc, "More");
   d.missed = Number(doc, "Missed");
-  d.cursor.assign(cursor->value.GetString(), cursor->value.GetStringLength());
+  d.cursor.assign(cursor->GetString(), cursor->GetStringLength());
   document = std::move(d);
   return true;
 }

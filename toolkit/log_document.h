@@ -22,7 +22,7 @@ struct LogEntry {
   bool resolved = false;
   // An entry of an earlier document that this one resolves.
   bool resolves = false;
-  std::optional<double> resolvesTime;
+  std::optional<double> resolvesTime = std::nullopt;
   int resolvesSeverity = 0;
 
   // An event still standing: not a deassertion or a clear mark, not resolved.

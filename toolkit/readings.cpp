@@ -1,7 +1,8 @@
 #include "toolkit/readings.h"
 
-#include <rapidjson/document.h>
 #include <strings.h>
+
+#include "toolkit/json_members.h"
 
 namespace toolkit {
 
@@ -10,17 +11,8 @@ const char* const kThresholdNames[kThresholdCount] = {
 
 namespace {
 
-std::string Text(const rapidjson::Value& object, const char* name) {
-  auto it = object.FindMember(name);
-  if (it == object.MemberEnd() || !it->value.IsString()) return "";
-  return std::string(it->value.GetString(), it->value.GetStringLength());
-}
-
-std::optional<double> Number(const rapidjson::Value& object, const char* name) {
-  auto it = object.FindMember(name);
-  if (it == object.MemberEnd() || !it->value.IsNumber()) return std::nullopt;
-  return it->value.GetDouble();
-}
+using json::Number;
+using json::Text;
 
 // The spellings real BMCs use: UCUM ("Cel", "%", "{rev}/min"), and the words
 // some firmware prints ("C", "Watts", "Percent").
@@ -79,21 +71,18 @@ Meaning MeaningOf(const Sensor& sensor) {
 
 bool ParseReadings(std::string_view json, Readings& readings) {
   rapidjson::Document doc;
-  // Iterative: however deep a text nests, the stack is not at risk.
-  doc.Parse<rapidjson::kParseIterativeFlag>(json.data(), json.size());
-  if (doc.HasParseError() || !doc.IsObject()) return false;
-  auto chassisList = doc.FindMember("Chassis");
-  if (chassisList == doc.MemberEnd() || !chassisList->value.IsArray()) return false;
+  if (!json::ParseObject(json, doc)) return false;
+  const json::Value* chassisList = json::Member(doc, "Chassis", rapidjson::kArrayType);
+  if (chassisList == nullptr) return false;
   Readings parsed;
-  for (const auto& chassis : chassisList->value.GetArray()) {
+  for (const auto& chassis : chassisList->GetArray()) {
     if (!chassis.IsObject()) return false;
-    auto sensors = chassis.FindMember("Sensors");
-    if (sensors == chassis.MemberEnd() || !sensors->value.IsArray()) return false;
+    const json::Value* sensors = json::Member(chassis, "Sensors", rapidjson::kArrayType);
+    if (sensors == nullptr) return false;
     Chassis c;
     c.id = Text(chassis, "Id");
-    auto sources = chassis.FindMember("Sources");
-    if (sources != chassis.MemberEnd() && sources->value.IsArray()) {
-      for (const auto& s : sources->value.GetArray()) {
+    if (const json::Value* sources = json::Member(chassis, "Sources", rapidjson::kArrayType)) {
+      for (const auto& s : sources->GetArray()) {
         if (s.IsString()) c.sources.emplace_back(s.GetString(), s.GetStringLength());
       }
     }
@@ -102,7 +91,7 @@ bool ParseReadings(std::string_view json, Readings& readings) {
     c.hasEnergy = !Text(chassis, "EnergySource").empty();
     c.energyJoules = Number(chassis, "EnergyJoules");
     for (const std::string& s : c.sources) parsed.fromSensors += s == "Sensors";
-    for (const auto& s : sensors->value.GetArray()) {
+    for (const auto& s : sensors->GetArray()) {
       if (!s.IsObject()) return false;
       Sensor sensor{c.id,
                     Text(s, "Id"),
@@ -114,10 +103,9 @@ bool ParseReadings(std::string_view json, Readings& readings) {
                     Text(s, "DataSourceUri"),
                     Number(s, "Reading"),
                     {}};
-      auto thresholds = s.FindMember("Thresholds");
-      if (thresholds != s.MemberEnd() && thresholds->value.IsObject()) {
+      if (const json::Value* thresholds = json::Member(s, "Thresholds", rapidjson::kObjectType)) {
         for (int i = 0; i < kThresholdCount; ++i)
-          sensor.thresholds[i] = Number(thresholds->value, kThresholdNames[i]);
+          sensor.thresholds[i] = Number(*thresholds, kThresholdNames[i]);
       }
       parsed.sensors.push_back(std::move(sensor));
     }
