@@ -15,50 +15,47 @@ using json::Number;
 using json::Text;
 
 // The spellings real BMCs use: UCUM ("Cel", "%", "{rev}/min"), and the words
-// some firmware prints ("C", "Watts", "Percent").
+// some firmware prints ("C", "Watts", "Percent"), each with the factor to its
+// quantity's base unit.
 struct UnitRule {
-  const char* units;  // compared ignoring case
   Quantity quantity;
   double scale;
+  const char* units[3];  // compared ignoring case
 };
 constexpr UnitRule kUnitRules[] = {
-    {"Cel", Quantity::Temperature, 1},
-    {"C", Quantity::Temperature, 1},
-    {"Celsius", Quantity::Temperature, 1},
-    {"W", Quantity::Power, 1},
-    {"Watts", Quantity::Power, 1},
-    {"kW", Quantity::Power, 1e3},
-    {"mW", Quantity::Power, 1e-3},
-    {"V", Quantity::Voltage, 1},
-    {"Volts", Quantity::Voltage, 1},
-    {"mV", Quantity::Voltage, 1e-3},
-    {"A", Quantity::Current, 1},
-    {"Amps", Quantity::Current, 1},
-    {"Amperes", Quantity::Current, 1},
-    {"mA", Quantity::Current, 1e-3},
-    {"RPM", Quantity::FanSpeed, 1},
-    {"{rev}/min", Quantity::FanSpeed, 1},
-    {"%", Quantity::Ratio, 1e-2},
-    {"Percent", Quantity::Ratio, 1e-2},
-    {"Hz", Quantity::Frequency, 1},
-    {"J", Quantity::Energy, 1},
-    {"kJ", Quantity::Energy, 1e3},
-    {"W.h", Quantity::Energy, 3.6e3},
-    {"Wh", Quantity::Energy, 3.6e3},
-    {"kW.h", Quantity::Energy, 3.6e6},
-    {"kWh", Quantity::Energy, 3.6e6},
-    {"Pa", Quantity::Pressure, 1},
-    {"kPa", Quantity::Pressure, 1e3},
-    {"[ft_i]3/min", Quantity::Airflow, 0.3048 * 0.3048 * 0.3048 / 60},
-    {"CFM", Quantity::Airflow, 0.3048 * 0.3048 * 0.3048 / 60},
-    {"m3/min", Quantity::Airflow, 1.0 / 60},
+    {Quantity::Temperature, 1, {"Cel", "C", "Celsius"}},
+    {Quantity::Power, 1, {"W", "Watts"}},
+    {Quantity::Power, 1e3, {"kW"}},
+    {Quantity::Power, 1e-3, {"mW"}},
+    {Quantity::Voltage, 1, {"V", "Volts"}},
+    {Quantity::Voltage, 1e-3, {"mV"}},
+    {Quantity::Current, 1, {"A", "Amps", "Amperes"}},
+    {Quantity::Current, 1e-3, {"mA"}},
+    {Quantity::FanSpeed, 1, {"RPM", "{rev}/min"}},
+    {Quantity::Ratio, 1e-2, {"%", "Percent"}},
+    {Quantity::Frequency, 1, {"Hz"}},
+    {Quantity::Energy, 1, {"J"}},
+    {Quantity::Energy, 1e3, {"kJ"}},
+    {Quantity::Energy, 3.6e3, {"W.h", "Wh"}},
+    {Quantity::Energy, 3.6e6, {"kW.h", "kWh"}},
+    {Quantity::Pressure, 1, {"Pa"}},
+    {Quantity::Pressure, 1e3, {"kPa"}},
+    {Quantity::Airflow, 0.3048 * 0.3048 * 0.3048 / 60, {"[ft_i]3/min", "CFM"}},
+    {Quantity::Airflow, 1.0 / 60, {"m3/min"}},
 };
+
+bool Spelled(const UnitRule& rule, const std::string& units) {
+  for (const char* spelling : rule.units) {
+    if (spelling != nullptr && strcasecmp(spelling, units.c_str()) == 0) return true;
+  }
+  return false;
+}
 
 }  // namespace
 
 Meaning MeaningOf(const Sensor& sensor) {
   for (const UnitRule& rule : kUnitRules) {
-    if (strcasecmp(rule.units, sensor.units.c_str()) != 0) continue;
+    if (!Spelled(rule, sensor.units)) continue;
     if (rule.quantity != Quantity::Ratio) return {rule.quantity, rule.scale};
     // A percentage says what of by its type or its place.
     if (sensor.type == "Rotational" || sensor.physicalContext == "Fan")
