@@ -1,6 +1,5 @@
 #include "log_metrics.h"
 
-#include <rapidjson/document.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
@@ -9,6 +8,7 @@
 #include <cstdlib>
 
 #include "exposition.h"
+#include "toolkit/json_members.h"
 #include "toolkit/log_document.h"
 
 namespace {
@@ -126,44 +126,39 @@ std::string LogTally::Save() const {
 }
 
 bool LogTally::Load(std::string_view json) {
+  using toolkit::json::Member;
+  using toolkit::json::Value;
   rapidjson::Document d;
-  d.Parse<rapidjson::kParseIterativeFlag>(json.data(), json.size());
-  if (d.HasParseError() || !d.IsObject()) return false;
-  auto cursor = d.FindMember("cursor");
-  auto width = d.FindMember("width");
-  auto severities = d.FindMember("severities");
-  if (cursor == d.MemberEnd() || !cursor->value.IsString() || width == d.MemberEnd() ||
-      !width->value.IsNumber() || width->value.GetDouble() < 1 || severities == d.MemberEnd() ||
-      !severities->value.IsArray() || severities->value.Size() != 3) {
+  if (!toolkit::json::ParseObject(json, d)) return false;
+  const Value* cursor = Member(d, "cursor", rapidjson::kStringType);
+  const std::optional<double> savedWidth = toolkit::json::Number(d, "width");
+  const Value* severities = Member(d, "severities", rapidjson::kArrayType);
+  if (cursor == nullptr || !savedWidth || *savedWidth < 1 || severities == nullptr ||
+      severities->Size() != 3) {
     return false;
   }
   LogTally loaded(window_);
-  const double savedWidth = width->value.GetDouble();
   for (int i = 0; i < 3; ++i) {
-    const rapidjson::Value& s = severities->value[i];
-    auto newest = s.FindMember("newest");
-    auto buckets = s.FindMember("buckets");
-    if (!s.IsObject() || newest == s.MemberEnd() || !newest->value.IsNumber() ||
-        buckets == s.MemberEnd() || !buckets->value.IsArray()) {
-      return false;
-    }
-    loaded.newest_[i] = newest->value.GetDouble();
-    for (const auto& b : buckets->value.GetArray()) {
+    const Value& s = (*severities)[i];
+    if (!s.IsObject()) return false;
+    const std::optional<double> newest = toolkit::json::Number(s, "newest");
+    const Value* buckets = Member(s, "buckets", rapidjson::kArrayType);
+    if (!newest || buckets == nullptr) return false;
+    loaded.newest_[i] = *newest;
+    for (const auto& b : buckets->GetArray()) {
       if (!b.IsArray() || b.Size() != 2 || !b[0].IsInt64() || !b[1].IsUint()) return false;
       // A window changed since: the counts keep their times.
-      const double start = static_cast<double>(b[0].GetInt64()) * savedWidth;
+      const double start = static_cast<double>(b[0].GetInt64()) * *savedWidth;
       loaded.buckets_[i][loaded.Bucket(start)] += b[1].GetUint();
     }
   }
-  auto present = d.FindMember("present");
+  loaded.present_ = toolkit::json::Flag(d, "present");
   auto failures = d.FindMember("failures");
-  auto fill = d.FindMember("fill");
-  loaded.present_ = present != d.MemberEnd() && present->value.IsBool() && present->value.GetBool();
   if (failures != d.MemberEnd() && failures->value.IsUint64()) {
     loaded.failures_ = failures->value.GetUint64();
   }
-  if (fill != d.MemberEnd() && fill->value.IsNumber()) loaded.fill_ = fill->value.GetDouble();
-  loaded.cursor_.assign(cursor->value.GetString(), cursor->value.GetStringLength());
+  loaded.fill_ = toolkit::json::Number(d, "fill");
+  loaded.cursor_.assign(cursor->GetString(), cursor->GetStringLength());
   *this = std::move(loaded);
   return true;
 }
