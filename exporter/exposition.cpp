@@ -57,6 +57,13 @@ void Header(std::string& out, const char* name, const char* help, const char* ty
   out.append("# TYPE ").append(name).append(" ").append(type).append("\n");
 }
 
+void WriteMetric(std::string& out, const char* name, const char* help, const char* type,
+                 const std::string& samples) {
+  if (samples.empty()) return;
+  Header(out, name, help, type);
+  out += samples;
+}
+
 void Sample(std::string& out, const char* name, const std::string& labels, double value) {
   out.append(name);
   if (!labels.empty()) out.append("{").append(labels).append("}");

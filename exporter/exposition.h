@@ -28,3 +28,6 @@ std::string SampleValue(double value);
 void Header(std::string& out, const char* name, const char* help, const char* type);
 void Sample(std::string& out, const char* name, const std::string& labels, double value);
 std::string Label(const char* name, const std::string& value);
+// A metric's HELP and TYPE lines and its samples; nothing when it has none.
+void WriteMetric(std::string& out, const char* name, const char* help, const char* type,
+                 const std::string& samples);

@@ -79,20 +79,14 @@ void RenderHealth(std::string& out, const toolkit::Health& h, double now) {
       Sample(rollup, "bmcredfish_component_health_rollup", labels, Value(p->healthRollup));
     }
   }
-  if (!health.empty()) {
-    Header(out, "bmcredfish_component_health",
-           "A system's, chassis' or part's own health as the BMC reports it (0 OK, 1 Warning, "
-           "2 Critical, NaN none given); absent parts are left out.",
-           "gauge");
-    out += health;
-  }
-  if (!rollup.empty()) {
-    Header(out, "bmcredfish_component_health_rollup",
-           "A system's or chassis' HealthRollup as the BMC reports it (0 OK, 1 Warning, "
-           "2 Critical, NaN left empty).",
-           "gauge");
-    out += rollup;
-  }
+  WriteMetric(out, "bmcredfish_component_health",
+              "A system's, chassis' or part's own health as the BMC reports it (0 OK, 1 Warning, "
+              "2 Critical, NaN none given); absent parts are left out.",
+              "gauge", health);
+  WriteMetric(out, "bmcredfish_component_health_rollup",
+              "A system's or chassis' HealthRollup as the BMC reports it (0 OK, 1 Warning, "
+              "2 Critical, NaN left empty).",
+              "gauge", rollup);
   Header(out, "bmcredfish_components_dropped",
          "Parts of a kind past the exporter's 256 series a kind, not exported.", "gauge");
   for (const auto& k : kKinds) {
@@ -117,11 +111,8 @@ void RenderHealth(std::string& out, const toolkit::Health& h, double now) {
       Sample(firmware, "bmcredfish_firmware_info", labels, 1);
     }
   }
-  if (!firmware.empty()) {
-    Header(out, "bmcredfish_firmware_info",
-           "Firmware versions: the BMC's, each system's BIOS and the BMC's firmware inventory; "
-           "always 1.",
-           "gauge");
-    out += firmware;
-  }
+  WriteMetric(out, "bmcredfish_firmware_info",
+              "Firmware versions: the BMC's, each system's BIOS and the BMC's firmware inventory; "
+              "always 1.",
+              "gauge", firmware);
 }

@@ -69,8 +69,7 @@ void Add(Metric& m, const std::string& labels, double value) {
 }
 
 void Write(std::string& out, const Metric& m) {
-  if (m.samples.empty()) return;
-  out += "# HELP " + m.name + " " + m.help + "\n# TYPE " + m.name + " " + m.type + "\n" + m.samples;
+  WriteMetric(out, m.name.c_str(), m.help.c_str(), m.type, m.samples);
 }
 
 double ValueOf(const std::optional<double>& v, double scale) {
