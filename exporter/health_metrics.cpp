@@ -1,7 +1,9 @@
 #include "health_metrics.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
+#include <iterator>
 #include <map>
 #include <set>
 #include <vector>
@@ -10,29 +12,21 @@
 
 namespace {
 
-// The kinds as label values, in the order the library lists them.
-constexpr struct {
-  const char* kind;
-  const char* label;
-} kKinds[] = {
-    {"System", "system"},
-    {"Chassis", "chassis"},
-    {"Manager", "manager"},
-    {"PowerSupply", "power_supply"},
-    {"Fan", "fan"},
-    {"Memory", "memory"},
-    {"Processor", "processor"},
-    {"StorageController", "storage_controller"},
-    {"Drive", "drive"},
-    {"Volume", "volume"},
-    {"NetworkAdapter", "network_adapter"},
-};
+// The kinds exported, in the order the library lists them.
+constexpr const char* kKinds[] = {"System", "Chassis", "Manager",       "PowerSupply",
+                                  "Fan",    "Memory",  "Processor",     "StorageController",
+                                  "Drive",  "Volume",  "NetworkAdapter"};
 
-const char* KindLabel(const std::string& kind) {
-  for (const auto& k : kKinds) {
-    if (kind == k.kind) return k.label;
+// A kind as its label value, in snake case ("PowerSupply" is "power_supply");
+// "" for a kind not exported.
+std::string KindLabel(const std::string& kind) {
+  if (std::find(std::begin(kKinds), std::end(kKinds), kind) == std::end(kKinds)) return "";
+  std::string label;
+  for (const char c : kind) {
+    if (std::isupper(static_cast<unsigned char>(c)) && !label.empty()) label += '_';
+    label += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
   }
-  return nullptr;
+  return label;
 }
 
 double Value(const std::string& health) {
@@ -62,8 +56,8 @@ void RenderHealth(std::string& out, const toolkit::Health& h, double now) {
   std::map<std::pair<std::string, std::string>, size_t> ids;
   for (const toolkit::HealthPart* p : all) ++ids[{p->kind, p->id}];
   for (const toolkit::HealthPart* p : all) {
-    const char* kind = KindLabel(p->kind);
-    if (kind == nullptr || p->state == "Absent") continue;
+    const std::string kind = KindLabel(p->kind);
+    if (kind.empty() || p->state == "Absent") continue;
     const std::string id =
         ids[{p->kind, p->id}] > 1 && !p->parent.empty() ? p->parent + "/" + p->id : p->id;
     const std::string labels =
@@ -89,9 +83,10 @@ void RenderHealth(std::string& out, const toolkit::Health& h, double now) {
               "gauge", rollup);
   Header(out, "bmcredfish_components_dropped",
          "Parts of a kind past the exporter's 256 series a kind, not exported.", "gauge");
-  for (const auto& k : kKinds) {
-    Sample(out, "bmcredfish_components_dropped", Label("kind", k.label),
-           static_cast<double>(dropped[k.label]));
+  for (const char* k : kKinds) {
+    const std::string kind = KindLabel(k);
+    Sample(out, "bmcredfish_components_dropped", Label("kind", kind),
+           static_cast<double>(dropped[kind]));
   }
   Header(out, "bmcredfish_components_unread",
          "Members the library left unread: it follows at most 4096 a read.", "gauge");
