@@ -11,42 +11,35 @@ namespace {
 using toolkit::Quantity;
 
 struct Family {
-  Quantity quantity;
   const char* stem;  // the metric is <stem>_<unit>, a threshold <stem>_<kind>_<unit>
   const char* unit;
   const char* what;  // for the help texts
   bool counter;
 };
 
-// In toolkit::Quantity order. Readings in units without a mapping go to
+// Indexed by toolkit::Quantity. Readings in units without a mapping go to
 // bmcredfish_sensor_reading with the BMC's units in a label, so that no
 // reading is lost and no metric mixes units silently.
 constexpr Family kFamilies[] = {
-    {Quantity::Temperature, "bmcredfish_sensor_temperature", "celsius",
-     "Temperature sensor reading in degrees Celsius", false},
-    {Quantity::Power, "bmcredfish_sensor_power", "watts", "Power sensor reading in watts", false},
-    {Quantity::Voltage, "bmcredfish_sensor_voltage", "volts", "Voltage sensor reading in volts",
+    {"bmcredfish_sensor_temperature", "celsius", "Temperature sensor reading in degrees Celsius",
      false},
-    {Quantity::Current, "bmcredfish_sensor_current", "amperes", "Current sensor reading in amperes",
+    {"bmcredfish_sensor_power", "watts", "Power sensor reading in watts", false},
+    {"bmcredfish_sensor_voltage", "volts", "Voltage sensor reading in volts", false},
+    {"bmcredfish_sensor_current", "amperes", "Current sensor reading in amperes", false},
+    {"bmcredfish_sensor_fan_speed", "rpm", "Fan speed in revolutions per minute", false},
+    {"bmcredfish_sensor_fan_duty", "ratio", "Fan speed as a ratio of the fan's maximum (0 to 1)",
      false},
-    {Quantity::FanSpeed, "bmcredfish_sensor_fan_speed", "rpm",
-     "Fan speed in revolutions per minute", false},
-    {Quantity::FanDuty, "bmcredfish_sensor_fan_duty", "ratio",
-     "Fan speed as a ratio of the fan's maximum (0 to 1)", false},
-    {Quantity::Humidity, "bmcredfish_sensor_humidity", "ratio", "Relative humidity (0 to 1)",
-     false},
-    {Quantity::Ratio, "bmcredfish_sensor", "ratio",
+    {"bmcredfish_sensor_humidity", "ratio", "Relative humidity (0 to 1)", false},
+    {"bmcredfish_sensor", "ratio",
      "Other percentage reading as a ratio (load, utilisation; 0 to 1)", false},
-    {Quantity::Frequency, "bmcredfish_sensor_frequency", "hertz",
-     "Frequency sensor reading in hertz", false},
-    {Quantity::Energy, "bmcredfish_sensor_energy", "joules",
-     "Energy the sensor has counted, in joules", true},
-    {Quantity::Pressure, "bmcredfish_sensor_pressure", "pascals",
-     "Pressure sensor reading in pascals", false},
-    {Quantity::Airflow, "bmcredfish_sensor_airflow", "cubic_meters_per_second",
-     "Air flow in cubic metres per second", false},
+    {"bmcredfish_sensor_frequency", "hertz", "Frequency sensor reading in hertz", false},
+    {"bmcredfish_sensor_energy", "joules", "Energy the sensor has counted, in joules", true},
+    {"bmcredfish_sensor_pressure", "pascals", "Pressure sensor reading in pascals", false},
+    {"bmcredfish_sensor_airflow", "cubic_meters_per_second", "Air flow in cubic metres per second",
+     false},
 };
 constexpr int kFamilyCount = sizeof kFamilies / sizeof kFamilies[0];
+static_assert(kFamilyCount == static_cast<int>(Quantity::Other), "a family for each quantity");
 
 // The thresholds in toolkit order (UpperCaution ... LowerFatal), by the names
 // hwmon gives them.
