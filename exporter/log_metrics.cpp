@@ -16,11 +16,6 @@ namespace {
 constexpr int kBucketsPerWindow = 1440;
 constexpr const char* kSeverities[] = {"OK", "Warning", "Critical"};
 
-void Metric(std::string& out, const char* name, const char* help, const char* type) {
-  out.append("# HELP ").append(name).append(" ").append(help).append("\n");
-  out.append("# TYPE ").append(name).append(" ").append(type).append("\n");
-}
-
 void Sample(std::string& out, const char* name, const char* severity, double value) {
   out.append(name);
   if (severity != nullptr) out.append("{severity=\"").append(severity).append("\"}");
@@ -165,22 +160,22 @@ bool LogTally::Load(std::string_view json) {
 
 std::string RenderLogSeries(const LogSeries& s) {
   std::string out;
-  Metric(out, "bmcredfish_log_read_failures_total", "Event log reads that failed.", "counter");
+  Header(out, "bmcredfish_log_read_failures_total", "Event log reads that failed.", "counter");
   Sample(out, "bmcredfish_log_read_failures_total", nullptr, static_cast<double>(s.failures));
   if (!s.present) return out;
-  Metric(out, "bmcredfish_log_entries",
+  Header(out, "bmcredfish_log_entries",
          "Event log entries within the window (--log-window) by severity; resolved entries, "
          "deassertions and log-cleared marks are not counted.",
          "gauge");
   for (int i = 0; i < 3; ++i) Sample(out, "bmcredfish_log_entries", kSeverities[i], s.entries[i]);
-  Metric(out, "bmcredfish_log_newest_entry_timestamp_seconds",
+  Header(out, "bmcredfish_log_newest_entry_timestamp_seconds",
          "Unix time of the newest counted event log entry of each severity (0: none seen).",
          "gauge");
   for (int i = 0; i < 3; ++i) {
     Sample(out, "bmcredfish_log_newest_entry_timestamp_seconds", kSeverities[i], s.newest[i]);
   }
   if (s.fill) {
-    Metric(out, "bmcredfish_log_fill_ratio",
+    Header(out, "bmcredfish_log_fill_ratio",
            "Entries the event log holds over the most it can hold, as the BMC says them.", "gauge");
     Sample(out, "bmcredfish_log_fill_ratio", nullptr, *s.fill);
   }
