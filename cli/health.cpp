@@ -1,9 +1,9 @@
 #include "health.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <vector>
 
+#include "formatted.h"
 #include "toolkit/bmc_text.h"
 
 namespace {
@@ -35,15 +35,9 @@ std::string Table(const std::vector<Row>& rows) {
 std::string Age(double at, double now) {
   if (at <= 0) return "never";
   const double seconds = std::max(0.0, now - at);
-  char text[32];
-  if (seconds < 90) {
-    std::snprintf(text, sizeof text, "%.0f s ago", seconds);
-  } else if (seconds < 5400) {
-    std::snprintf(text, sizeof text, "%.0f min ago", seconds / 60);
-  } else {
-    std::snprintf(text, sizeof text, "%.1f h ago", seconds / 3600);
-  }
-  return text;
+  if (seconds < 90) return Formatted("%.0f s ago", seconds);
+  if (seconds < 5400) return Formatted("%.0f min ago", seconds / 60);
+  return Formatted("%.1f h ago", seconds / 3600);
 }
 
 Row PartRow(const toolkit::HealthPart& p) {

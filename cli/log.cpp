@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "bmcredfish.h"
+#include "formatted.h"
 #include "toolkit/bmc_text.h"
 
 namespace {
@@ -22,10 +23,7 @@ std::string Utc(double seconds) {
 }
 
 std::string Number(const std::optional<double>& value) {
-  if (!value) return "null";
-  char text[32];
-  std::snprintf(text, sizeof text, "%.0f", *value);
-  return text;
+  return value ? Formatted("%.0f", *value) : "null";
 }
 
 std::string Describe(const toolkit::LogDocument& d) {

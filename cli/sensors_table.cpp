@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <vector>
 
+#include "formatted.h"
 #include "toolkit/bmc_text.h"
 
 namespace {
@@ -17,10 +17,7 @@ std::string OrDash(const std::string& text) {
 }
 
 std::string Number(const std::optional<double>& value) {
-  if (!value) return "";
-  char text[32];
-  std::snprintf(text, sizeof text, "%.6g", *value);
-  return text;
+  return value ? Formatted("%.6g", *value) : "";
 }
 
 // "3..99", "..42", "480..": the critical thresholds the BMC gives.
