@@ -5,13 +5,13 @@ or Power. Resource shapes follow DMTF's public mockups and a captured OpenBMC
 tree; the sensor count is a parameter so that large BMCs cost nothing to make.
 """
 
-ROOT = "/redfish/v1"
-SYSTEM = ROOT + "/Systems/system"
-MANAGER = ROOT + "/Managers/bmc"
-CHASSIS = ROOT + "/Chassis/chassis"
+from . import model
+from .model import ROOT
+
+SYSTEM = model.SYSTEMS + "/system"
+MANAGER = model.MANAGERS + "/bmc"
+CHASSIS = model.CHASSIS + "/chassis"
 SENSORS = CHASSIS + "/Sensors"
-THERMAL = CHASSIS + "/ThermalSubsystem"
-POWER = CHASSIS + "/PowerSubsystem"
 MAKER = "Contoso"
 PSU_COUNT = 2
 LOG_ENTRIES = 5
@@ -104,25 +104,25 @@ def build(sensor_count):
         "@odata.id": ROOT, "@odata.type": "#ServiceRoot.v1_15_0.ServiceRoot", "Id": "RootService",
         "Name": "Root Service", "RedfishVersion": "1.17.0", "UUID": "6f1c2b7a-3d4e-4f5a-9b8c-0d1e2f3a4b5c",
         "ProtocolFeaturesSupported": PROTOCOL_FEATURES,
-        "Systems": link(ROOT + "/Systems"), "Chassis": link(ROOT + "/Chassis"),
-        "Managers": link(ROOT + "/Managers"), "SessionService": link(ROOT + "/SessionService"),
-        "Links": {"ManagerProvidingService": link(MANAGER), "Sessions": link(ROOT + "/SessionService/Sessions")},
+        "Systems": link(model.SYSTEMS), "Chassis": link(model.CHASSIS),
+        "Managers": link(model.MANAGERS), "SessionService": link(model.SESSION_SERVICE),
+        "Links": {"ManagerProvidingService": link(MANAGER), "Sessions": link(model.SESSIONS)},
     }
 
-    res[ROOT + "/Systems"] = collection(ROOT + "/Systems", "ComputerSystemCollection",
-                                        "Computer System Collection", [SYSTEM])
+    res[model.SYSTEMS] = collection(model.SYSTEMS, "ComputerSystemCollection",
+                                    "Computer System Collection", [SYSTEM])
     res[SYSTEM] = {
         "@odata.id": SYSTEM, "@odata.type": "#ComputerSystem.v1_20_0.ComputerSystem", "Id": "system",
         "Name": "system", "SystemType": "Physical", "Manufacturer": MAKER, "Model": "CS-3100",
         "SerialNumber": "CS3100-0042", "UUID": "0a1b2c3d-4e5f-4a6b-8c7d-9e0f1a2b3c4d", "PowerState": "On",
         "BiosVersion": "2.4.1", "Status": dict(OK, HealthRollup="OK"),
-        "Actions": {"#ComputerSystem.Reset": {"target": SYSTEM + "/Actions/ComputerSystem.Reset",
-                                              "@Redfish.ActionInfo": SYSTEM + "/ResetActionInfo"}},
+        "Actions": {"#ComputerSystem.Reset": {"target": SYSTEM + model.RESET_SUFFIX,
+                                              "@Redfish.ActionInfo": SYSTEM + model.ACTION_INFO_SUFFIX}},
         "LogServices": link(SYSTEM + "/LogServices"),
         "Links": {"Chassis": [link(CHASSIS)], "ManagedBy": [link(MANAGER)]},
     }
-    res[SYSTEM + "/ResetActionInfo"] = {
-        "@odata.id": SYSTEM + "/ResetActionInfo", "@odata.type": "#ActionInfo.v1_1_2.ActionInfo",
+    res[SYSTEM + model.ACTION_INFO_SUFFIX] = {
+        "@odata.id": SYSTEM + model.ACTION_INFO_SUFFIX, "@odata.type": "#ActionInfo.v1_1_2.ActionInfo",
         "Id": "ResetActionInfo", "Name": "Reset Action Info",
         "Parameters": [{"AllowableValues": RESET_TYPES, "DataType": "String", "Name": "ResetType",
                         "Required": True}],
@@ -148,7 +148,7 @@ def build(sensor_count):
         "Members@odata.count": LOG_ENTRIES,
     }
 
-    res[ROOT + "/Managers"] = collection(ROOT + "/Managers", "ManagerCollection", "Manager Collection", [MANAGER])
+    res[model.MANAGERS] = collection(model.MANAGERS, "ManagerCollection", "Manager Collection", [MANAGER])
     nics = MANAGER + "/EthernetInterfaces"
     res[MANAGER] = {
         "@odata.id": MANAGER, "@odata.type": "#Manager.v1_14_0.Manager", "Id": "bmc", "Name": "OpenBmc Manager",
@@ -170,22 +170,24 @@ def build(sensor_count):
         "Status": dict(OK),
     }
 
-    res[ROOT + "/Chassis"] = collection(ROOT + "/Chassis", "ChassisCollection", "Chassis Collection", [CHASSIS])
+    thermal = CHASSIS + "/ThermalSubsystem"
+    power = CHASSIS + "/PowerSubsystem"
+    res[model.CHASSIS] = collection(model.CHASSIS, "ChassisCollection", "Chassis Collection", [CHASSIS])
     res[CHASSIS] = {
         "@odata.id": CHASSIS, "@odata.type": "#Chassis.v1_22_0.Chassis", "Id": "chassis", "Name": "chassis",
         "ChassisType": "RackMount", "Manufacturer": MAKER, "Model": "CS-3100", "SerialNumber": "CS3100-0042",
         "PartNumber": "CS-3100-A", "PowerState": "On", "Status": dict(OK, HealthRollup="OK"),
-        "Sensors": link(SENSORS), "ThermalSubsystem": link(THERMAL), "PowerSubsystem": link(POWER),
+        "Sensors": link(SENSORS), "ThermalSubsystem": link(thermal), "PowerSubsystem": link(power),
         "EnvironmentMetrics": link(CHASSIS + "/EnvironmentMetrics"),
         "Links": {"ComputerSystems": [link(SYSTEM)], "ManagedBy": [link(MANAGER)]},
     }
 
     # ThermalSubsystem: one fan per tachometer, every temperature in ThermalMetrics.
-    fans = THERMAL + "/Fans"
-    res[THERMAL] = {
-        "@odata.id": THERMAL, "@odata.type": "#ThermalSubsystem.v1_0_0.ThermalSubsystem",
+    fans = thermal + "/Fans"
+    res[thermal] = {
+        "@odata.id": thermal, "@odata.type": "#ThermalSubsystem.v1_0_0.ThermalSubsystem",
         "Id": "ThermalSubsystem", "Name": "Thermal Subsystem", "Status": dict(OK, HealthRollup="OK"),
-        "Fans": link(fans), "ThermalMetrics": link(THERMAL + "/ThermalMetrics"),
+        "Fans": link(fans), "ThermalMetrics": link(thermal + "/ThermalMetrics"),
     }
     fan_paths = []
     pwm = by_kind.get(PWM, [])
@@ -199,17 +201,17 @@ def build(sensor_count):
             "SpeedPercent": {"DataSourceUri": tach["@odata.id"], "Reading": percent, "SpeedRPM": tach["Reading"]},
         }
     res[fans] = collection(fans, "FanCollection", "Fan Collection", fan_paths)
-    res[THERMAL + "/ThermalMetrics"] = {
-        "@odata.id": THERMAL + "/ThermalMetrics", "@odata.type": "#ThermalMetrics.v1_0_1.ThermalMetrics",
+    res[thermal + "/ThermalMetrics"] = {
+        "@odata.id": thermal + "/ThermalMetrics", "@odata.type": "#ThermalMetrics.v1_0_1.ThermalMetrics",
         "Id": "ThermalMetrics", "Name": "Thermal Metrics",
         "TemperatureReadingsCelsius": [excerpt(t, DeviceName=t["Name"]) for t in temps],
         "TemperatureReadingsCelsius@odata.count": len(temps),
     }
 
     # PowerSubsystem: each supply's Metrics point at its own sensors where they exist.
-    psus = POWER + "/PowerSupplies"
-    res[POWER] = {
-        "@odata.id": POWER, "@odata.type": "#PowerSubsystem.v1_1_0.PowerSubsystem", "Id": "PowerSubsystem",
+    psus = power + "/PowerSupplies"
+    res[power] = {
+        "@odata.id": power, "@odata.type": "#PowerSubsystem.v1_1_0.PowerSubsystem", "Id": "PowerSubsystem",
         "Name": "Power Subsystem", "CapacityWatts": 2000 * PSU_COUNT, "Status": dict(OK),
         "PowerSupplies": link(psus),
     }
