@@ -18,9 +18,8 @@ whose part a tree lacks is refused."""
 import copy
 import threading
 
-from .model import Resource
+from .model import ROOT, Resource, link_path
 
-ROOT = "/redfish/v1"
 FAULTS = ("power-supply", "fan", "memory", "drive", "processor")
 # The Redfish kind each fault hits, the health it leaves and the maker's
 # aggregate (Oem/Hpe/AggregateHealthStatus) that rolls it up.
@@ -39,13 +38,6 @@ class HealthError(ValueError):
 
 def _norm(path):
     return path.split("#", 1)[0].rstrip("/") or "/"
-
-
-def _link(body, key):
-    value = body.get(key) if isinstance(body, dict) else None
-    if isinstance(value, dict) and isinstance(value.get("@odata.id"), str):
-        return _norm(value["@odata.id"])
-    return None
 
 
 def _present(body):
@@ -92,8 +84,8 @@ class Health:
         self._managers = set(self._members(ROOT + "/Managers"))
         # The inventory's entries for the BMC's own firmware change with it.
         versions = {(self._raw(m) or {}).get("FirmwareVersion") for m in self._managers}
-        service = self._raw(_link(self._raw(ROOT) or {}, "UpdateService"))
-        self._bmc_entries = {p for p in self._members(_link(service or {}, "FirmwareInventory"))
+        service = self._raw(link_path(self._raw(ROOT) or {}, "UpdateService"))
+        self._bmc_entries = {p for p in self._members(link_path(service or {}, "FirmwareInventory"))
                              if (self._raw(p) or {}).get("Version") in versions - {None}}
 
     # -- what the model serves, before any fault ----------------------------
@@ -134,16 +126,16 @@ class Health:
                                  if isinstance(c, dict) and "@odata.id" in c]
             if not found.get("processor"):
                 # A CPU where the BMC also lists GPUs as processors.
-                found["processor"] = (self._first("processor", _link(body, "Processors"), owners, ident,
+                found["processor"] = (self._first("processor", link_path(body, "Processors"), owners, ident,
                                                   lambda b: _present(b) and b.get("ProcessorType") == "CPU")
-                                      or self._first("processor", _link(body, "Processors"), owners, ident))
+                                      or self._first("processor", link_path(body, "Processors"), owners, ident))
             if not found.get("memory"):
-                found["memory"] = self._first("memory", _link(body, "Memory"), owners, ident)
-            for storage in self._members(_link(body, "Storage")):
+                found["memory"] = self._first("memory", link_path(body, "Memory"), owners, ident)
+            for storage in self._members(link_path(body, "Storage")):
                 if found.get("drive"):
                     break
                 sbody = self._raw(storage) or {}
-                controllers = [self._raw(c) or {} for c in self._members(_link(sbody, "Controllers"))]
+                controllers = [self._raw(c) or {} for c in self._members(link_path(sbody, "Controllers"))]
                 controllers += [c for c in sbody.get("StorageControllers") or [] if isinstance(c, dict)]
                 if not all(_ok(c) for c in controllers) or not _ok(sbody):
                     continue
@@ -165,11 +157,11 @@ class Health:
                     ("fan", "ThermalSubsystem", "Fans", "Thermal", "Fans")):
                 if found.get(fault):
                     continue
-                subsystem = _link(body, sub)
+                subsystem = link_path(body, sub)
                 if subsystem:
                     found[fault] = self._first(fault, subsystem + "/" + coll, owners, ident)
-                if not found.get(fault) and _link(body, legacy):
-                    found[fault] = self._first_entry(fault, _link(body, legacy), array, owners, ident)
+                if not found.get(fault) and link_path(body, legacy):
+                    found[fault] = self._first_entry(fault, link_path(body, legacy), array, owners, ident)
         return {k: v for k, v in found.items() if v is not None}
 
     # -- control ------------------------------------------------------------

@@ -83,6 +83,15 @@ def odata_context(odata_type):
     return "%s/$metadata#%s.%s" % (ROOT, parts[0], parts[-1])
 
 
+def link_path(body, key):
+    """The path body's member key links to: its @odata.id without a fragment
+    or a trailing slash; None when body has no such link."""
+    value = body.get(key) if isinstance(body, dict) else None
+    if isinstance(value, dict) and isinstance(value.get("@odata.id"), str):
+        return value["@odata.id"].split("#", 1)[0].rstrip("/") or "/"
+    return None
+
+
 def mac_plus(mac, offset, upper):
     value = (int(mac.replace(":", "").replace("-", ""), 16) + offset) & 0xFFFFFFFFFFFF
     digits = "%012x" % value

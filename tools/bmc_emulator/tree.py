@@ -14,7 +14,7 @@ import os
 from pathlib import Path
 
 from . import model as modellib, query as querylib, synthetic
-from .model import ROOT, SESSIONS, SESSION_SERVICE, Resource, ServiceState
+from .model import ROOT, SESSIONS, SESSION_SERVICE, Resource, ServiceState, link_path
 
 TREE_DIR = Path(__file__).resolve().parent / "trees"
 # Captured error answers lost their status; these codes meant "not there".
@@ -91,13 +91,6 @@ def _members(body):
             if isinstance(m, dict) and isinstance(m.get("@odata.id"), str)]
 
 
-def _link(body, key):
-    value = body.get(key) if isinstance(body, dict) else None
-    if isinstance(value, dict) and isinstance(value.get("@odata.id"), str):
-        return _norm(value["@odata.id"])
-    return None
-
-
 class TreeModel(ServiceState):
     is_tree = True
     event_log = None
@@ -132,7 +125,7 @@ class TreeModel(ServiceState):
         self.counts = {
             "systems": len(self.system_paths), "managers": len(managers), "chassis": len(self.chassis),
             "sensors": sum(len(_members(self.body(c + "/Sensors"))) for c in self.chassis_paths),
-            "nics": sum(len(_members(self.body(_link(self.body(m), "EthernetInterfaces") or "")))
+            "nics": sum(len(_members(self.body(link_path(self.body(m), "EthernetInterfaces") or "")))
                         for m in managers),
             "resources": len(bodies)}
 
@@ -169,7 +162,7 @@ class TreeModel(ServiceState):
             body = self.body(path)
             if body is None:
                 continue
-            if _link(body, "Sensors"):
+            if link_path(body, "Sensors"):
                 self.chassis_paths.add(path)
             # A chassis' power follows the first system it holds.
             linked = (body.get("Links") or {}).get("ComputerSystems") or []
