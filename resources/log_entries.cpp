@@ -208,27 +208,13 @@ std::string BoundedText(std::string_view text, size_t limit) {
 }
 
 const char* SeverityName(LogSeverity severity) {
-  switch (severity) {
-    case LogSeverity::Warning:
-      return "Warning";
-    case LogSeverity::Critical:
-      return "Critical";
-    case LogSeverity::Ok:
-      break;
-  }
-  return "OK";
+  static constexpr const char* kNames[] = {"OK", "Warning", "Critical"};
+  return kNames[static_cast<size_t>(severity)];
 }
 
 const char* OrderName(LogOrder order) {
-  switch (order) {
-    case LogOrder::OldestFirst:
-      return "OldestFirst";
-    case LogOrder::NewestFirst:
-      return "NewestFirst";
-    case LogOrder::Unknown:
-      break;
-  }
-  return "Unknown";
+  static constexpr const char* kNames[] = {"Unknown", "OldestFirst", "NewestFirst"};
+  return kNames[static_cast<size_t>(order)];
 }
 
 std::optional<int64_t> ParseRedfishTime(std::string_view t) {

@@ -225,25 +225,18 @@ void PartWalk::Members(const Job& job, const Value& collection, Role memberRole,
 }
 
 void PartWalk::Handle(const Job& job, const Value& body, Found& found, std::vector<Job>& next) {
+  // A collection's members, and the role each has.
+  static constexpr std::pair<Role, Role> kCollections[] = {
+      {Role::Systems, Role::System},   {Role::Chassis, Role::ChassisBody},
+      {Role::Managers, Role::Manager}, {Role::Inventory, Role::Firmware},
+      {Role::Storages, Role::Storage}, {Role::Parts, Role::Part}};
+  for (const auto& [collection, member] : kCollections) {
+    if (job.role == collection) {
+      Members(job, body, member, found, next);
+      return;
+    }
+  }
   switch (job.role) {
-    case Role::Systems:
-      Members(job, body, Role::System, found, next);
-      return;
-    case Role::Chassis:
-      Members(job, body, Role::ChassisBody, found, next);
-      return;
-    case Role::Managers:
-      Members(job, body, Role::Manager, found, next);
-      return;
-    case Role::Inventory:
-      Members(job, body, Role::Firmware, found, next);
-      return;
-    case Role::Storages:
-      Members(job, body, Role::Storage, found, next);
-      return;
-    case Role::Parts:
-      Members(job, body, Role::Part, found, next);
-      return;
     case Role::System: {
       const std::string id = IdOf(body, job.path);
       Queue(next, {LinkOf(body, "Processors"), Role::Parts, PartKind::Processor, id, nullptr, 0});
@@ -324,6 +317,8 @@ void PartWalk::Handle(const Job& job, const Value& body, Found& found, std::vect
         found.firmware->push_back({"Inventory", entry.id, entry.name,
                                    JsonText(body, "Version", kMaxText), entry.odataId});
       }
+      return;
+    default:  // a collection, above
       return;
   }
 }

@@ -35,40 +35,21 @@ bool Deprecated(SourceKind kind) {
   return kind == SourceKind::Thermal || kind == SourceKind::Power;
 }
 
+// The newer model that makes a deprecated reading redundant, by Replaced.
+constexpr bool NewerModels::*kReplacedBy[] = {nullptr, &NewerModels::temperatures,
+                                              &NewerModels::fans, &NewerModels::powerSupplies,
+                                              &NewerModels::chassisPower};
+
 bool ReplacedByNewer(Replaced replaced, const NewerModels& newer) {
-  switch (replaced) {
-    case Replaced::Temperatures:
-      return newer.temperatures;
-    case Replaced::Fans:
-      return newer.fans;
-    case Replaced::PowerSupplies:
-      return newer.powerSupplies;
-    case Replaced::PowerControl:
-      return newer.chassisPower;
-    case Replaced::None:
-      break;
-  }
-  return false;
+  bool NewerModels::*by = kReplacedBy[static_cast<size_t>(replaced)];
+  return by != nullptr && newer.*by;
 }
 
-const char* ResourceName(SourceKind kind) {
-  switch (kind) {
-    case SourceKind::Sensor:
-      return "Sensors";
-    case SourceKind::ThermalMetrics:
-    case SourceKind::Fan:
-      return "ThermalSubsystem";
-    case SourceKind::PowerSupplyMetrics:
-      return "PowerSubsystem";
-    case SourceKind::EnvironmentMetrics:
-      return "EnvironmentMetrics";
-    case SourceKind::Thermal:
-      return "Thermal";
-    case SourceKind::Power:
-      return "Power";
-  }
-  return "";
-}
+// The resource a source is of, by SourceKind.
+constexpr const char* kResourceNames[] = {
+    "Sensors",        "ThermalSubsystem",   "ThermalSubsystem",
+    "PowerSubsystem", "EnvironmentMetrics", "Thermal",
+    "Power"};
 
 // A figure in watts or joules from a reading in the units it came in; none
 // for units that are not of that quantity.
@@ -144,7 +125,7 @@ class Merger {
 
   void NoteSource(size_t chassis, SourceKind kind) {
     std::vector<std::string>& sources = out_[chassis].sources;
-    const std::string name = ResourceName(kind);
+    const std::string name = kResourceNames[static_cast<size_t>(kind)];
     if (std::find(sources.begin(), sources.end(), name) == sources.end()) sources.push_back(name);
   }
 
