@@ -118,15 +118,21 @@ constexpr Property kThermalMetrics[] = {
 };
 constexpr const char* kSummaries[] = {"Internal", "Intake", "Exhaust", "Ambient"};
 
+// What EnvironmentMetrics and PowerSupplyMetrics both have.
+constexpr Property kTemperature{"TemperatureCelsius", "Cel", "Temperature",
+                                "temperature",        false, false};
+constexpr Property kEnergykWh{"EnergykWh", "kW.h", "EnergykWh", "energy", false, false};
+constexpr Property kFanSpeeds{"FanSpeedsPercent", "%", "Percent", "fan speed", true, true};
+
 constexpr Property kEnvironmentMetrics[] = {
-    {"TemperatureCelsius", "Cel", "Temperature", "temperature", false, false},
+    kTemperature,
     {"HumidityPercent", "%", "Humidity", "humidity", false, false},
     {"DewPointCelsius", "Cel", "Temperature", "dew point", false, false},
     {"AbsoluteHumidity", "g/m3", "AbsoluteHumidity", "absolute humidity", false, false},
     {"PowerWatts", "W", "Power", "power", false, false},
     {"EnergyJoules", "J", "EnergyJoules", "energy", false, false},
-    {"EnergykWh", "kW.h", "EnergykWh", "energy", false, false},
-    {"FanSpeedsPercent", "%", "Percent", "fan speed", true, true},
+    kEnergykWh,
+    kFanSpeeds,
 };
 
 constexpr Property kPowerSupplyMetrics[] = {
@@ -134,11 +140,11 @@ constexpr Property kPowerSupplyMetrics[] = {
     {"InputCurrentAmps", "A", "Current", "input current", false, false},
     {"InputPowerWatts", "W", "Power", "input power", false, false},
     {"OutputPowerWatts", "W", "Power", "output power", false, false},
-    {"EnergykWh", "kW.h", "EnergykWh", "energy", false, false},
+    kEnergykWh,
     {"FrequencyHz", "Hz", "Frequency", "input frequency", false, false},
-    {"TemperatureCelsius", "Cel", "Temperature", "temperature", false, false},
+    kTemperature,
     {"FanSpeedPercent", "%", "Percent", "fan speed", false, true},
-    {"FanSpeedsPercent", "%", "Percent", "fan speed", true, true},
+    kFanSpeeds,
     {"RailVoltage", "V", "Voltage", "rail voltage", true, false},
     {"RailCurrentAmps", "A", "Current", "rail current", true, false},
     {"RailPowerWatts", "W", "Power", "rail power", true, false},
