@@ -8,6 +8,7 @@
 
 #include "bmcredfish.h"
 #include "exposition.h"
+#include "samples.h"
 
 namespace {
 
@@ -37,35 +38,6 @@ ReadResult Good(const std::string& readings = kReadings) {
   r.readings = readings;
   r.seconds = 0.012;
   return r;
-}
-
-// Every sample line (name and labels -> value), checking on the way that each
-// metric has its HELP and TYPE once, before its samples, which are contiguous.
-std::map<std::string, std::string> Samples(const std::string& text) {
-  std::map<std::string, std::string> samples;
-  std::set<std::string> closed;
-  std::string current, line;
-  std::istringstream in(text);
-  while (std::getline(in, line)) {
-    if (line.rfind("# HELP ", 0) == 0) {
-      const std::string name = line.substr(7, line.find(' ', 7) - 7);
-      EXPECT_TRUE(closed.insert(name).second) << "second HELP for " << name;
-      current = name;
-      continue;
-    }
-    if (line[0] == '#') continue;
-    const size_t space = line.rfind(' ');
-    const std::string series = line.substr(0, space);
-    EXPECT_EQ(series.substr(0, series.find('{')), current) << "sample outside its metric: " << line;
-    EXPECT_TRUE(samples.emplace(series, line.substr(space + 1)).second) << "duplicate " << series;
-  }
-  return samples;
-}
-
-std::set<std::string> Series(const std::map<std::string, std::string>& samples) {
-  std::set<std::string> names;
-  for (const auto& s : samples) names.insert(s.first);
-  return names;
 }
 
 }  // namespace
@@ -144,7 +116,7 @@ TEST(Exposition, LabelValuesAreTheBmcsTextsAsRedfishctlPrintsThemEscaped) {
 
 TEST(Exposition, FailedAndMalformedReadsKeepEverySeriesMarkedStale) {
   Snapshot s;
-  const auto before = Series(Samples(Render(s, {1000, 0, "1.1.0"})));
+  const auto before = Names(Samples(Render(s, {1000, 0, "1.1.0"})));
   EXPECT_EQ(before.count("bmcredfish_up"), 1u);
   EXPECT_EQ(before.count(R"(bmcredfish_last_result{call="systems"})"), 0u) << "no read yet";
 
@@ -155,7 +127,7 @@ TEST(Exposition, FailedAndMalformedReadsKeepEverySeriesMarkedStale) {
   refused.systems = refused.sensors = {40005, 7};
   ApplyRead(s, refused, 1060);
   auto failed = Samples(Render(s, {1060, 0, "1.1.0"}));
-  EXPECT_EQ(Series(failed), Series(good));
+  EXPECT_EQ(Names(failed), Names(good));
   EXPECT_EQ(failed[R"(bmcredfish_last_result{call="systems"})"], "40005");
   EXPECT_EQ(failed[R"(bmcredfish_last_failure_link{call="sensor_readings"})"], "7");
   EXPECT_EQ(failed["bmcredfish_readings_age_seconds"], "60");
@@ -164,7 +136,7 @@ TEST(Exposition, FailedAndMalformedReadsKeepEverySeriesMarkedStale) {
   // The library's document not of the expected shape counts as a bad document.
   ApplyRead(s, Good(R"({"Chassis":{}})"), 1070);
   failed = Samples(Render(s, {1070, 0, "1.1.0"}));
-  EXPECT_EQ(Series(failed), Series(good));
+  EXPECT_EQ(Names(failed), Names(good));
   EXPECT_EQ(failed[R"(bmcredfish_last_result{call="sensor_readings"})"], "20004");
   EXPECT_EQ(failed[R"(bmcredfish_last_result{call="systems"})"], "0");
 }

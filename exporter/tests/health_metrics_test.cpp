@@ -9,6 +9,7 @@
 
 #include "exposition.h"
 #include "health_metrics.h"
+#include "samples.h"
 #include "textfile.h"
 
 namespace {
@@ -36,16 +37,8 @@ std::string Document(const char* driveHealth, int dimms = 2) {
          R"("Read":{"At":1000,"PartsAt":940,"FirmwareAt":100,"PartsLeftOut":0,"Gaps":[]}})";
 }
 
-std::map<std::string, std::string> Samples(const Snapshot& s) {
-  std::map<std::string, std::string> out;
-  std::istringstream in(Render(s, {1000, 0, "1.1.0"}));
-  std::string line;
-  while (std::getline(in, line)) {
-    if (line.empty() || line[0] == '#') continue;
-    const size_t space = line.rfind(' ');
-    out[line.substr(0, space)] = line.substr(space + 1);
-  }
-  return out;
+std::map<std::string, std::string> SamplesOf(const Snapshot& s) {
+  return Samples(Render(s, {1000, 0, "1.1.0"}));
 }
 
 Snapshot Read(const std::string& health) {
@@ -58,17 +51,11 @@ Snapshot Read(const std::string& health) {
   return s;
 }
 
-std::set<std::string> Names(const std::map<std::string, std::string>& samples) {
-  std::set<std::string> names;
-  for (const auto& s : samples) names.insert(s.first);
-  return names;
-}
-
 }  // namespace
 
 TEST(HealthSeries, AFailureChangesValuesNeverTheSeriesSet) {
-  const auto ok = Samples(Read(Document("OK")));
-  const auto failed = Samples(Read(Document("Critical")));
+  const auto ok = SamplesOf(Read(Document("OK")));
+  const auto failed = SamplesOf(Read(Document("Critical")));
   EXPECT_EQ(Names(ok), Names(failed));
   const std::string drive =
       R"(bmcredfish_component_health{kind="drive",id="D1",name="Disk \"1\""})";
@@ -95,8 +82,8 @@ TEST(HealthSeries, AFailureChangesValuesNeverTheSeriesSet) {
   refused.healthRead = true;
   refused.healthCall = {10003, 6};
   ApplyRead(s, refused, 1010);
-  EXPECT_EQ(Names(Samples(s)), Names(ok));
-  EXPECT_EQ(Samples(s).at(R"(bmcredfish_last_result{call="health"})"), "10003");
+  EXPECT_EQ(Names(SamplesOf(s)), Names(ok));
+  EXPECT_EQ(SamplesOf(s).at(R"(bmcredfish_last_result{call="health"})"), "10003");
   std::string error;
   const std::string state = testing::TempDir() + "/health-state.json";
   ASSERT_TRUE(SaveState(state, s, error)) << error;
@@ -107,7 +94,7 @@ TEST(HealthSeries, AFailureChangesValuesNeverTheSeriesSet) {
 }
 
 TEST(HealthSeries, EachKindIsCappedAndTheCapSaysWhatItLeftOut) {
-  const auto samples = Samples(Read(Document("OK", 300)));
+  const auto samples = SamplesOf(Read(Document("OK", 300)));
   size_t memory = 0;
   for (const auto& s : samples) {
     memory += s.first.rfind(R"(bmcredfish_component_health{kind="memory")", 0) == 0;

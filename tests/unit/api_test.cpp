@@ -14,22 +14,6 @@ using test_support::ScriptedBmc;
 using Api = test_support::ApiTest;
 constexpr auto& kMac = Api::kMac;
 
-TEST_F(Api, HostKeysShareOrSeparateConnections) {
-  bool on = false;
-  EXPECT_EQ(Redfish_GetPowerState("admin", "secret", nullptr, 100, &on), 0);
-  EXPECT_TRUE(on);
-  EXPECT_EQ(Redfish_GetPowerState("other", "creds", "localhost", 100, &on), 0);
-  auto requests = fake_http::Requests();
-  EXPECT_EQ(requests.back().Header("Authorization"), "Basic YWRtaW46c2VjcmV0")
-      << "first credentials kept";
-
-  Redfish_CloseConnection("unknown");
-  Redfish_CloseConnection(nullptr);
-  bmc.Install();  // forgets the requests so far
-  EXPECT_EQ(Redfish_GetPowerState("admin", "secret", "localhost", 100, &on), 0);
-  EXPECT_EQ(fake_http::Requests().front().target, "/bmc/redfish/v1/Systems") << "discovered anew";
-}
-
 TEST_F(Api, FailedCreationIsLoggedAndRetriedButCredentialFailureThrows) {
   redfish::BmcHttpConnection::_bmcJsonUpdated = false;
   fake_sysinfo::Current().record[4] = 0;  // no IPv4 address in the SMBIOS record

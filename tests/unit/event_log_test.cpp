@@ -247,6 +247,17 @@ struct LogApi : test_support::ApiTest {
     for (int i = first; i <= last; ++i) ids.push_back(i);
     return ids;
   }
+  // A new process and a new log of count entries, listed as newest says.
+  void Restart(bool newest, int count, bool withTopSkip = false) {
+    cleanup();
+    cursor.clear();
+    entries.clear();
+    nextId = 1;
+    newestFirst = newest;
+    topSkip = withTopSkip;
+    Add(count);
+    Serve();
+  }
   std::string cursor;
 };
 
@@ -256,14 +267,7 @@ TEST_F(LogApi, WarmReadsCostOneRequestAndCatchingUpAPageEach) {
   for (const bool newest : {false, true}) {
     for (const bool skip : {false, true}) {
       SCOPED_TRACE(testing::Message() << "newest first " << newest << ", $top/$skip " << skip);
-      cleanup();
-      entries.clear();
-      nextId = 1;
-      cursor.clear();
-      newestFirst = newest;
-      topSkip = skip;
-      Add(60);
-      Serve();
+      Restart(newest, 60, skip);
       rapidjson::Document doc;
       size_t requests = 0;
       ASSERT_EQ(Read(doc, requests), 0);
@@ -290,13 +294,7 @@ TEST_F(LogApi, WarmReadsCostOneRequestAndCatchingUpAPageEach) {
 TEST_F(LogApi, ClearedOrWrappedLogsAreReadAgainWithoutCountingAnEntryTwice) {
   for (const bool newest : {false, true}) {
     SCOPED_TRACE(newest ? "newest first" : "oldest first");
-    cleanup();
-    cursor.clear();
-    entries.clear();
-    nextId = 1;
-    newestFirst = newest;
-    Add(120);
-    Serve();
+    Restart(newest, 120);
     rapidjson::Document doc;
     size_t requests = 0;
     ASSERT_EQ(Read(doc, requests), 0);

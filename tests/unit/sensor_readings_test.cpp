@@ -247,7 +247,7 @@ TEST_F(Api, ExpandOnlyWhereAdvertisedARefusalRememberedAndLaterReadsOnlyWhatGave
   for (const std::string& t : Targets()) EXPECT_EQ(t.find('$'), std::string::npos) << t;
 }
 
-TEST_F(Api, LoopsAndHugeCollectionsAreBoundedAndNothingToShowSaysWhy) {
+TEST_F(Api, LoopsAreReadOnceAndNothingToShowSaysWhy) {
   bmc.Json(kChassis,
            R"({"Id":"1","PowerSubsystem":{"@odata.id":"/redfish/v1/Chassis/1/PowerSubsystem"},
                "Sensors":{"@odata.id":"/redfish/v1/Chassis/1/Sensors"}})")
@@ -269,16 +269,6 @@ TEST_F(Api, LoopsAndHugeCollectionsAreBoundedAndNothingToShowSaysWhy) {
       "Sensor readings: left out /redfish/v1/Chassis/1/PowerSubsystem: linked again (a loop); "
       "read once"));
   EXPECT_EQ(Targets().count("/bmc/redfish/v1/Chassis/1/PowerSubsystem"), 1u);
-
-  cleanup();
-  std::string many = R"({"Members":[)";
-  for (int i = 0; i < 5000; ++i) many += std::string(i ? "," : "") + R"({"@odata.id":"/x"})";
-  bmc.Json("/bmc/redfish/v1/Chassis/1/Sensors", many + "]}").Install();
-  EXPECT_EQ(Read(text), 20004);
-  RedfishFailure f{};
-  f.size = sizeof f;
-  Redfish_GetLastFailure(&f);
-  EXPECT_NE(std::strstr(f.detail, "more than the 4096 members"), nullptr) << f.detail;
 
   // Garbage where the readings are is the cause; an empty BMC is 40001.
   cleanup();

@@ -9,6 +9,7 @@ import ssl
 import subprocess
 import tempfile
 import threading
+import unittest
 from pathlib import Path
 
 EMULATOR = Path(__file__).resolve().parents[1] / "bmc-emulator"
@@ -144,3 +145,16 @@ class Emulator:
                "-p", password or self.password, "-S", "Always", "-T", "20", *args]
         env = dict(os.environ, NO_PROXY="*", no_proxy="*")
         return subprocess.run(cmd, capture_output=True, text=True, env=env)
+
+
+class EmulatorCase(unittest.TestCase):
+    """One emulator of PROFILE for the whole class, which must exit cleanly."""
+    PROFILE = "dell"
+
+    @classmethod
+    def setUpClass(cls):
+        cls.emu = Emulator(cls.PROFILE).start()
+
+    @classmethod
+    def tearDownClass(cls):
+        assert cls.emu.stop() == 0, "emulator did not exit cleanly"

@@ -2,21 +2,15 @@
 
 import unittest
 
-from emulator_harness import Emulator
+from emulator_harness import Emulator, EmulatorCase
 
 
-class ServiceTest(unittest.TestCase):
+class ServiceTest(EmulatorCase):
     """What any Redfish client of the controller depends on, checked with curl and DMTF's
     redfishtool. Each vendor's shapes and reset answers are the end-to-end tests', per
     profile, through the library."""
 
-    @classmethod
-    def setUpClass(cls):
-        cls.emu = Emulator("dell").start()
-
-    @classmethod
-    def tearDownClass(cls):
-        assert cls.emu.stop() == 0, "emulator did not exit cleanly"
+    PROFILE = "dell"
 
     def test_service_root_is_public_everything_else_needs_basic_auth(self):
         reply = self.emu.curl("/redfish/v1/", auth=False)
@@ -40,17 +34,11 @@ class ServiceTest(unittest.TestCase):
         self.assertEqual((status, body["PowerState"]), (200, "Off"))
 
 
-class FaultTest(unittest.TestCase):
+class FaultTest(EmulatorCase):
     """The fault kinds no other test uses (delay, status, body and sensors-404 are the
     integration tests'), from the control endpoint."""
 
-    @classmethod
-    def setUpClass(cls):
-        cls.emu = Emulator("generic").start()
-
-    @classmethod
-    def tearDownClass(cls):
-        assert cls.emu.stop() == 0
+    PROFILE = "generic"
 
     def tearDown(self):
         self.emu.control("DELETE", "faults")
