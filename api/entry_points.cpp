@@ -95,6 +95,16 @@ milliseconds WholeRead(unsigned int timeoutMs) {
   return milliseconds(timeoutMs != 0 ? timeoutMs : kDefaultWholeReadMs);
 }
 
+// A text query that reads the BMC within one whole-read budget.
+template <typename Read>
+int WholeReadCall(const char* user, const char* password, const char* host, unsigned int timeoutMs,
+                  char** out, Read read) {
+  return TextCall(user, password, host, out, [&](Inventory& inventory, std::string& text) {
+    redfish::ReadContext context(inventory, WholeRead(timeoutMs));
+    return read(context, text);
+  });
+}
+
 }  // namespace
 
 extern "C" BMCREDFISH_API int Redfish_GetSensorsInfo(const char* user, const char* password,
@@ -184,10 +194,7 @@ extern "C" BMCREDFISH_API void Redfish_FreeText(char* text) { std::free(text); }
 extern "C" BMCREDFISH_API int Redfish_GetSensorReadings(const char* user, const char* password,
                                                         const char* host, unsigned int timeoutMs,
                                                         char** json) {
-  return TextCall(user, password, host, json, [&](Inventory& inventory, std::string& text) {
-    redfish::ReadContext read(inventory, WholeRead(timeoutMs));
-    return redfish::ReadSensorReadings(read, text);
-  });
+  return WholeReadCall(user, password, host, timeoutMs, json, redfish::ReadSensorReadings);
 }
 
 extern "C" BMCREDFISH_API int Redfish_GetAllowedCommands(const char* user, const char* password,
@@ -216,27 +223,24 @@ extern "C" BMCREDFISH_API const char* Redfish_GetVersion(void) { return BMCREDFI
 extern "C" BMCREDFISH_API int Redfish_GetSystems(const char* user, const char* password,
                                                  const char* host, unsigned int timeoutMs,
                                                  char** json) {
-  return TextCall(user, password, host, json, [&](Inventory& inventory, std::string& text) {
-    redfish::ReadContext read(inventory, WholeRead(timeoutMs));
-    return redfish::ReadSystemStates(read, text);
-  });
+  return WholeReadCall(user, password, host, timeoutMs, json, redfish::ReadSystemStates);
 }
 
 extern "C" BMCREDFISH_API int Redfish_GetHealth(const char* user, const char* password,
                                                 const char* host, unsigned int timeoutMs,
                                                 const char* previous, const char* readings,
                                                 char** json) {
-  return TextCall(user, password, host, json, [&](Inventory& inventory, std::string& text) {
-    redfish::ReadContext read(inventory, WholeRead(timeoutMs));
-    return redfish::ReadHealth(read, previous, readings, text);
-  });
+  return WholeReadCall(user, password, host, timeoutMs, json,
+                       [&](redfish::ReadContext& read, std::string& text) {
+                         return redfish::ReadHealth(read, previous, readings, text);
+                       });
 }
 
 extern "C" BMCREDFISH_API int Redfish_GetLogEntries(const char* user, const char* password,
                                                     const char* host, unsigned int timeoutMs,
                                                     const char* cursor, char** json) {
-  return TextCall(user, password, host, json, [&](Inventory& inventory, std::string& text) {
-    redfish::ReadContext read(inventory, WholeRead(timeoutMs));
-    return redfish::ReadLogEntries(read, cursor, text);
-  });
+  return WholeReadCall(user, password, host, timeoutMs, json,
+                       [&](redfish::ReadContext& read, std::string& text) {
+                         return redfish::ReadLogEntries(read, cursor, text);
+                       });
 }

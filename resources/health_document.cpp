@@ -1,33 +1,79 @@
 #include "resources/health_document.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 
+#include "resources/json_output.h"
 #include "utils/json_access.h"
-#include "utils/utf8.h"
 
 namespace redfish {
 
 namespace {
 
 using Value = rapidjson::Value;
-using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
-void Text(Writer& w, const char* key, const std::string& value) {
-  const std::string valid = ValidUtf8(value.substr(0, kMaxText));
-  w.Key(key);
-  w.String(valid.c_str(), static_cast<rapidjson::SizeType>(valid.size()));
+// A text member of a record and its name in the document: what
+// HealthDocument writes, ParseHealthDocument reads back.
+template <typename Record>
+struct TextMember {
+  const char* name;
+  std::string Record::*member;
+};
+
+constexpr TextMember<SystemHealth> kSystemTexts[] = {{"Id", &SystemHealth::id},
+                                                     {"@odata.id", &SystemHealth::odataId},
+                                                     {"PowerState", &SystemHealth::powerState}};
+constexpr TextMember<Part> kChassisTexts[] = {
+    {"Id", &Part::id}, {"Name", &Part::name}, {"@odata.id", &Part::odataId}};
+constexpr TextMember<Part> kPartTexts[] = {{"Id", &Part::id},         {"Name", &Part::name},
+                                           {"Parent", &Part::parent}, {"@odata.id", &Part::odataId},
+                                           {"State", &Part::state},   {"Health", &Part::health}};
+constexpr TextMember<Cause> kCauseTexts[] = {{"Id", &Cause::id},
+                                             {"Name", &Cause::name},
+                                             {"Parent", &Cause::parent},
+                                             {"@odata.id", &Cause::odataId}};
+constexpr TextMember<FirmwareEntry> kFirmwareTexts[] = {{"Kind", &FirmwareEntry::kind},
+                                                        {"Id", &FirmwareEntry::id},
+                                                        {"Name", &FirmwareEntry::name},
+                                                        {"Version", &FirmwareEntry::version},
+                                                        {"@odata.id", &FirmwareEntry::odataId}};
+// The times of the reads, in Unix seconds.
+constexpr std::pair<const char*, int64_t HealthReport::*> kReadTimes[] = {
+    {"At", &HealthReport::readAt},
+    {"PartsAt", &HealthReport::partsAt},
+    {"FirmwareAt", &HealthReport::firmwareAt}};
+
+void Text(JsonWriter& w, const char* key, const std::string& value) {
+  WriteText(w, key, value, kMaxText);
 }
 
-std::string Get(const Value& object, const char* name) {
-  std::string value;
-  JsonString(object, name, value);
-  if (value.size() > kMaxText) value.resize(kMaxText);
-  return value;
+std::string Get(const Value& object, const char* name) { return JsonText(object, name, kMaxText); }
+
+template <typename Record, typename Members>
+void WriteMembers(JsonWriter& w, const Record& record, const Members& members,
+                  size_t limit = kMaxText) {
+  for (const auto& m : members) WriteText(w, m.name, record.*m.member, limit);
+}
+
+template <typename Record, typename Members>
+void ReadMembers(const Value& entry, Record& record, const Members& members) {
+  for (const auto& m : members) record.*m.member = Get(entry, m.name);
+}
+
+template <typename Record>
+void WriteStatus(JsonWriter& w, const Record& r, size_t limit) {
+  WriteTexts(w, "Status",
+             {{"State", r.state}, {"Health", r.health}, {"HealthRollup", r.healthRollup}}, limit);
+}
+
+template <typename Record>
+void ReadStatus(const Value& entry, Record& r) {
+  const Value* status = JsonMember(entry, "Status");
+  if (status == nullptr) return;
+  r.state = Get(*status, "State");
+  r.health = Get(*status, "Health");
+  r.healthRollup = Get(*status, "HealthRollup");
 }
 
 int64_t Seconds(const Value& object, const char* name) {
@@ -47,24 +93,6 @@ void Entries(const Value& object, const char* name, Each each) {
     each(entry);
     ++taken;
   }
-}
-
-void WriteStatus(Writer& w, const std::string& state, const std::string& health,
-                 const std::string& rollup) {
-  w.Key("Status");
-  w.StartObject();
-  Text(w, "State", state);
-  Text(w, "Health", health);
-  Text(w, "HealthRollup", rollup);
-  w.EndObject();
-}
-
-void ReadStatus(const Value& entry, std::string& state, std::string& health, std::string& rollup) {
-  const Value* status = JsonMember(entry, "Status");
-  if (status == nullptr) return;
-  state = Get(*status, "State");
-  health = Get(*status, "Health");
-  rollup = Get(*status, "HealthRollup");
 }
 
 HealthLevel Worse(HealthLevel a, HealthLevel b) { return a < b ? b : a; }
@@ -125,105 +153,58 @@ HealthLevel Rollup(const HealthReport& report, std::vector<Cause>& causes) {
   return worst;
 }
 
+void WriteSystem(JsonWriter& w, const SystemHealth& system, size_t limit) {
+  WriteMembers(w, system, kSystemTexts, limit);
+  WriteStatus(w, system, limit);
+}
+
 std::string HealthDocument(const HealthReport& report) {
   std::vector<Cause> causes;
   const HealthLevel level = Rollup(report, causes);
-  rapidjson::StringBuffer buffer;
-  Writer w(buffer);
-  w.StartObject();
-  Text(w, "Health", LevelText(level));
-  w.Key("Causes");
-  w.StartArray();
-  for (size_t i = 0; i < causes.size() && i < kMaxCauses; ++i) {
-    const Cause& c = causes[i];
+  const size_t causesLeftOut = causes.size() > kMaxCauses ? causes.size() - kMaxCauses : 0;
+  causes.resize(causes.size() - causesLeftOut);
+  return JsonObjectText([&](JsonWriter& w) {
+    Text(w, "Health", LevelText(level));
+    WriteObjects(w, "Causes", causes, [&](const Cause& c) {
+      Text(w, "Kind", KindName(c.kind));
+      WriteMembers(w, c, kCauseTexts);
+      Text(w, "Health", LevelText(c.level));
+    });
+    w.Key("CausesLeftOut");
+    w.Uint64(causesLeftOut);
+    WriteObjects(w, "Systems", report.systems,
+                 [&](const SystemHealth& s) { WriteSystem(w, s, kMaxText); });
+    WriteObjects(w, "Chassis", report.chassis, [&](const Part& c) {
+      WriteMembers(w, c, kChassisTexts);
+      WriteStatus(w, c, kMaxText);
+    });
+    WriteObjects(w, "Parts", report.parts, [&](const Part& p) {
+      Text(w, "Kind", KindName(p.kind));
+      WriteMembers(w, p, kPartTexts);
+    });
+    WriteObjects(w, "Firmware", report.firmware,
+                 [&](const FirmwareEntry& f) { WriteMembers(w, f, kFirmwareTexts); });
+    w.Key("Read");
     w.StartObject();
-    Text(w, "Kind", KindName(c.kind));
-    Text(w, "Id", c.id);
-    Text(w, "Name", c.name);
-    Text(w, "Parent", c.parent);
-    Text(w, "@odata.id", c.odataId);
-    Text(w, "Health", LevelText(c.level));
+    for (const auto& [name, at] : kReadTimes) {
+      w.Key(name);
+      w.Int64(report.*at);
+    }
+    w.Key("Requests");
+    w.Uint64(report.requests);
+    w.Key("PartsLeftOut");
+    w.Uint64(report.partsLeftOut);
+    w.Key("Gaps");
+    w.StartArray();
+    for (const std::string& gap : report.gaps) WriteString(w, gap);
+    w.EndArray();
+    WriteTexts(w, "Watched",
+               {{"Health", report.watched},
+                {"Firmware", report.firmwareWatched},
+                {"Sensors", report.sensorsWatched}},
+               kMaxText);
     w.EndObject();
-  }
-  w.EndArray();
-  w.Key("CausesLeftOut");
-  w.Uint64(causes.size() > kMaxCauses ? causes.size() - kMaxCauses : 0);
-  w.Key("Systems");
-  w.StartArray();
-  for (const SystemHealth& s : report.systems) {
-    w.StartObject();
-    Text(w, "Id", s.id);
-    Text(w, "@odata.id", s.odataId);
-    Text(w, "PowerState", s.powerState);
-    WriteStatus(w, s.state, s.health, s.healthRollup);
-    w.EndObject();
-  }
-  w.EndArray();
-  w.Key("Chassis");
-  w.StartArray();
-  for (const Part& c : report.chassis) {
-    w.StartObject();
-    Text(w, "Id", c.id);
-    Text(w, "Name", c.name);
-    Text(w, "@odata.id", c.odataId);
-    WriteStatus(w, c.state, c.health, c.healthRollup);
-    w.EndObject();
-  }
-  w.EndArray();
-  w.Key("Parts");
-  w.StartArray();
-  for (const Part& p : report.parts) {
-    w.StartObject();
-    Text(w, "Kind", KindName(p.kind));
-    Text(w, "Id", p.id);
-    Text(w, "Name", p.name);
-    Text(w, "Parent", p.parent);
-    Text(w, "@odata.id", p.odataId);
-    Text(w, "State", p.state);
-    Text(w, "Health", p.health);
-    w.EndObject();
-  }
-  w.EndArray();
-  w.Key("Firmware");
-  w.StartArray();
-  for (const FirmwareEntry& f : report.firmware) {
-    w.StartObject();
-    Text(w, "Kind", f.kind);
-    Text(w, "Id", f.id);
-    Text(w, "Name", f.name);
-    Text(w, "Version", f.version);
-    Text(w, "@odata.id", f.odataId);
-    w.EndObject();
-  }
-  w.EndArray();
-  w.Key("Read");
-  w.StartObject();
-  w.Key("At");
-  w.Int64(report.readAt);
-  w.Key("PartsAt");
-  w.Int64(report.partsAt);
-  w.Key("FirmwareAt");
-  w.Int64(report.firmwareAt);
-  w.Key("Requests");
-  w.Uint64(report.requests);
-  w.Key("PartsLeftOut");
-  w.Uint64(report.partsLeftOut);
-  w.Key("Gaps");
-  w.StartArray();
-  for (const std::string& gap : report.gaps) {
-    const std::string valid = ValidUtf8(gap);
-    w.String(valid.c_str(), static_cast<rapidjson::SizeType>(valid.size()));
-  }
-  w.EndArray();
-  w.Key("Watched");
-  w.StartObject();
-  Text(w, "Health", report.watched);
-  Text(w, "Firmware", report.firmwareWatched);
-  Text(w, "Sensors", report.sensorsWatched);
-  w.EndObject();
-  w.EndObject();
-  w.EndObject();
-  return std::string(buffer.GetString(), buffer.GetSize());
+  });
 }
 
 bool ParseHealthDocument(const std::string& text, HealthReport& report) {
@@ -235,39 +216,29 @@ bool ParseHealthDocument(const std::string& text, HealthReport& report) {
   if (read == nullptr || !read->IsObject()) return false;
   Entries(d, "Systems", [&](const Value& e) {
     SystemHealth s;
-    s.id = Get(e, "Id");
-    s.odataId = Get(e, "@odata.id");
-    s.powerState = Get(e, "PowerState");
-    ReadStatus(e, s.state, s.health, s.healthRollup);
+    ReadMembers(e, s, kSystemTexts);
+    ReadStatus(e, s);
     report.systems.push_back(std::move(s));
   });
   Entries(d, "Chassis", [&](const Value& e) {
     Part c;
     c.kind = PartKind::Chassis;
-    c.id = Get(e, "Id");
-    c.name = Get(e, "Name");
-    c.odataId = Get(e, "@odata.id");
-    ReadStatus(e, c.state, c.health, c.healthRollup);
+    ReadMembers(e, c, kChassisTexts);
+    ReadStatus(e, c);
     report.chassis.push_back(std::move(c));
   });
   Entries(d, "Parts", [&](const Value& e) {
     Part p;
     if (!KindFromName(Get(e, "Kind"), p.kind)) return;
-    p.id = Get(e, "Id");
-    p.name = Get(e, "Name");
-    p.parent = Get(e, "Parent");
-    p.odataId = Get(e, "@odata.id");
-    p.state = Get(e, "State");
-    p.health = Get(e, "Health");
+    ReadMembers(e, p, kPartTexts);
     report.parts.push_back(std::move(p));
   });
   Entries(d, "Firmware", [&](const Value& e) {
-    report.firmware.push_back(
-        {Get(e, "Kind"), Get(e, "Id"), Get(e, "Name"), Get(e, "Version"), Get(e, "@odata.id")});
+    FirmwareEntry f;
+    ReadMembers(e, f, kFirmwareTexts);
+    report.firmware.push_back(std::move(f));
   });
-  report.readAt = Seconds(*read, "At");
-  report.partsAt = Seconds(*read, "PartsAt");
-  report.firmwareAt = Seconds(*read, "FirmwareAt");
+  for (const auto& [name, at] : kReadTimes) report.*at = Seconds(*read, name);
   const Value* left = JsonMember(*read, "PartsLeftOut");
   if (left != nullptr && left->IsUint64()) report.partsLeftOut = left->GetUint64();
   const Value* gaps = JsonMember(*read, "Gaps");

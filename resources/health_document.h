@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "resources/health_parts.h"
+#include "resources/json_output.h"
 
 namespace redfish {
 
@@ -82,6 +83,10 @@ constexpr size_t kMaxEntries = 8192;
 HealthLevel Rollup(const HealthReport& report, std::vector<Cause>& causes);
 
 std::string HealthDocument(const HealthReport& report);
+
+// A system's members in the health document, and in the systems document
+// (there with whole texts).
+void WriteSystem(JsonWriter& w, const SystemHealth& system, size_t limit);
 
 // A document of HealthDocument back into its report: false (report left
 // empty) when text is not one. Lists are cut at kMaxEntries, texts at kMaxText.

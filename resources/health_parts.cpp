@@ -82,17 +82,8 @@ HealthLevel LevelOf(const std::string& health, bool* recognised) {
 }
 
 const char* LevelText(HealthLevel level) {
-  switch (level) {
-    case HealthLevel::Ok:
-      return "OK";
-    case HealthLevel::Warning:
-      return "Warning";
-    case HealthLevel::Critical:
-      return "Critical";
-    case HealthLevel::Unknown:
-      break;
-  }
-  return "";
+  static constexpr const char* kTexts[] = {"", "OK", "Warning", "Critical"};
+  return kTexts[static_cast<size_t>(level)];
 }
 
 std::string RequestPath(std::string odataId) {

@@ -1,13 +1,11 @@
 #include "resources/log_entries.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cstdlib>
 #include <map>
 
+#include "resources/json_output.h"
 #include "utils/json_access.h"
 #include "utils/redfish_status.h"
 #include "utils/utf8.h"
@@ -16,17 +14,9 @@ namespace redfish {
 
 namespace {
 
-using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
-
 constexpr int kCursorVersion = 1;
 constexpr size_t kMaxCursor = size_t{128} * 1024;
 constexpr char kRedfishPrefix[] = "/redfish/v1";
-
-std::string Text(const rapidjson::Value& object, const char* name) {
-  std::string value;
-  JsonString(object, name, value);
-  return value;
-}
 
 std::string Bounded(std::string_view text, size_t limit) { return BoundedText(text, limit); }
 
@@ -134,26 +124,7 @@ bool Digits(std::string_view text, size_t at, size_t count, int& out) {
   return true;
 }
 
-void WriteString(Writer& w, const std::string& text) {
-  const std::string valid = ValidUtf8(text);
-  w.String(valid.c_str(), static_cast<rapidjson::SizeType>(valid.size()));
-}
-
-void WriteText(Writer& w, const char* key, const std::string& text) {
-  w.Key(key);
-  WriteString(w, text);
-}
-
-void WriteOptional(Writer& w, const char* key, const std::optional<int64_t>& value) {
-  w.Key(key);
-  if (value) {
-    w.Int64(*value);
-  } else {
-    w.Null();
-  }
-}
-
-void WriteMark(Writer& w, const char* key, const std::optional<EntryMark>& mark) {
+void WriteMark(JsonWriter& w, const char* key, const std::optional<EntryMark>& mark) {
   w.Key(key);
   if (!mark) {
     w.Null();
@@ -165,13 +136,29 @@ void WriteMark(Writer& w, const char* key, const std::optional<EntryMark>& mark)
   w.EndObject();
 }
 
-void WriteEarlier(Writer& w, const LogRecord::Earlier& e) {
-  w.StartObject();
+// What names an entry and its weight, of an entry or of the earlier one it
+// resolves.
+template <typename Entry>
+void WriteStamp(JsonWriter& w, const Entry& e) {
   WriteText(w, "Id", e.id);
   WriteText(w, "Created", e.created);
-  WriteOptional(w, "Time", e.time);
+  WriteNumber(w, "Time", e.time);
   WriteText(w, "Severity", SeverityName(e.severity));
+}
+
+void WriteEarlier(JsonWriter& w, const LogRecord::Earlier& e) {
+  w.StartObject();
+  WriteStamp(w, e);
   w.EndObject();
+}
+
+// The log service as the cursor and the log document both hold it.
+void WriteService(JsonWriter& w, const LogCursor& c) {
+  WriteText(w, "Id", c.id);
+  WriteText(w, "Name", c.name);
+  WriteText(w, "LogEntryType", c.entryType);
+  WriteText(w, "OverWritePolicy", c.policy);
+  WriteNumber(w, "MaxNumberOfRecords", c.maxRecords);
 }
 
 bool ReadMark(const rapidjson::Value& object, const char* key, std::optional<EntryMark>& mark) {
@@ -221,27 +208,13 @@ std::string BoundedText(std::string_view text, size_t limit) {
 }
 
 const char* SeverityName(LogSeverity severity) {
-  switch (severity) {
-    case LogSeverity::Warning:
-      return "Warning";
-    case LogSeverity::Critical:
-      return "Critical";
-    case LogSeverity::Ok:
-      break;
-  }
-  return "OK";
+  static constexpr const char* kNames[] = {"OK", "Warning", "Critical"};
+  return kNames[static_cast<size_t>(severity)];
 }
 
 const char* OrderName(LogOrder order) {
-  switch (order) {
-    case LogOrder::OldestFirst:
-      return "OldestFirst";
-    case LogOrder::NewestFirst:
-      return "NewestFirst";
-    case LogOrder::Unknown:
-      break;
-  }
-  return "Unknown";
+  static constexpr const char* kNames[] = {"Unknown", "OldestFirst", "NewestFirst"};
+  return kNames[static_cast<size_t>(order)];
 }
 
 std::optional<int64_t> ParseRedfishTime(std::string_view t) {
@@ -283,19 +256,19 @@ std::optional<int64_t> ParseRedfishTime(std::string_view t) {
 int LogRecordOf(const rapidjson::Value& member, LogRecord& r) {
   if (!member.IsObject()) return RedfishStatusUnexpectedJson;
   r = LogRecord();
-  r.id = Bounded(Text(member, "Id"), LogRecord::kMaxText);
-  const std::string created = Text(member, "Created");
+  r.id = Bounded(JsonText(member, "Id"), LogRecord::kMaxText);
+  const std::string created = JsonText(member, "Created");
   r.created = Bounded(created, LogRecord::kMaxText);
   r.time = ParseRedfishTime(created);
-  std::string severity = Text(member, "Severity");
-  if (severity.empty()) severity = Text(member, "MessageSeverity");
+  std::string severity = JsonText(member, "Severity");
+  if (severity.empty()) severity = JsonText(member, "MessageSeverity");
   r.severity = SeverityOf(severity);
-  r.message = Bounded(Text(member, "Message"), LogRecord::kMaxMessage);
-  r.messageId = Bounded(Text(member, "MessageId"), LogRecord::kMaxText);
-  r.entryCode = Bounded(Text(member, "EntryCode"), LogRecord::kMaxText);
+  r.message = Bounded(JsonText(member, "Message"), LogRecord::kMaxMessage);
+  r.messageId = Bounded(JsonText(member, "MessageId"), LogRecord::kMaxText);
+  r.entryCode = Bounded(JsonText(member, "EntryCode"), LogRecord::kMaxText);
   if (const rapidjson::Value* links = JsonMember(member, "Links")) {
     if (const rapidjson::Value* origin = JsonMember(*links, "OriginOfCondition")) {
-      r.origin = Bounded(Text(*origin, "@odata.id"), LogRecord::kMaxText);
+      r.origin = Bounded(JsonText(*origin, "@odata.id"), LogRecord::kMaxText);
     }
   }
   const rapidjson::Value* number = JsonMember(member, "SensorNumber");
@@ -344,8 +317,8 @@ int LogServiceScore(const rapidjson::Value& service, bool underSystem) {
       !JsonMember(*entries, "@odata.id")->IsString()) {
     return -1;
   }
-  std::vector<std::string> words = Words(Text(service, "Id"));
-  const std::vector<std::string> name = Words(Text(service, "Name"));
+  std::vector<std::string> words = Words(JsonText(service, "Id"));
+  const std::vector<std::string> name = Words(JsonText(service, "Name"));
   words.insert(words.end(), name.begin(), name.end());
   for (const char* other : {"audit", "security", "dump", "crashdump", "diagnostic", "debug",
                             "journal", "post", "postcode", "postcodes", "fault", "lclog",
@@ -353,7 +326,7 @@ int LogServiceScore(const rapidjson::Value& service, bool underSystem) {
     if (Has(words, other)) return -1;
   }
   int evidence = 0;
-  const std::string type = Text(service, "LogEntryType");
+  const std::string type = JsonText(service, "LogEntryType");
   if (type == "SEL") evidence += 4;
   if (type == "Event") evidence += 3;
   if (type == "Multiple") evidence += 1;
@@ -381,7 +354,7 @@ int LogServiceScore(const rapidjson::Value& service, bool underSystem) {
   }
   if (Has(words, "platform")) evidence += 2;
   if (evidence < 2) return -1;
-  return evidence + (Text(service, "OverWritePolicy") == "WrapsWhenFull" ? 1 : 0) +
+  return evidence + (JsonText(service, "OverWritePolicy") == "WrapsWhenFull" ? 1 : 0) +
          (underSystem ? 1 : 0);
 }
 
@@ -422,44 +395,32 @@ bool EntryMark::Matches(const LogRecord& record) const {
 EntryMark MarkOf(const LogRecord& record) { return {record.id, record.created}; }
 
 std::string WriteCursor(const LogCursor& c) {
-  rapidjson::StringBuffer buffer;
-  Writer w(buffer);
-  w.StartObject();
-  w.Key("v");
-  w.Int(kCursorVersion);
-  WriteText(w, "Service", c.service);
-  WriteText(w, "Entries", c.entries);
-  WriteText(w, "Id", c.id);
-  WriteText(w, "Name", c.name);
-  WriteText(w, "LogEntryType", c.entryType);
-  WriteText(w, "OverWritePolicy", c.policy);
-  WriteOptional(w, "MaxNumberOfRecords", c.maxRecords);
-  w.Key("Checked");
-  w.Int64(c.checked);
-  w.Key("TopSkip");
-  w.Bool(c.topSkip);
-  WriteText(w, "Order", OrderName(c.order));
-  WriteMark(w, "Last", c.last);
-  WriteText(w, "Page", c.page);
-  w.Key("Index");
-  if (c.index) {
-    w.Uint64(*c.index);
-  } else {
-    w.Null();
-  }
-  WriteMark(w, "Oldest", c.oldest);
-  w.Key("Open");
-  w.StartArray();
-  for (const OpenAssertion& open : c.open) {
-    w.StartObject();
-    WriteText(w, "Key", open.key);
-    w.Key("Entry");
-    WriteEarlier(w, open.entry);
-    w.EndObject();
-  }
-  w.EndArray();
-  w.EndObject();
-  return std::string(buffer.GetString(), buffer.GetSize());
+  return JsonObjectText([&](JsonWriter& w) {
+    w.Key("v");
+    w.Int(kCursorVersion);
+    WriteText(w, "Service", c.service);
+    WriteText(w, "Entries", c.entries);
+    WriteService(w, c);
+    w.Key("Checked");
+    w.Int64(c.checked);
+    w.Key("TopSkip");
+    w.Bool(c.topSkip);
+    WriteText(w, "Order", OrderName(c.order));
+    WriteMark(w, "Last", c.last);
+    WriteText(w, "Page", c.page);
+    w.Key("Index");
+    if (c.index) {
+      w.Uint64(*c.index);
+    } else {
+      w.Null();
+    }
+    WriteMark(w, "Oldest", c.oldest);
+    WriteObjects(w, "Open", c.open, [&](const OpenAssertion& open) {
+      WriteText(w, "Key", open.key);
+      w.Key("Entry");
+      WriteEarlier(w, open.entry);
+    });
+  });
 }
 
 bool ParseCursor(std::string_view text, LogCursor& cursor) {
@@ -548,63 +509,48 @@ void ResolvePairs(std::vector<LogRecord>& entries, std::vector<OpenAssertion>& o
 
 std::string LogDocument(const LogCursor& cursor, const std::vector<LogRecord>& entries,
                         const LogOutcome& outcome) {
-  rapidjson::StringBuffer buffer;
-  Writer w(buffer);
-  w.StartObject();
-  w.Key("Log");
-  if (cursor.service.empty()) {
-    w.Null();
-  } else {
-    w.StartObject();
-    WriteText(w, "@odata.id", cursor.service);
-    WriteText(w, "Id", cursor.id);
-    WriteText(w, "Name", cursor.name);
-    WriteText(w, "LogEntryType", cursor.entryType);
-    WriteText(w, "OverWritePolicy", cursor.policy);
-    WriteOptional(w, "MaxNumberOfRecords", cursor.maxRecords);
-    WriteOptional(w, "Count", outcome.count);
-    WriteText(w, "Order", OrderName(cursor.order));
-    w.EndObject();
-  }
-  w.Key("Entries");
-  w.StartArray();
-  for (const LogRecord& e : entries) {
-    w.StartObject();
-    WriteText(w, "Id", e.id);
-    WriteText(w, "Created", e.created);
-    WriteOptional(w, "Time", e.time);
-    WriteText(w, "Severity", SeverityName(e.severity));
-    WriteText(w, "Message", e.message);
-    WriteText(w, "MessageId", e.messageId);
-    WriteText(w, "OriginOfCondition", e.origin);
-    WriteOptional(w, "SensorNumber", e.sensorNumber);
-    WriteText(w, "EntryCode", e.entryCode);
-    WriteText(w, "Kind",
-              e.kind == LogKind::Cleared       ? "LogCleared"
-              : e.kind == LogKind::Deassertion ? "Deassertion"
-                                               : "Event");
-    w.Key("Resolved");
-    w.Bool(e.resolved);
-    if (e.resolves) {
-      w.Key("Resolves");
-      WriteEarlier(w, *e.resolves);
+  return JsonObjectText([&](JsonWriter& w) {
+    w.Key("Log");
+    if (cursor.service.empty()) {
+      w.Null();
+    } else {
+      w.StartObject();
+      WriteText(w, "@odata.id", cursor.service);
+      WriteService(w, cursor);
+      WriteNumber(w, "Count", outcome.count);
+      WriteText(w, "Order", OrderName(cursor.order));
+      w.EndObject();
     }
-    w.EndObject();
-  }
-  w.EndArray();
-  w.Key("Restarted");
-  w.Bool(outcome.restarted);
-  w.Key("More");
-  w.Bool(outcome.more);
-  w.Key("Missed");
-  if (outcome.missedUnknown) {
-    w.Null();
-  } else {
-    w.Uint64(outcome.missed);
-  }
-  WriteText(w, "Cursor", WriteCursor(cursor));
-  w.EndObject();
-  return std::string(buffer.GetString(), buffer.GetSize());
+    WriteObjects(w, "Entries", entries, [&](const LogRecord& e) {
+      WriteStamp(w, e);
+      WriteText(w, "Message", e.message);
+      WriteText(w, "MessageId", e.messageId);
+      WriteText(w, "OriginOfCondition", e.origin);
+      WriteNumber(w, "SensorNumber", e.sensorNumber);
+      WriteText(w, "EntryCode", e.entryCode);
+      WriteText(w, "Kind",
+                e.kind == LogKind::Cleared       ? "LogCleared"
+                : e.kind == LogKind::Deassertion ? "Deassertion"
+                                                 : "Event");
+      w.Key("Resolved");
+      w.Bool(e.resolved);
+      if (e.resolves) {
+        w.Key("Resolves");
+        WriteEarlier(w, *e.resolves);
+      }
+    });
+    w.Key("Restarted");
+    w.Bool(outcome.restarted);
+    w.Key("More");
+    w.Bool(outcome.more);
+    w.Key("Missed");
+    if (outcome.missedUnknown) {
+      w.Null();
+    } else {
+      w.Uint64(outcome.missed);
+    }
+    WriteText(w, "Cursor", WriteCursor(cursor));
+  });
 }
 
 }  // namespace redfish

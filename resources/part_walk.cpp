@@ -17,16 +17,9 @@ constexpr char kUpdateService[] = "/redfish/v1/UpdateService";
 constexpr char kExpand[] = "$expand=.($levels=1)";
 constexpr char kManagerSelect[] = "$select=Id,Name,FirmwareVersion,Status";
 
-std::string Text(const Value& object, const char* name) {
-  std::string value;
-  JsonString(object, name, value);
-  if (value.size() > kMaxText) value.resize(kMaxText);
-  return value;
-}
-
 // The Id that names a system or storage as its parts' parent.
 std::string IdOf(const Value& body, const std::string& path) {
-  std::string id = Text(body, "Id");
+  std::string id = JsonText(body, "Id", kMaxText);
   return id.empty() ? path.substr(path.find_last_of('/') + 1) : id;
 }
 
@@ -232,25 +225,18 @@ void PartWalk::Members(const Job& job, const Value& collection, Role memberRole,
 }
 
 void PartWalk::Handle(const Job& job, const Value& body, Found& found, std::vector<Job>& next) {
+  // A collection's members, and the role each has.
+  static constexpr std::pair<Role, Role> kCollections[] = {
+      {Role::Systems, Role::System},   {Role::Chassis, Role::ChassisBody},
+      {Role::Managers, Role::Manager}, {Role::Inventory, Role::Firmware},
+      {Role::Storages, Role::Storage}, {Role::Parts, Role::Part}};
+  for (const auto& [collection, member] : kCollections) {
+    if (job.role == collection) {
+      Members(job, body, member, found, next);
+      return;
+    }
+  }
   switch (job.role) {
-    case Role::Systems:
-      Members(job, body, Role::System, found, next);
-      return;
-    case Role::Chassis:
-      Members(job, body, Role::ChassisBody, found, next);
-      return;
-    case Role::Managers:
-      Members(job, body, Role::Manager, found, next);
-      return;
-    case Role::Inventory:
-      Members(job, body, Role::Firmware, found, next);
-      return;
-    case Role::Storages:
-      Members(job, body, Role::Storage, found, next);
-      return;
-    case Role::Parts:
-      Members(job, body, Role::Part, found, next);
-      return;
     case Role::System: {
       const std::string id = IdOf(body, job.path);
       Queue(next, {LinkOf(body, "Processors"), Role::Parts, PartKind::Processor, id, nullptr, 0});
@@ -311,8 +297,8 @@ void PartWalk::Handle(const Job& job, const Value& body, Found& found, std::vect
       if (found.parts->back().odataId.empty()) found.parts->back().odataId = job.path;
       if (job.role == Role::Manager && found.firmware != nullptr) {
         const Part& manager = found.parts->back();
-        found.firmware->push_back(
-            {"BMC", manager.id, manager.name, Text(body, "FirmwareVersion"), manager.odataId});
+        found.firmware->push_back({"BMC", manager.id, manager.name,
+                                   JsonText(body, "FirmwareVersion", kMaxText), manager.odataId});
       }
       return;
     case Role::Array:
@@ -328,9 +314,11 @@ void PartWalk::Handle(const Job& job, const Value& body, Found& found, std::vect
       if (found.firmware == nullptr) return;
       {
         const Part entry = PartOf(PartKind::Manager, body, "", job.position, notes_);
-        found.firmware->push_back(
-            {"Inventory", entry.id, entry.name, Text(body, "Version"), entry.odataId});
+        found.firmware->push_back({"Inventory", entry.id, entry.name,
+                                   JsonText(body, "Version", kMaxText), entry.odataId});
       }
+      return;
+    default:  // a collection, above
       return;
   }
 }

@@ -43,21 +43,10 @@ QueryFeatures FeaturesOf(const rapidjson::Value& root) {
 }
 
 bool& Usable(QueryFeatures& f, QueryOption option) {
-  switch (option) {
-    case QueryOption::Select:
-      return f.select;
-    case QueryOption::Expand:
-      return f.expand;
-    case QueryOption::Only:
-      return f.only;
-    case QueryOption::Filter:
-      return f.filter;
-    case QueryOption::TopSkip:
-      return f.topSkip;
-    case QueryOption::Excerpt:
-      break;
-  }
-  return f.excerpt;
+  static constexpr bool QueryFeatures::*kUsable[] = {
+      &QueryFeatures::select, &QueryFeatures::expand,  &QueryFeatures::only,
+      &QueryFeatures::filter, &QueryFeatures::topSkip, &QueryFeatures::excerpt};
+  return f.*kUsable[static_cast<size_t>(option)];
 }
 
 }  // namespace

@@ -13,15 +13,9 @@ namespace {
 
 using Value = rapidjson::Value;
 
-std::string Text(const Value& object, const char* name) {
-  std::string value;
-  JsonString(object, name, value);
-  return value;
-}
-
 std::string StatusField(const Value& object, const char* name) {
   const Value* status = JsonMember(object, "Status");
-  return status != nullptr ? Text(*status, name) : std::string();
+  return status != nullptr ? JsonText(*status, name) : std::string();
 }
 
 // A number, or none: absent and null are none; anything else is noted.
@@ -75,15 +69,15 @@ bool SensorOffer(const Value& s, const std::string& fallbackSource, Offer& offer
                  ReadNotes& notes) {
   if (Absent(s)) return false;
   SensorReading& r = offer.reading;
-  std::string uri = Text(s, "@odata.id");
-  r.id = Text(s, "Id");
-  r.name = Text(s, "Name");
+  std::string uri = JsonText(s, "@odata.id");
+  r.id = JsonText(s, "Id");
+  r.name = JsonText(s, "Name");
   if (r.id.empty() && r.name.empty()) return false;
   r.source = TrimmedUri(uri.empty() ? fallbackSource : uri);
   if (r.id.empty()) r.id = LastSegment(r.source);
   const std::string& where = r.source;
   r.reading = Number(s, "Reading", where, notes);
-  r.type = Text(s, "ReadingType");
+  r.type = JsonText(s, "ReadingType");
   const Value* units = JsonMember(s, "ReadingUnits");
   if (units == nullptr || units->IsNull()) {
     r.units = UnitsOfType(r.type);
@@ -92,7 +86,7 @@ bool SensorOffer(const Value& s, const std::string& fallbackSource, Offer& offer
   } else {
     notes.Add(where + ": ReadingUnits is not a string");
   }
-  r.physicalContext = Text(s, "PhysicalContext");
+  r.physicalContext = JsonText(s, "PhysicalContext");
   StatusOf(s, r);
   if (const Value* thresholds = ObjectMember(s, "Thresholds", where, notes)) {
     for (int i = 0; i < kThresholdCount; ++i) {
@@ -124,15 +118,21 @@ constexpr Property kThermalMetrics[] = {
 };
 constexpr const char* kSummaries[] = {"Internal", "Intake", "Exhaust", "Ambient"};
 
+// What EnvironmentMetrics and PowerSupplyMetrics both have.
+constexpr Property kTemperature{"TemperatureCelsius", "Cel", "Temperature",
+                                "temperature",        false, false};
+constexpr Property kEnergykWh{"EnergykWh", "kW.h", "EnergykWh", "energy", false, false};
+constexpr Property kFanSpeeds{"FanSpeedsPercent", "%", "Percent", "fan speed", true, true};
+
 constexpr Property kEnvironmentMetrics[] = {
-    {"TemperatureCelsius", "Cel", "Temperature", "temperature", false, false},
+    kTemperature,
     {"HumidityPercent", "%", "Humidity", "humidity", false, false},
     {"DewPointCelsius", "Cel", "Temperature", "dew point", false, false},
     {"AbsoluteHumidity", "g/m3", "AbsoluteHumidity", "absolute humidity", false, false},
     {"PowerWatts", "W", "Power", "power", false, false},
     {"EnergyJoules", "J", "EnergyJoules", "energy", false, false},
-    {"EnergykWh", "kW.h", "EnergykWh", "energy", false, false},
-    {"FanSpeedsPercent", "%", "Percent", "fan speed", true, true},
+    kEnergykWh,
+    kFanSpeeds,
 };
 
 constexpr Property kPowerSupplyMetrics[] = {
@@ -140,11 +140,11 @@ constexpr Property kPowerSupplyMetrics[] = {
     {"InputCurrentAmps", "A", "Current", "input current", false, false},
     {"InputPowerWatts", "W", "Power", "input power", false, false},
     {"OutputPowerWatts", "W", "Power", "output power", false, false},
-    {"EnergykWh", "kW.h", "EnergykWh", "energy", false, false},
+    kEnergykWh,
     {"FrequencyHz", "Hz", "Frequency", "input frequency", false, false},
-    {"TemperatureCelsius", "Cel", "Temperature", "temperature", false, false},
+    kTemperature,
     {"FanSpeedPercent", "%", "Percent", "fan speed", false, true},
-    {"FanSpeedsPercent", "%", "Percent", "fan speed", true, true},
+    kFanSpeeds,
     {"RailVoltage", "V", "Voltage", "rail voltage", true, false},
     {"RailCurrentAmps", "A", "Current", "rail current", true, false},
     {"RailPowerWatts", "W", "Power", "rail power", true, false},
@@ -175,14 +175,14 @@ void ExcerptOffer(const Value& e, const std::string& path, const std::string& po
     return;
   }
   if (p.fan) r.physicalContext = "Fan";
-  const std::string link = TrimmedUri(Text(e, "DataSourceUri"));
+  const std::string link = TrimmedUri(JsonText(e, "DataSourceUri"));
   offer.linked = !link.empty();
   r.source = offer.linked ? link : where;
   r.id = offer.linked ? LastSegment(link) : id;
-  r.name = Text(e, "DeviceName");
+  r.name = JsonText(e, "DeviceName");
   if (!offer.linked) offer.alias[0] = r.name;
   if (r.name.empty()) r.name = offer.linked ? r.id : name;
-  if (r.physicalContext.empty()) r.physicalContext = Text(e, "PhysicalContext");
+  if (r.physicalContext.empty()) r.physicalContext = JsonText(e, "PhysicalContext");
   offers.push_back(std::move(offer));
 }
 
@@ -268,13 +268,13 @@ void FanOffers(const Value& d, const std::string& path, std::vector<Offer>& offe
   if (Absent(d)) return;
   const Value* speed = ObjectMember(d, "SpeedPercent", path, notes);
   if (speed == nullptr) return;
-  std::string id = Text(d, "Id");
+  std::string id = JsonText(d, "Id");
   if (id.empty()) id = LastSegment(path);
-  std::string name = Text(d, "Name");
+  std::string name = JsonText(d, "Name");
   if (name.empty()) name = id;
   const Property percent{"SpeedPercent", "%", "Percent", "", false, true};
   const size_t first = offers.size();
-  const bool linked = !Text(*speed, "DataSourceUri").empty();
+  const bool linked = !JsonText(*speed, "DataSourceUri").empty();
   if (linked || JsonMember(*speed, "Reading") != nullptr) {
     ExcerptOffer(*speed, path, "/SpeedPercent", percent, id + "/SpeedPercent", name + " speed",
                  offers, notes);
@@ -296,7 +296,7 @@ void FanOffers(const Value& d, const std::string& path, std::vector<Offer>& offe
     StatusOf(d, o.reading);
     if (!o.linked) {
       o.alias[0] = id;
-      o.alias[1] = Text(d, "Name");
+      o.alias[1] = JsonText(d, "Name");
     }
   }
 }
@@ -330,7 +330,7 @@ constexpr const char* kOldThresholds[kThresholdCount] = {
 // it stands in the document.
 std::string EntrySource(const Value& entry, const std::string& path, const char* array,
                         size_t index) {
-  std::string id = Text(entry, "@odata.id");
+  std::string id = JsonText(entry, "@odata.id");
   if (!id.empty() && id.find('#') != std::string::npos) return id;
   return path + "#/" + array + "/" + std::to_string(index);
 }
@@ -352,25 +352,25 @@ void ArraysOf(const Value& d, const ArrayKind (&kinds)[N], const std::string& pa
       SensorReading& r = offer.reading;
       r.source = EntrySource(entry, path, kind.array, index);
       // Member ids repeat across the arrays ("0" in each): the array names it.
-      std::string member = Text(entry, "MemberId");
+      std::string member = JsonText(entry, "MemberId");
       if (member.empty()) member = std::to_string(index);
       r.id = std::string(kind.array) + "/" + member;
-      r.name = Text(entry, "Name");
-      if (r.name.empty()) r.name = Text(entry, "FanName");  // older Thermal schemas
+      r.name = JsonText(entry, "Name");
+      if (r.name.empty()) r.name = JsonText(entry, "FanName");  // older Thermal schemas
       offer.alias[0] = r.name;
       if (r.name.empty()) r.name = std::string(kind.array) + " " + member;
       for (const char* name : kind.readings) {
         if (name == nullptr || r.reading) break;
         r.reading = Number(entry, name, r.source, notes);
       }
-      r.units = Text(entry, "ReadingUnits");
-      if (r.units.empty()) r.units = Text(entry, "Units");
+      r.units = JsonText(entry, "ReadingUnits");
+      if (r.units.empty()) r.units = JsonText(entry, "Units");
       if (r.units.empty()) r.units = kind.units;
       r.type = kind.type;
       if (kind.replaced == Replaced::Fans && (r.units == "Percent" || r.units == "%")) {
         r.type = "Percent";
       }
-      r.physicalContext = Text(entry, "PhysicalContext");
+      r.physicalContext = JsonText(entry, "PhysicalContext");
       if (kind.replaced == Replaced::Fans && r.physicalContext.empty()) r.physicalContext = "Fan";
       StatusOf(entry, r);
       for (int i = 0; i < kThresholdCount; ++i) {
@@ -410,9 +410,9 @@ void PowerSuppliesOf(const Value& d, const std::string& path, std::vector<Offer>
   for (rapidjson::SizeType index = 0; index < supplies->Size(); ++index) {
     const Value& entry = (*supplies)[index];
     if (!entry.IsObject() || Absent(entry)) continue;
-    std::string member = Text(entry, "MemberId");
+    std::string member = JsonText(entry, "MemberId");
     if (member.empty()) member = std::to_string(index);
-    std::string name = Text(entry, "Name");
+    std::string name = JsonText(entry, "Name");
     if (name.empty()) name = "PowerSupplies " + member;
     const std::string base = EntrySource(entry, path, "PowerSupplies", index);
     for (const auto& k : kReadings) {

@@ -1,14 +1,10 @@
 #include "resources/readings_merge.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <algorithm>
 #include <cctype>
-#include <cmath>
 #include <unordered_map>
 
-#include "utils/utf8.h"
+#include "resources/json_output.h"
 
 namespace redfish {
 
@@ -39,40 +35,21 @@ bool Deprecated(SourceKind kind) {
   return kind == SourceKind::Thermal || kind == SourceKind::Power;
 }
 
+// The newer model that makes a deprecated reading redundant, by Replaced.
+constexpr bool NewerModels::*kReplacedBy[] = {nullptr, &NewerModels::temperatures,
+                                              &NewerModels::fans, &NewerModels::powerSupplies,
+                                              &NewerModels::chassisPower};
+
 bool ReplacedByNewer(Replaced replaced, const NewerModels& newer) {
-  switch (replaced) {
-    case Replaced::Temperatures:
-      return newer.temperatures;
-    case Replaced::Fans:
-      return newer.fans;
-    case Replaced::PowerSupplies:
-      return newer.powerSupplies;
-    case Replaced::PowerControl:
-      return newer.chassisPower;
-    case Replaced::None:
-      break;
-  }
-  return false;
+  bool NewerModels::*by = kReplacedBy[static_cast<size_t>(replaced)];
+  return by != nullptr && newer.*by;
 }
 
-const char* ResourceName(SourceKind kind) {
-  switch (kind) {
-    case SourceKind::Sensor:
-      return "Sensors";
-    case SourceKind::ThermalMetrics:
-    case SourceKind::Fan:
-      return "ThermalSubsystem";
-    case SourceKind::PowerSupplyMetrics:
-      return "PowerSubsystem";
-    case SourceKind::EnvironmentMetrics:
-      return "EnvironmentMetrics";
-    case SourceKind::Thermal:
-      return "Thermal";
-    case SourceKind::Power:
-      return "Power";
-  }
-  return "";
-}
+// The resource a source is of, by SourceKind.
+constexpr const char* kResourceNames[] = {
+    "Sensors",        "ThermalSubsystem",   "ThermalSubsystem",
+    "PowerSubsystem", "EnvironmentMetrics", "Thermal",
+    "Power"};
 
 // A figure in watts or joules from a reading in the units it came in; none
 // for units that are not of that quantity.
@@ -148,7 +125,7 @@ class Merger {
 
   void NoteSource(size_t chassis, SourceKind kind) {
     std::vector<std::string>& sources = out_[chassis].sources;
-    const std::string name = ResourceName(kind);
+    const std::string name = kResourceNames[static_cast<size_t>(kind)];
     if (std::find(sources.begin(), sources.end(), name) == sources.end()) sources.push_back(name);
   }
 
@@ -207,25 +184,6 @@ class Merger {
   std::vector<std::unordered_map<std::string, size_t>> names_;
 };
 
-// The BMC's texts are written as valid UTF-8, whatever it sent.
-void WriteString(rapidjson::Writer<rapidjson::StringBuffer>& w, const char* key,
-                 const std::string& value) {
-  const std::string text = ValidUtf8(value);
-  w.Key(key);
-  w.String(text.c_str(), static_cast<rapidjson::SizeType>(text.size()));
-}
-
-// A number JSON cannot hold (infinity) is no number.
-void WriteNumber(rapidjson::Writer<rapidjson::StringBuffer>& w, const char* key,
-                 const std::optional<double>& value) {
-  w.Key(key);
-  if (value && std::isfinite(*value)) {
-    w.Double(*value);
-  } else {
-    w.Null();
-  }
-}
-
 }  // namespace
 
 void MergeReadings(const std::vector<ChassisOfReadings>& chassis,
@@ -259,48 +217,36 @@ void MergeReadings(const std::vector<ChassisOfReadings>& chassis,
 }
 
 std::string ReadingsDocument(const std::vector<ChassisReadings>& chassis) {
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> w(buffer);
-  w.StartObject();
-  w.Key("Chassis");
-  w.StartArray();
-  for (const ChassisReadings& c : chassis) {
-    w.StartObject();
-    WriteString(w, "Id", c.id);
-    WriteString(w, "@odata.id", c.odataId);
-    w.Key("Sources");
-    w.StartArray();
-    for (const std::string& s : c.sources) w.String(s.c_str());
-    w.EndArray();
-    WriteNumber(w, "PowerWatts", c.powerWatts);
-    WriteString(w, "PowerSource", c.powerSource);
-    WriteNumber(w, "EnergyJoules", c.energyJoules);
-    WriteString(w, "EnergySource", c.energySource);
-    w.Key("Sensors");
-    w.StartArray();
-    for (const SensorReading& s : c.sensors) {
-      w.StartObject();
-      WriteString(w, "Id", s.id);
-      WriteString(w, "Name", s.name);
-      WriteNumber(w, "Reading", s.reading);
-      WriteString(w, "ReadingUnits", s.units);
-      WriteString(w, "ReadingType", s.type);
-      WriteString(w, "PhysicalContext", s.physicalContext);
-      WriteString(w, "Health", s.health);
-      WriteString(w, "State", s.state);
-      w.Key("Thresholds");
-      w.StartObject();
-      for (int i = 0; i < kThresholdCount; ++i) WriteNumber(w, kThresholdNames[i], s.thresholds[i]);
-      w.EndObject();
-      WriteString(w, "DataSourceUri", s.source);
-      w.EndObject();
-    }
-    w.EndArray();
-    w.EndObject();
-  }
-  w.EndArray();
-  w.EndObject();
-  return std::string(buffer.GetString(), buffer.GetSize());
+  return JsonObjectText([&](JsonWriter& w) {
+    WriteObjects(w, "Chassis", chassis, [&](const ChassisReadings& c) {
+      WriteText(w, "Id", c.id);
+      WriteText(w, "@odata.id", c.odataId);
+      w.Key("Sources");
+      w.StartArray();
+      for (const std::string& s : c.sources) w.String(s.c_str());
+      w.EndArray();
+      WriteNumber(w, "PowerWatts", c.powerWatts);
+      WriteText(w, "PowerSource", c.powerSource);
+      WriteNumber(w, "EnergyJoules", c.energyJoules);
+      WriteText(w, "EnergySource", c.energySource);
+      WriteObjects(w, "Sensors", c.sensors, [&](const SensorReading& s) {
+        WriteText(w, "Id", s.id);
+        WriteText(w, "Name", s.name);
+        WriteNumber(w, "Reading", s.reading);
+        WriteText(w, "ReadingUnits", s.units);
+        WriteText(w, "ReadingType", s.type);
+        WriteText(w, "PhysicalContext", s.physicalContext);
+        WriteText(w, "Health", s.health);
+        WriteText(w, "State", s.state);
+        w.Key("Thresholds");
+        w.StartObject();
+        for (int i = 0; i < kThresholdCount; ++i)
+          WriteNumber(w, kThresholdNames[i], s.thresholds[i]);
+        w.EndObject();
+        WriteText(w, "DataSourceUri", s.source);
+      });
+    });
+  });
 }
 
 }  // namespace redfish

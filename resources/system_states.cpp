@@ -1,8 +1,5 @@
 #include "resources/system_states.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include "platform/tessel/http.h"
 #include "resources/documents.h"
 #include "resources/health_parts.h"
@@ -11,7 +8,6 @@
 #include "utils/failure_record.h"
 #include "utils/json_access.h"
 #include "utils/redfish_status.h"
-#include "utils/utf8.h"
 
 namespace redfish {
 
@@ -55,19 +51,6 @@ int SystemIds(ReadContext& read, std::vector<std::string>& ids) {
   return RedfishStatusOk;
 }
 
-void WriteText(rapidjson::Writer<rapidjson::StringBuffer>& w, const char* key,
-               const std::string& value) {
-  const std::string valid = ValidUtf8(value);
-  w.Key(key);
-  w.String(valid.c_str(), static_cast<rapidjson::SizeType>(valid.size()));
-}
-
-std::string Text(const rapidjson::Value& object, const char* name) {
-  std::string value;
-  JsonString(object, name, value);
-  return value;
-}
-
 }  // namespace
 
 int ReadSystemHealth(ReadContext& read, std::vector<SystemHealth>& systems, bool share) {
@@ -84,14 +67,14 @@ int ReadSystemHealth(ReadContext& read, std::vector<SystemHealth>& systems, bool
     if (d.HasParseError()) return RedfishStatusBadJson;
     if (!d.IsObject()) return RedfishStatusUnexpectedJson;
     SystemHealth s;
-    s.id = Text(d, "Id");
+    s.id = JsonText(d, "Id");
     s.odataId = id;
-    s.powerState = Text(d, "PowerState");
-    s.biosVersion = Text(d, "BiosVersion");
+    s.powerState = JsonText(d, "PowerState");
+    s.biosVersion = JsonText(d, "BiosVersion");
     if (const rapidjson::Value* status = JsonMember(d, "Status")) {
-      s.state = Text(*status, "State");
-      s.health = Text(*status, "Health");
-      s.healthRollup = Text(*status, "HealthRollup");
+      s.state = JsonText(*status, "State");
+      s.health = JsonText(*status, "Health");
+      s.healthRollup = JsonText(*status, "HealthRollup");
     }
     s.digest = HealthDigest(d);
     seen.push_back(std::move(s));
@@ -127,27 +110,10 @@ int ReadSystemStates(ReadContext& read, std::string& document) {
   std::vector<SystemHealth> systems;
   const int result = ReadSystemHealth(read, systems, true);
   if (result != RedfishStatusOk) return result;
-  rapidjson::StringBuffer buffer;
-  rapidjson::Writer<rapidjson::StringBuffer> w(buffer);
-  w.StartObject();
-  w.Key("Systems");
-  w.StartArray();
-  for (const SystemHealth& s : systems) {
-    w.StartObject();
-    WriteText(w, "Id", s.id);
-    WriteText(w, "@odata.id", s.odataId);
-    WriteText(w, "PowerState", s.powerState);
-    w.Key("Status");
-    w.StartObject();
-    WriteText(w, "State", s.state);
-    WriteText(w, "Health", s.health);
-    WriteText(w, "HealthRollup", s.healthRollup);
-    w.EndObject();
-    w.EndObject();
-  }
-  w.EndArray();
-  w.EndObject();
-  document.assign(buffer.GetString(), buffer.GetSize());
+  document = JsonObjectText([&](JsonWriter& w) {
+    WriteObjects(w, "Systems", systems,
+                 [&](const SystemHealth& s) { WriteSystem(w, s, kWholeText); });
+  });
   return RedfishStatusOk;
 }
 

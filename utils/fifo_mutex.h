@@ -8,7 +8,8 @@
 // the mutex to the first waiter directly (it owns it before it even runs),
 // so a call waits only for the calls queued before it.
 //
-// Not recursive; lock() and unlock() make it usable with std::lock_guard.
+// Not recursive, not copyable; lock() and unlock() make it usable with
+// std::lock_guard.
 // A waiter sleeps on a futex word of its own (a release wakes one thread) and,
 // being a thread asleep in the library, keeps the log's deadline meanwhile
 // (Tessel::Service::LogSleep).
@@ -19,10 +20,6 @@ namespace redfish {
 
 class FifoMutex {
  public:
-  FifoMutex() = default;
-  FifoMutex(const FifoMutex&) = delete;
-  FifoMutex& operator=(const FifoMutex&) = delete;
-
   void lock();    // NOLINT(readability-identifier-naming): std's lockable
   void unlock();  // NOLINT(readability-identifier-naming): std's lockable
 

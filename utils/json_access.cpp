@@ -21,4 +21,11 @@ bool JsonString(const rapidjson::Value& value, const char* name, std::string& ou
   return true;
 }
 
+std::string JsonText(const rapidjson::Value& value, const char* name, size_t limit) {
+  std::string text;
+  JsonString(value, name, text);
+  if (text.size() > limit) text.resize(limit);
+  return text;
+}
+
 }  // namespace redfish

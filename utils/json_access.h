@@ -17,4 +17,9 @@ const rapidjson::Value* JsonMember(const rapidjson::Value& value, const char* na
 // The string member of that name; false when absent or not a string.
 bool JsonString(const rapidjson::Value& value, const char* name, std::string& out);
 
+// The string member of that name, cut to its first limit bytes; "" when
+// absent or not a string.
+std::string JsonText(const rapidjson::Value& value, const char* name,
+                     size_t limit = std::string::npos);
+
 }  // namespace redfish

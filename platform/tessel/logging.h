@@ -48,6 +48,18 @@ constexpr size_t kMaxLogRecordBytes = 4096;
 // sent can thus neither forge a record nor make a huge one.
 std::string LogRecordText(std::string_view message);
 
+// What stands for a span of a thread's work while it lives on the thread's
+// stack: neither copied nor moved.
+class ThreadScope {
+ public:
+  ThreadScope(const ThreadScope&) = delete;
+  ThreadScope& operator=(const ThreadScope&) = delete;
+
+ protected:
+  ThreadScope() = default;
+  ~ThreadScope() = default;
+};
+
 // While one lives on a thread (a library call), the built-in sink holds that
 // thread's traces (records above level 3) and hands them over when the
 // outermost batch ends. They are written with those of other calls, in one
@@ -55,12 +67,10 @@ std::string LogRecordText(std::string_view message);
 // oldest has waited 50 ms; so a process that goes quiet has written all. A
 // failure record (level 3 or below), and everything handed over before it, is
 // written before the call goes on, so the order is kept and no failure waits.
-class LogBatch {
+class LogBatch : ThreadScope {
  public:
   LogBatch() noexcept;
   ~LogBatch();
-  LogBatch(const LogBatch&) = delete;
-  LogBatch& operator=(const LogBatch&) = delete;
 };
 
 // A thread of the library asleep (waiting for an answer), which must wake by
@@ -68,12 +78,10 @@ class LogBatch {
 // because it then writes those whose 50 ms have passed, or all of them when it
 // is the last sleeper to wake. It also hands its own call's traces over once
 // the oldest is 50 ms old, so that a call stuck on a slow BMC has them written.
-class LogSleep {
+class LogSleep : ThreadScope {
  public:
   LogSleep() noexcept;
   ~LogSleep();
-  LogSleep(const LogSleep&) = delete;
-  LogSleep& operator=(const LogSleep&) = delete;
   // The monotonic time (µs) to wake by: untilUs or earlier.
   int64_t Until(int64_t untilUs) const noexcept {
     return untilUs < wakeByUs_ ? untilUs : wakeByUs_;
