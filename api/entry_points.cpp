@@ -191,12 +191,6 @@ extern "C" BMCREDFISH_API int Redfish_GetLastFailure(RedfishFailure* failure) {
 
 extern "C" BMCREDFISH_API void Redfish_FreeText(char* text) { std::free(text); }
 
-extern "C" BMCREDFISH_API int Redfish_GetSensorReadings(const char* user, const char* password,
-                                                        const char* host, unsigned int timeoutMs,
-                                                        char** json) {
-  return WholeReadCall(user, password, host, timeoutMs, json, redfish::ReadSensorReadings);
-}
-
 extern "C" BMCREDFISH_API int Redfish_GetAllowedCommands(const char* user, const char* password,
                                                          const char* host, unsigned int timeoutMs,
                                                          unsigned int* commands) {
@@ -220,12 +214,7 @@ extern "C" BMCREDFISH_API int Redfish_GetResource(const char* user, const char* 
 
 extern "C" BMCREDFISH_API const char* Redfish_GetVersion(void) { return BMCREDFISH_VERSION_STRING; }
 
-extern "C" BMCREDFISH_API int Redfish_GetSystems(const char* user, const char* password,
-                                                 const char* host, unsigned int timeoutMs,
-                                                 char** json) {
-  return WholeReadCall(user, password, host, timeoutMs, json, redfish::ReadSystemStates);
-}
-
+// The whole reads: one budget of time and members for all that each asks.
 extern "C" BMCREDFISH_API int Redfish_GetHealth(const char* user, const char* password,
                                                 const char* host, unsigned int timeoutMs,
                                                 const char* previous, const char* readings,
@@ -243,4 +232,16 @@ extern "C" BMCREDFISH_API int Redfish_GetLogEntries(const char* user, const char
                        [&](redfish::ReadContext& read, std::string& text) {
                          return redfish::ReadLogEntries(read, cursor, text);
                        });
+}
+
+extern "C" BMCREDFISH_API int Redfish_GetSensorReadings(const char* user, const char* password,
+                                                        const char* host, unsigned int timeoutMs,
+                                                        char** json) {
+  return WholeReadCall(user, password, host, timeoutMs, json, redfish::ReadSensorReadings);
+}
+
+extern "C" BMCREDFISH_API int Redfish_GetSystems(const char* user, const char* password,
+                                                 const char* host, unsigned int timeoutMs,
+                                                 char** json) {
+  return WholeReadCall(user, password, host, timeoutMs, json, redfish::ReadSystemStates);
 }
