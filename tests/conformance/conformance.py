@@ -160,18 +160,7 @@ class Table:
 
 def matches(pattern, text):
     """'*' in pattern stands for any run of characters; nothing else is special."""
-    parts = pattern.split("*")
-    if len(parts) == 1:
-        return pattern == text
-    if not text.startswith(parts[0]) or not text.endswith(parts[-1]):
-        return False
-    at, end = len(parts[0]), len(text) - len(parts[-1])
-    for part in parts[1:-1]:
-        found = text.find(part, at, end)
-        if found < 0:
-            return False
-        at = found + len(part)
-    return at <= end
+    return re.fullmatch(".*".join(map(re.escape, pattern.split("*"))), text, re.S) is not None
 
 
 # ---- the emulated host ---------------------------------------------------

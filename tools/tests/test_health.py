@@ -1,12 +1,11 @@
 """The emulator's hardware health: each fault fails one part and raises what
-rolls it up (a failed drive's controller excepted), a BMC that leaves
-HealthRollup empty, and the control endpoint."""
+rolls it up (a failed drive's controller excepted), and a BMC that leaves
+HealthRollup empty."""
 
 import sys
 import unittest
 from pathlib import Path
 
-from emulator_harness import Emulator
 
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 from bmc_emulator import health, model as modellib, tree  # noqa: E402
@@ -72,31 +71,6 @@ class FaultTest(unittest.TestCase):
         m.health.configure({"faults": ["memory"]})
         self.assertEqual(part(m, target)["Status"]["Health"], "Critical")
         self.assertEqual(m.render(m.system_paths[0]), before)
-
-
-class ControlTest(unittest.TestCase):
-    def test_faults_firmware_and_refusals_through_the_endpoint(self):
-        emu = Emulator("generic", "--health-fault", "fan").start()
-        try:
-            fan = "/redfish/v1/Chassis/1U/ThermalSubsystem/Fans/Fan1"
-            self.assertEqual(emu.get_json(fan)[1]["Status"]["Health"], "Critical")
-            reply = emu.control("POST", "health", {"faults": ["drive"], "bmc_firmware": "9.9"})
-            self.assertEqual(reply.status, 200, reply.body)
-            self.assertEqual(emu.get_json(fan)[1]["Status"]["Health"], "OK")
-            self.assertEqual(emu.get_json("/redfish/v1/Managers/BMC")[1]["FirmwareVersion"], "9.9")
-            inventory = emu.get_json("/redfish/v1/UpdateService/FirmwareInventory/bmc_active")[1]
-            self.assertEqual(inventory["Version"], "9.9")
-            self.assertEqual(emu.control("POST", "health", {"faults": ["psu"]}).status, 400)
-            self.assertEqual(emu.control("DELETE", "health").json()["faults"], [])
-        finally:
-            self.assertEqual(emu.stop(), 0)
-        emu = Emulator("gh200-tree").start()
-        try:
-            reply = emu.control("POST", "health", {"faults": ["power-supply"]})
-            self.assertEqual(reply.status, 400)
-            self.assertIn("no power-supply", reply.json()["error"])
-        finally:
-            self.assertEqual(emu.stop(), 0)
 
 
 if __name__ == "__main__":
