@@ -27,6 +27,8 @@ COMMANDS = ["on", "force-off", "force-on", "force-restart", "graceful-restart",
             "graceful-shutdown", "push-power-button", "nmi", "power-cycle"]
 VARIABLE = re.compile(r"\$([A-Z][A-Z0-9_]*)")
 RECORD = re.compile(r"^\S+ Redfish\[(\d+)\] (.*)$")
+# A sanitizer runtime preloaded for the library is not curl's to load.
+TOOL_ENV = {k: v for k, v in os.environ.items() if k != "LD_PRELOAD"}
 
 
 class TableError(Exception):
@@ -168,7 +170,7 @@ def matches(pattern, text):
 def control(base, path, body, method="POST"):
     subprocess.run(["curl", "-sfk", "-o", "/dev/null", "-X", method, "-H",
                     "Content-Type: application/json", "--data-binary", "@-", base + path],
-                   input=body.encode(), check=True)
+                   input=body.encode(), check=True, env=TOOL_ENV)
 
 
 def log_lines(path):
@@ -202,7 +204,7 @@ class Host:
             subprocess.run(["curl", "-sf", "-o", "/dev/null", "-X", "PUT", "--data-binary",
                             self.table.substitute("$ROUTE", {"ROUTE_ADDRESS": address}, 0),
                             "http://127.0.0.1:549" + ROUTE_PATH],
-                           check=True)
+                           check=True, env=TOOL_ENV)
             self.route_known = route != "differs"
         if route == "404":
             portico_faults.append("get=404@1")
