@@ -52,29 +52,6 @@ TEST(Collector, ScrapesBegunDuringAReadShareIt) {
   EXPECT_EQ(bmc.reads, 1);
 }
 
-TEST(Collector, ASlowReadAnswersByTheDeadlineWithEarlierValuesMarkedStale) {
-  FakeBmc bmc;
-  Collector collector(bmc.Function(), milliseconds(0));
-  const Snapshot first = ScrapeWithin(collector, 5000);
-  ASSERT_FALSE(first.stale);
-
-  bmc.delayMs = 2000;
-  const auto start = Clock::now();
-  const Snapshot late = ScrapeWithin(collector, 300);
-  const auto waited = Clock::now() - start;
-  EXPECT_GE(waited, milliseconds(300));
-  EXPECT_LT(waited, milliseconds(1500));
-  EXPECT_TRUE(late.stale);
-  EXPECT_EQ(late.powerOn, first.powerOn) << "the earlier read's value";
-  EXPECT_EQ(late.reads, first.reads);
-
-  // The read goes on and serves the next scrape, which starts no other.
-  const Snapshot next = ScrapeWithin(collector, 5000);
-  EXPECT_FALSE(next.stale);
-  EXPECT_NE(next.powerOn, first.powerOn);
-  EXPECT_EQ(bmc.reads, static_cast<int>(first.reads) + 1);
-}
-
 TEST(Collector, AReadYoungerThanTheMaximumAgeServesWithoutReading) {
   // A minute apart from its read at most, however slow the machine.
   FakeBmc young;

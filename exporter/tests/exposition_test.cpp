@@ -113,30 +113,3 @@ TEST(Exposition, LabelValuesAreTheBmcsTextsAsRedfishctlPrintsThemEscaped) {
   EXPECT_EQ(SampleValue(0.1 + 0.2), "0.30000000000000004");
   EXPECT_EQ(SampleValue(-1.0 / 0.0), "-Inf");
 }
-
-TEST(Exposition, FailedAndMalformedReadsKeepEverySeriesMarkedStale) {
-  Snapshot s;
-  const auto before = Names(Samples(Render(s, {1000, 0, "1.1.0"})));
-  EXPECT_EQ(before.count("bmcredfish_up"), 1u);
-  EXPECT_EQ(before.count(R"(bmcredfish_last_result{call="systems"})"), 0u) << "no read yet";
-
-  ApplyRead(s, Good(), 1000);
-  const auto good = Samples(Render(s, {1000, 0, "1.1.0"}));
-
-  ReadResult refused;
-  refused.systems = refused.sensors = {40005, 7};
-  ApplyRead(s, refused, 1060);
-  auto failed = Samples(Render(s, {1060, 0, "1.1.0"}));
-  EXPECT_EQ(Names(failed), Names(good));
-  EXPECT_EQ(failed[R"(bmcredfish_last_result{call="systems"})"], "40005");
-  EXPECT_EQ(failed[R"(bmcredfish_last_failure_link{call="sensor_readings"})"], "7");
-  EXPECT_EQ(failed["bmcredfish_readings_age_seconds"], "60");
-  EXPECT_EQ(failed["bmcredfish_read_failures_total"], "1");
-
-  // The library's document not of the expected shape counts as a bad document.
-  ApplyRead(s, Good(R"({"Chassis":{}})"), 1070);
-  failed = Samples(Render(s, {1070, 0, "1.1.0"}));
-  EXPECT_EQ(Names(failed), Names(good));
-  EXPECT_EQ(failed[R"(bmcredfish_last_result{call="sensor_readings"})"], "20004");
-  EXPECT_EQ(failed[R"(bmcredfish_last_result{call="systems"})"], "0");
-}

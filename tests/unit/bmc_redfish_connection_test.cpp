@@ -46,33 +46,6 @@ fake_http::Reply WithHeader(fake_http::Reply r, const char* name, const char* va
 
 }  // namespace
 
-TEST_F(Connection, CredentialsAreEncodedUpToTheBufferLimit) {
-  auto c = Make();
-  EXPECT_TRUE(c->EncodeUserPass("", ""));
-  EXPECT_TRUE(c->EncodeUserPass(std::string(190, 'u'), std::string(190, 'p')));   // 381 bytes
-  EXPECT_FALSE(c->EncodeUserPass(std::string(191, 'u'), std::string(190, 'p')));  // 382 bytes
-  EXPECT_TRUE(log.Has(3, "Insufficient buffer size to capture encoded username and password"));
-}
-
-TEST_F(Connection, ConstructorFailuresThrowTwoDistinctTypes) {
-  try {
-    Make(std::string(191, 'u'), std::string(190, 'p'));
-    FAIL() << "no exception";
-  } catch (redfish::RedfishStatus status) {
-    EXPECT_EQ(status, 40004);
-  }
-  EXPECT_TRUE(log.Has(3, "Failed to encode username and password."));
-
-  BmcHttpConnection::_bmcJsonUpdated = false;
-  fake_http::SetHandler([](const fake_http::Request&) { return fake_http::Json(503, ""); });
-  try {
-    Make();
-    FAIL() << "no exception";
-  } catch (int code) {
-    EXPECT_EQ(code, 503);
-  }
-}
-
 TEST_F(Connection, GetSendsBasicCredentialsAndReadsTheWholeBody) {
   const std::string big(100000, 'x');
   fake_http::Reply noLength;

@@ -51,36 +51,6 @@ const LogRecord& ById(const std::vector<LogRecord>& records, const std::string& 
 
 }  // namespace
 
-TEST(EventLog, EachCapturedBmcsPlatformLogIsChosenByWhatItsServicesSay) {
-  const std::map<std::string, std::string> expected = {
-      {"dell", "Managers/iDRAC.Embedded.1/LogServices/Sel"},
-      {"hpe", "Systems/1/LogServices/IML"},
-      {"lenovo", "Systems/1/LogServices/PlatformLog"},
-      {"supermicro", "Systems/1/LogServices/Log1"},
-      {"nvidia_gh200", "Systems/System_0/LogServices/SEL"}};
-  for (const auto& [tree, chosen] : expected) {
-    const fs::path root = fs::path(REDFISH_TREES) / tree / "redfish/v1";
-    std::string best;
-    int bestScore = 0;
-    for (const char* owners : {"Systems", "Managers"}) {
-      for (const auto& owner : fs::directory_iterator(root / owners)) {
-        if (!fs::is_directory(owner.path() / "LogServices")) continue;
-        for (const auto& service : fs::directory_iterator(owner.path() / "LogServices")) {
-          if (!fs::exists(service.path() / "index.json")) continue;
-          rapidjson::Document d;
-          redfish::ParseJson(d, Slurp(service.path() / "index.json"));
-          const int score = redfish::LogServiceScore(d, std::string(owners) == "Systems");
-          if (score > bestScore) {
-            bestScore = score;
-            best = fs::relative(service.path(), root).string();
-          }
-        }
-      }
-    }
-    EXPECT_EQ(best, chosen) << tree;
-  }
-}
-
 TEST(EventLog, RealEntriesAreNormalisedPairedAndOrdered) {
   // Supermicro lists oldest first with some clock steps backwards; two
   // power-supply assertions end with deassertions of the same sensor.

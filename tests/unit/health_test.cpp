@@ -155,21 +155,6 @@ TEST_F(HealthTest, NamesTheFailedPartAndWalksOnlyWhenWhatItWatchesChanges) {
   EXPECT_EQ(Field(updated, "/Firmware/0/Version"), "2.0");
 }
 
-TEST_F(HealthTest, SharesTheSystemsReadJustMadeAndIgnoresAPreviousItDidNotWrite) {
-  const std::string cold = Health(nullptr);
-  char* systems = nullptr;
-  ASSERT_EQ(Redfish_GetSystems("u", "p", nullptr, 1000, &systems), 0);
-  Redfish_FreeText(systems);
-  Health(cold.c_str());
-  ASSERT_EQ(result, 0);
-  EXPECT_EQ(AskedBmc(), 1) << "the manager; Redfish_GetSystems read the system a moment ago";
-  const std::string doc = Health("{\"Parts\":7}");
-  ASSERT_EQ(result, 0);
-  EXPECT_EQ(Asked("/Systems/1/Memory"), 1) << "a previous that is not one walks";
-  EXPECT_TRUE(log.HasPrefix(3, "health: the previous document is not one"));
-  EXPECT_EQ(Field(doc, "/Parts"), Field(cold, "/Parts"));
-}
-
 TEST_F(HealthTest, HostileCollectionsEndInBoundedWorkAndSayWhatWasLeftOut) {
   // 10,000 members given as links, one given whole without any id and with a
   // Health Redfish does not know, and a storage collection that lists itself.

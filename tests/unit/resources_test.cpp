@@ -104,31 +104,3 @@ TEST_F(Resources, SensorBodyMustBeAnObject) {
     EXPECT_EQ(info, result == 0 ? body : "old");
   }
 }
-
-TEST_F(Resources, ManagerNicsAndMacs) {
-  bmc.Json(
-         "/bmc/redfish/v1/Managers",
-         R"({"Members":[{"@odata.id":"/redfish/v1/Managers/1"},{"@odata.id":"/redfish/v1/Managers/2"}]})")
-      .Json(
-          "/bmc/redfish/v1/Managers/1/EthernetInterfaces",
-          R"({"Members":[{"@odata.id":"/redfish/v1/Managers/1/EthernetInterfaces/1"},{"@odata.id":"/redfish/v1/Managers/1/EthernetInterfaces/2"}]})")
-      .Json("/bmc/redfish/v1/Managers/2/EthernetInterfaces", R"({"Members":[]})")
-      .Json("/bmc/redfish/v1/Managers/1/EthernetInterfaces/1/?$select=MACAddress",
-            R"({"MACAddress":"aa:bb:cc:dd:ee:01"})")
-      .Json("/bmc/redfish/v1/Managers/1/EthernetInterfaces/2/?$select=MACAddress", "null");
-  bmc.Install();
-  uint8_t count = 9;
-  EXPECT_EQ(connection->GetManagerEthernetNicCount(0, count, 500ms), 0);
-  EXPECT_EQ(count, 2);
-  EXPECT_EQ(connection->GetManagerEthernetNicCount(1, count, 500ms), 0);
-  EXPECT_EQ(count, 0);
-  EXPECT_EQ(connection->GetManagerEthernetNicCount(2, count, 500ms), 40001);
-  std::string mac = "old";
-  EXPECT_EQ(connection->GetManagerEthernetMac(mac, 500ms, 0, 0), 0);
-  EXPECT_EQ(mac, "aa:bb:cc:dd:ee:01");
-  mac = "old";
-  EXPECT_EQ(connection->GetManagerEthernetMac(mac, 500ms, 0, 1), 20004);
-  EXPECT_EQ(connection->GetManagerEthernetMac(mac, 500ms, 1, 0), 40001);
-  EXPECT_TRUE(log.Has(3, "Unsupported Ethernet NIC Index 0"));
-  EXPECT_EQ(mac, "old");
-}

@@ -279,31 +279,6 @@ TEST_F(Api, LoopsAreReadOnceAndNothingToShowSaysWhy) {
   EXPECT_EQ(Read(text), 40001);
 }
 
-TEST_F(Api, ThermalAndPowerAloneAreReadAgainInOneExpandedRequest) {
-  const std::string thermal =
-      R"({"@odata.id":"/redfish/v1/Chassis/1/Thermal","Temperatures":[{"Name":"In","ReadingCelsius":21}]})";
-  const std::string power =
-      R"({"@odata.id":"/redfish/v1/Chassis/1/Power","PowerControl":[{"PowerConsumedWatts":531}]})";
-  bmc.Json(kRoot, R"({"ProtocolFeaturesSupported":{"ExpandQuery":{"Levels":true,"NoLinks":true}}})")
-      .Json(kChassis,
-            R"({"Id":"1","Thermal":{"@odata.id":"/redfish/v1/Chassis/1/Thermal"},
-                "Power":{"@odata.id":"/redfish/v1/Chassis/1/Power"}})")
-      .Json("/bmc/redfish/v1/Chassis/1/Thermal", thermal)
-      .Json("/bmc/redfish/v1/Chassis/1/Power", power)
-      .Json("/bmc/redfish/v1/Chassis/1?$expand=.($levels=1)",
-            R"({"Id":"1","Thermal":)" + thermal + R"(,"Power":)" + power + "}")
-      .Install();
-  std::string cold, warm;
-  ASSERT_EQ(Read(cold), 0);
-  bmc.Install();
-  ASSERT_EQ(Read(warm), 0);
-  EXPECT_EQ(warm, cold);
-  EXPECT_EQ(Targets(),
-            (std::multiset<std::string>{"/bmc/redfish/v1/Chassis/1?$expand=.($levels=1)"}));
-}
-
-// Threads reading one BMC at once share what the first walk learnt, and each
-// gets the whole document.
 TEST_F(Api, ConcurrentReadsOfOneBmcEachGetEveryReading) {
   bmc.Json(kChassis, R"({"Id":"1","Sensors":{"@odata.id":"/redfish/v1/Chassis/1/Sensors"}})")
       .Json("/bmc/redfish/v1/Chassis/1/Sensors",

@@ -82,38 +82,6 @@ TEST(Readings, OneAcceptanceRuleForEveryTool) {
 // The units decide, the type and place only say what a percentage is of:
 // firmware calls fans "AirFlow", powers "Current", and writes "" for the
 // states of discrete sensors whose 0 is no temperature.
-// Spellings beyond those the exporter's exposition test shows in their metrics.
-TEST(Readings, UnitsSayWhatAReadingMeasures) {
-  const struct {
-    const char* units;
-    const char* type;
-    const char* context;
-    Quantity quantity;
-    double scale;
-  } cases[] = {
-      {"C", "Temperature", "", Quantity::Temperature, 1},
-      {"", "Temperature", "", Quantity::Other, 1},
-      {"kW", "Power", "", Quantity::Power, 1e3},
-      {"mV", "Voltage", "", Quantity::Voltage, 1e-3},
-      {"%", "Rotational", "", Quantity::FanDuty, 1e-2},
-      {"%", "Humidity", "", Quantity::Humidity, 1e-2},
-      {"Percent", "", "SystemBoard", Quantity::Ratio, 1e-2},
-      {"J", "EnergyJoules", "", Quantity::Energy, 1},
-      {"Pa", "Altitude", "", Quantity::Pressure, 1},
-      {"CFM", "", "", Quantity::Airflow, 0.028316846592 / 60},
-      {"furlongs", "Length", "", Quantity::Other, 1},
-  };
-  for (const auto& c : cases) {
-    Sensor s;
-    s.units = c.units;
-    s.type = c.type;
-    s.physicalContext = c.context;
-    const Meaning m = MeaningOf(s);
-    EXPECT_EQ(m.quantity, c.quantity) << c.units << " " << c.type;
-    EXPECT_NEAR(m.scale, c.scale, c.scale * 1e-12) << c.units;
-  }
-}
-
 TEST(Mac, AcceptsWhatPeopleTypeAndRefusesTheRest) {
   std::string c;
   for (const char* ok : {"b0:7b:25:e4:1f:6a", "B0:7B:25:E4:1F:6A", "B0-7b-25-E4-1f-6A"}) {

@@ -34,47 +34,5 @@ class ServiceTest(EmulatorCase):
         self.assertEqual((status, body["PowerState"]), (200, "Off"))
 
 
-class FaultTest(EmulatorCase):
-    """The fault kinds no other test uses (delay, status, body and sensors-404 are the
-    integration tests'), from the control endpoint."""
-
-    PROFILE = "generic"
-
-    def tearDown(self):
-        self.emu.control("DELETE", "faults")
-
-    def set_faults(self, *specs):
-        reply = self.emu.control("POST", "faults", list(specs))
-        self.assertEqual(reply.status, 200, reply.body)
-
-    def test_runtime_faults(self):
-        chassis = "/redfish/v1/Chassis"
-        full = len(self.emu.curl(chassis).body)
-
-        with self.subTest("retry-after"):
-            self.set_faults(chassis + ":retry-after=7")
-            reply = self.emu.curl(chassis)
-            self.assertEqual((reply.status, reply.headers["retry-after"]), (503, "7"))
-        with self.subTest("drop"):
-            self.set_faults(chassis + ":drop@1")
-            self.assertEqual(self.emu.curl(chassis).rc, 52)  # empty reply from server
-            self.assertEqual(self.emu.curl(chassis).status, 200)
-        with self.subTest("truncate"):
-            self.set_faults(chassis + ":truncate=20")
-            reply = self.emu.curl(chassis)
-            self.assertEqual(reply.rc, 18)  # transfer closed with outstanding data
-            self.assertEqual(len(reply.body), 20)
-            self.assertEqual(int(reply.headers["content-length"]), full)
-        with self.subTest("bad-length"):
-            self.set_faults(chassis + ":bad-length=10")
-            reply = self.emu.curl(chassis)
-            self.assertEqual((reply.headers["content-length"], len(reply.body)), ("10", 10))
-        with self.subTest("unknown-manufacturer"):
-            self.set_faults("/redfish/v1/Systems/*:unknown-manufacturer")
-            system = self.emu.get_json("/redfish/v1/Systems/node1")[1]
-            self.assertEqual((system["Manufacturer"], system["Model"]), ("Unknown", "CS-2100"))
-            self.assertEqual(self.emu.get_json("/redfish/v1/Chassis/1U")[1]["Manufacturer"], "Contoso")
-
-
 if __name__ == "__main__":
     unittest.main()
