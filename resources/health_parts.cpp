@@ -151,23 +151,6 @@ std::vector<std::string> LinksOf(const Value& resource, const char* name) {
   return out;
 }
 
-bool CollectionMembers(const Value& collection, std::vector<const Value*>& whole,
-                       std::vector<std::string>& links) {
-  const Value* members = JsonMember(collection, "Members");
-  if (members == nullptr || !members->IsArray()) return false;
-  for (const Value& member : members->GetArray()) {
-    if (!member.IsObject()) continue;
-    std::string target;
-    const bool linked = JsonString(member, "@odata.id", target);
-    if (linked && member.MemberCount() == 1) {
-      links.push_back(RequestPath(std::move(target)));
-    } else {
-      whole.push_back(&member);
-    }
-  }
-  return true;
-}
-
 uint64_t Fnv1a(const std::string& text, uint64_t seed) {
   uint64_t hash = seed;
   for (unsigned char c : text) {

@@ -80,12 +80,6 @@ std::string LinkOf(const rapidjson::Value& resource, const char* name);
 std::vector<std::string> LinksOf(const rapidjson::Value& resource, const char* name);
 std::string RequestPath(std::string odataId);
 
-// A collection's "Members": those given whole (a BMC that expanded them) and
-// those given only as links. False when "Members" is not an array.
-bool CollectionMembers(const rapidjson::Value& collection,
-                       std::vector<const rapidjson::Value*>& whole,
-                       std::vector<std::string>& links);
-
 // Every Health and HealthRollup text in a resource, with where it is: a
 // change anywhere (a subsystem's summary, a maker's aggregate) changes the
 // digest. Bounded work whatever the document's shape.

@@ -18,8 +18,6 @@ constexpr int kCursorVersion = 1;
 constexpr size_t kMaxCursor = size_t{128} * 1024;
 constexpr char kRedfishPrefix[] = "/redfish/v1";
 
-std::string Bounded(std::string_view text, size_t limit) { return BoundedText(text, limit); }
-
 bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
   return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
            return std::tolower(static_cast<unsigned char>(x)) ==
@@ -256,19 +254,19 @@ std::optional<int64_t> ParseRedfishTime(std::string_view t) {
 int LogRecordOf(const rapidjson::Value& member, LogRecord& r) {
   if (!member.IsObject()) return RedfishStatusUnexpectedJson;
   r = LogRecord();
-  r.id = Bounded(JsonText(member, "Id"), LogRecord::kMaxText);
+  r.id = BoundedText(JsonText(member, "Id"), LogRecord::kMaxText);
   const std::string created = JsonText(member, "Created");
-  r.created = Bounded(created, LogRecord::kMaxText);
+  r.created = BoundedText(created, LogRecord::kMaxText);
   r.time = ParseRedfishTime(created);
   std::string severity = JsonText(member, "Severity");
   if (severity.empty()) severity = JsonText(member, "MessageSeverity");
   r.severity = SeverityOf(severity);
-  r.message = Bounded(JsonText(member, "Message"), LogRecord::kMaxMessage);
-  r.messageId = Bounded(JsonText(member, "MessageId"), LogRecord::kMaxText);
-  r.entryCode = Bounded(JsonText(member, "EntryCode"), LogRecord::kMaxText);
+  r.message = BoundedText(JsonText(member, "Message"), LogRecord::kMaxMessage);
+  r.messageId = BoundedText(JsonText(member, "MessageId"), LogRecord::kMaxText);
+  r.entryCode = BoundedText(JsonText(member, "EntryCode"), LogRecord::kMaxText);
   if (const rapidjson::Value* links = JsonMember(member, "Links")) {
     if (const rapidjson::Value* origin = JsonMember(*links, "OriginOfCondition")) {
-      r.origin = Bounded(JsonText(*origin, "@odata.id"), LogRecord::kMaxText);
+      r.origin = BoundedText(JsonText(*origin, "@odata.id"), LogRecord::kMaxText);
     }
   }
   const rapidjson::Value* number = JsonMember(member, "SensorNumber");
@@ -289,8 +287,9 @@ int LogRecordOf(const rapidjson::Value& member, LogRecord& r) {
     part = "@" + r.origin;
   } else if (const rapidjson::Value* args = JsonMember(member, "MessageArgs")) {
     if (args->IsArray() && !args->Empty() && (*args)[0].IsString()) {
-      part = "=" + Bounded(std::string_view((*args)[0].GetString(), (*args)[0].GetStringLength()),
-                           LogRecord::kMaxText);
+      part =
+          "=" + BoundedText(std::string_view((*args)[0].GetString(), (*args)[0].GetStringLength()),
+                            LogRecord::kMaxText);
     }
   }
   std::string family;

@@ -28,10 +28,7 @@ QueryFeatures FeaturesOf(const rapidjson::Value& root) {
   const rapidjson::Value* supported = JsonMember(root, "ProtocolFeaturesSupported");
   if (supported == nullptr || !supported->IsObject()) return f;
   f.select = Flag(*supported, "SelectQuery");
-  f.only = Flag(*supported, "OnlyMemberQuery");
-  f.filter = Flag(*supported, "FilterQuery");
   f.topSkip = Flag(*supported, "TopSkipQuery");
-  f.excerpt = Flag(*supported, "ExcerptQuery");
   const rapidjson::Value* expand = JsonMember(*supported, "ExpandQuery");
   // The reads expand with ".($levels=N)": the service must take levels.
   if (expand != nullptr && expand->IsObject() && Flag(*expand, "Levels")) {
@@ -43,9 +40,8 @@ QueryFeatures FeaturesOf(const rapidjson::Value& root) {
 }
 
 bool& Usable(QueryFeatures& f, QueryOption option) {
-  static constexpr bool QueryFeatures::*kUsable[] = {
-      &QueryFeatures::select, &QueryFeatures::expand,  &QueryFeatures::only,
-      &QueryFeatures::filter, &QueryFeatures::topSkip, &QueryFeatures::excerpt};
+  static constexpr bool QueryFeatures::*kUsable[] = {&QueryFeatures::select,
+                                                     &QueryFeatures::expand};
   return f.*kUsable[static_cast<size_t>(option)];
 }
 

@@ -19,7 +19,7 @@ namespace redfish {
 
 class Inventory;
 
-enum class QueryOption { Select, Expand, Only, Filter, TopSkip, Excerpt };
+enum class QueryOption { Select, Expand };
 
 // A GET's outcome: the result (0, the HTTP status, a transport code or 10003
 // for a spent budget), the body as sent and, for 0, the body parsed (check

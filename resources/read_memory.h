@@ -20,10 +20,7 @@ struct QueryFeatures {
   bool select = false;           // $select
   bool expand = false;           // $expand=.($levels=N)
   unsigned expandMaxLevels = 0;  // the deepest $levels it takes (at least 1 when expand)
-  bool only = false;             // only
-  bool filter = false;           // $filter
   bool topSkip = false;          // $top and $skip
-  bool excerpt = false;          // excerpt
 };
 
 struct ReadingsPlan;  // resources/sensor_readings.cpp
