@@ -8,6 +8,7 @@
 #include "bmcredfish.h"
 #include "formatted.h"
 #include "toolkit/bmc_text.h"
+#include "toolkit/duration.h"
 
 namespace {
 
@@ -40,21 +41,11 @@ std::string Describe(const toolkit::LogDocument& d) {
 }  // namespace
 
 bool ParseSince(const std::string& text, double now, double& since) {
-  char* end = nullptr;
-  const double amount = std::strtod(text.c_str(), &end);
-  if (end != text.c_str() && std::isfinite(amount) && amount >= 0 && end[0] != '\0' &&
-      end[1] == '\0' && text.find('-') == std::string::npos) {
-    static const struct {
-      char unit;
-      double seconds;
-    } kUnits[] = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
-    for (const auto& u : kUnits) {
-      if (end[0] == u.unit) {
-        since = now - amount * u.seconds;
-        return true;
-      }
-    }
-    return false;
+  double seconds = 0;
+  bool unit = false;
+  if (text.find('-') == std::string::npos && toolkit::ParseDuration(text, seconds, unit) && unit) {
+    since = now - seconds;
+    return true;
   }
   struct tm tm {};
   int offsetHours = 0, offsetMinutes = 0;

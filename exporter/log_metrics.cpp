@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "exposition.h"
+#include "toolkit/duration.h"
 #include "toolkit/json_members.h"
 #include "toolkit/log_document.h"
 
@@ -183,20 +184,11 @@ std::string RenderLogSeries(const LogSeries& s) {
 }
 
 bool ParseLogWindow(const std::string& text, double& seconds) {
-  char* end = nullptr;
-  double value = std::strtod(text.c_str(), &end);
-  if (end == text.c_str() || !std::isfinite(value) || value <= 0) return false;
-  if (*end != '\0') {
-    static const struct {
-      char unit;
-      double seconds;
-    } kUnits[] = {{'s', 1}, {'m', 60}, {'h', 3600}, {'d', 86400}};
-    const auto unit = std::find_if(std::begin(kUnits), std::end(kUnits),
-                                   [&](const auto& u) { return u.unit == *end; });
-    if (unit == std::end(kUnits) || end[1] != '\0') return false;
-    value *= unit->seconds;
+  double value = 0;
+  bool unit = false;
+  if (!toolkit::ParseDuration(text, value, unit) || value < 60 || value > 366 * 86400) {
+    return false;
   }
-  if (value < 60 || value > 366 * 86400) return false;
   seconds = value;
   return true;
 }

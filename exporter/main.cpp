@@ -38,6 +38,7 @@ struct Options {
   std::string textfile;
   std::string stateFile;
   std::string logWindow;
+  double window = kDefaultLogWindow;  // logWindow's seconds
   std::string stateDirectory;
   bool noHealth = false;
 };
@@ -144,8 +145,7 @@ int Parse(int argc, char** argv, Options& o, bool& done) {
   }
   if (optind < argc) return Usage(std::string("unexpected argument: ") + argv[optind]);
   if (!o.stateFile.empty() && o.textfile.empty()) return Usage("--state-file needs --textfile");
-  double window = 0;
-  if (!o.logWindow.empty() && !ParseLogWindow(o.logWindow, window)) {
+  if (!o.logWindow.empty() && !ParseLogWindow(o.logWindow, o.window)) {
     return Usage("bad --log-window '" + o.logWindow + "' (a minute to a year: 90m, 24h, 7d)");
   }
   if (o.libraryLog.empty()) {
@@ -236,10 +236,8 @@ int main(int argc, char** argv) {
   FeatureState_Init();
   if (uint8_t* redfish = GetFeatureState_Slow("REDFISH")) *redfish = 1;
 
-  double window = kDefaultLogWindow;
-  if (!o.logWindow.empty()) ParseLogWindow(o.logWindow, window);
   BmcReader reader(std::move(credentials), static_cast<unsigned>(o.bmcTimeout * 1000), !o.noHealth,
-                   window);
+                   o.window);
   if (o.textfile.empty()) {
     // systemd's StateDirectory= names it; it may list several, the first is ours.
     const char* fromUnit = std::getenv("STATE_DIRECTORY");
