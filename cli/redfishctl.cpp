@@ -26,6 +26,7 @@
 #include "library_log.h"
 #include "log.h"
 #include "sensors_table.h"
+#include "toolkit/atomic_file.h"
 #include "toolkit/bmc_text.h"
 #include "toolkit/failure_text.h"
 #include "toolkit/health.h"
@@ -464,11 +465,8 @@ int HealthCommand(Session& s) {
   Redfish_FreeText(json);
   s.Drain();
   if (!s.Opt().state.empty()) {
-    const std::string temporary = s.Opt().state + ".new";
-    std::ofstream out(temporary, std::ios::trunc);
-    out << doc << "\n";
-    out.close();
-    if (!out || std::rename(temporary.c_str(), s.Opt().state.c_str()) != 0)
+    std::string error;
+    if (!toolkit::WriteAtomically(s.Opt().state, doc + "\n", error))
       s.Note("health: cannot write " + s.Opt().state);
   }
   toolkit::Health health;

@@ -7,10 +7,9 @@
 #include <string>
 
 #include "snapshot.h"
+#include "toolkit/atomic_file.h"
 
-// Writes text to path through a temporary file in the same folder (a name the
-// collector ignores), synced and renamed over path, mode 0644.
-bool WriteAtomically(const std::string& path, const std::string& text, std::string& error);
+using toolkit::WriteAtomically;
 
 // The last good values and counters from a state file; false (snapshot
 // untouched) when there is none or it cannot be read.
